@@ -1,0 +1,36 @@
+// A place for one thing that a thread leaves for the worker it starts next.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+/// Guards the place; what lies in it are members of whoever owns the HandOver. A second content
+/// waits until the first has been taken, so that none is lost or taken twice.
+///
+/// Thread: any.
+class HandOver {
+ public:
+  /// Runs |fill| once the previous content has been taken. The caller then starts the worker
+  /// that takes this one.
+  template <typename Fill>
+  void put(Fill fill) {
+    std::unique_lock<std::mutex> lock(mutex);
+    taken.wait(lock, [this] { return !waiting; });
+    fill();
+    waiting = true;
+  }
+
+  /// Runs |copy| and frees the place.
+  template <typename Copy>
+  void take(Copy copy) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    copy();
+    waiting = false;
+    taken.notify_one();
+  }
+
+ private:
+  std::mutex mutex;
+  std::condition_variable taken;
+  bool waiting = false;
+};

@@ -1,0 +1,47 @@
+// Keeps detached workers away from a manager that has gone.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+/// Shared by a manager and its workers, and outlives the manager with the last of them. A worker
+/// touches the manager only while it holds a Pass; the manager's destructor closes the gate and
+/// waits for the passes that are out, which are held for work and never for a sleep.
+///
+/// Thread: any.
+class WorkerGate : public std::enable_shared_from_this<WorkerGate> {
+ public:
+  /// Leaves the gate when it dies.
+  class Pass {
+   public:
+    explicit Pass(std::shared_ptr<WorkerGate> gate) : held(std::move(gate)) {}
+    Pass(Pass&&) = default;
+    Pass& operator=(Pass&&) = delete;
+    ~Pass() {
+      if (held) held->leave();
+    }
+
+   private:
+    std::shared_ptr<WorkerGate> held;
+  };
+
+  /// A pass for a worker that is about to be started by somebody who may touch the manager, as
+  /// the event thread and holders of a pass may.
+  [[nodiscard]] Pass hold();
+
+  /// A pass for a worker that has slept; none once the gate is closed.
+  [[nodiscard]] std::optional<Pass> enter();
+
+  /// Gives out no more passes to sleepers and returns when every pass is back.
+  void closeAndWait();
+
+ private:
+  void leave();
+
+  std::mutex mutex;
+  std::condition_variable lastPassBack;
+  unsigned int passes = 0;
+  bool closed = false;
+};

@@ -1,0 +1,125 @@
+// The plug-in's one manager, and its entry points.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ctmgr/HandOver.h"
+#include "ctmgr/WorkerGate.h"
+#include "ctmgr/ZanConnTrackFilter.h"
+#include "ctmgr/ZanConnTrackParser.h"
+#include "ctmgr/ZanConnTrackUtils.h"
+#include "ctmgr/ZanNetlinkMgr.h"
+#include "host/Zan.h"
+#include "host/ZanNetlinkSocket.h"
+
+/// Pause between the flushes of a departed client, in seconds.
+inline constexpr int SAP_CLIENT_RECHECK_DELAY = 5;
+
+/// Turns data-service events into flushes of stale hotspot connections.
+///
+/// A flush scans the conntrack table and leaves what it found in v4DeleteList and v6DeleteList
+/// for a detached worker, which takes a copy and asks the kernel to delete every tuple.
+///
+/// Threads: the event thread makes every call, but for deleteConntrackEntries() and
+/// cleanUpRemainingEntries(), which are bodies of detached workers; the latter flushes from its
+/// own thread.
+class ZanConnTrackMgr {
+ public:
+  /// The tuple of one delete request; addresses and ports in network byte order.
+  struct ctTuple {
+    std::uint8_t src[16];  ///< IPv4 in the first 4 bytes
+    std::uint8_t dst[16];
+    std::uint8_t l3protonum;  ///< AF_INET or AF_INET6
+    std::uint8_t protonum;    ///< IPPROTO_TCP or IPPROTO_UDP
+    std::uint16_t srcPrt;
+    std::uint16_t dstPrt;
+  };
+
+  /// |host| must outlive the manager. Construction always succeeds; without the conntrack table
+  /// there are no flushes, and with the property persist.vendor.zan.disable.sap.conntrack set to
+  /// a non-zero number nothing that flushes is created.
+  explicit ZanConnTrackMgr(Zan& host);
+
+  /// Waits for flushes and deletions in progress, not for workers that sleep. The netlink socket
+  /// is left open for the rest of the process's life.
+  ~ZanConnTrackMgr();
+  ZanConnTrackMgr(const ZanConnTrackMgr&) = delete;
+  ZanConnTrackMgr& operator=(const ZanConnTrackMgr&) = delete;
+
+  /// Listener for data-service events; |cbData| is the manager.
+  static void dsmEventHandler(ZanDsmEvent event, const void* evtData, void* cbData);
+
+  /// The property above as a number.
+  int readSapConnTrackProperty();
+
+  /// |sapClientList| is the complete new client list; flushes those who are no longer on it.
+  void processSapClientsChanged(std::vector<std::string>& sapClientList);
+
+  /// Flushes each of |clients| at once, and again from a worker.
+  void processDisconnectedSapClients(std::vector<std::string>& clients);
+
+  /// One flush of |client|, a MAC address text.
+  void processDisconnectedSapClient(std::string client);
+
+  /// Worker: flushes |client| after one and after two delays, then forgets its addresses. Ends
+  /// quietly when the manager has gone meanwhile.
+  void cleanUpRemainingEntries(std::string client);
+
+  /// Flushes the IPv4 entries of all known neighbours that were translated to |lostIpAddresses|.
+  void processUpStreamIpLostEvent(std::vector<std::string>& lostIpAddresses);
+
+  /// Worker: deletes what the two lists hold when it starts; |mgr| is the manager.
+  static void deleteConntrackEntries(void* mgr);
+
+  /// Sends one delete request per record, in list order. Any thread.
+  void deleteV4ConntrackEntries(std::list<ZanConnTrackFilter_s>& entries);
+  void deleteV6ConntrackEntries(std::list<ZanConnTrackFilter_s>& entries);
+
+  /// Appends the tuple to |msg|, which stands in a zeroed buffer of DELETE_MSG_MAX_LEN bytes.
+  /// Returns 1, or 0 when it does not fit.
+  int fillTupleInfo(nlmsghdr* msg, ctTuple* tuple);
+
+  /// Makes |msg| a delete request for |family| without a tuple yet, with the next sequence
+  /// number. Returns 0.
+  int fillNetlinkHeader(nlmsghdr* msg, std::uint8_t family);
+
+ protected:
+  [[nodiscard]] bool flushesEnabled() const;
+  void startDeletion(std::list<ZanConnTrackFilter_s> v4, std::list<ZanConnTrackFilter_s> v6);
+  [[nodiscard]] bool sendDeleteRequest(ctTuple& tuple);
+  static void flushAgain(const std::shared_ptr<WorkerGate>& gate, ZanConnTrackMgr* mgr,
+                         const std::string& client);
+
+  std::list<ZanConnTrackFilter_s> v4DeleteList;
+  std::list<ZanConnTrackFilter_s> v6DeleteList;
+  Zan& host;
+  ZanDsm* zanDsm = nullptr;
+  ZanRix* zanRix = nullptr;
+  ZanCom* zanCom = nullptr;  ///< set only while hotspot handling is enabled
+  ZanConnTrackUtils connTrackUtils;
+  ZanNetlinkMgr* netlinkMgr = nullptr;            ///< owned; null without hotspot handling
+  ZanConnTrackParser* conntrackParser = nullptr;  ///< owned; null without hotspot handling
+  std::vector<std::string> sapClients;
+  std::vector<std::string> disconnectedSapClients;
+  ZanNetlinkSocket* conntrackSocket = nullptr;  ///< lives until the process ends
+  std::atomic<std::uint32_t> deleteSeq{0};      ///< sequence number of the last request
+
+  HandOver deleteLists;  ///< guards the two lists
+  std::shared_ptr<WorkerGate> workers = std::make_shared<WorkerGate>();
+};
+
+/// The manager between init_ct_mgr() and deinit_ct_mgr(), otherwise null. Event thread only.
+extern ZanConnTrackMgr* gConnTrackMgr;
+
+/// Creates the manager. Event thread. Returns 0, or -1 when |host| is null or there is a manager.
+extern "C" [[gnu::visibility("default")]] int init_ct_mgr(Zan* host);
+
+/// Destroys the manager. Event thread. Returns 0, or -1 when there is none.
+extern "C" [[gnu::visibility("default")]] int deinit_ct_mgr();

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace lab {
+
+class NetNamespace;
+
+/// One direction of a tracked connection, as its packets look on their way in.
+struct ConntrackTuple {
+  /// In the spelling of IpAddress::canonical().
+  std::string source;
+  std::string destination;
+  /// Host order; 0 for protocols without ports.
+  std::uint16_t sourcePort = 0;
+  std::uint16_t destinationPort = 0;
+
+  auto operator<=>(const ConntrackTuple&) const = default;
+};
+
+/// One line of /proc/net/nf_conntrack.
+struct ConntrackEntry {
+  /// 4 or 6.
+  int family = 0;
+  /// As the kernel names it: "tcp", "udp", "icmp", ..., "unknown".
+  std::string protocol;
+  int protocolNumber = 0;
+  /// Until the entry dies by itself; 0 if the kernel prints none (offloaded connections).
+  std::int64_t timeoutSeconds = 0;
+  /// "ESTABLISHED", ...; empty for protocols without states.
+  std::string state;
+  ConntrackTuple original;
+  ConntrackTuple reply;
+
+  /// Whether |address| (canonical spelling) is the source of either direction: for a hotspot
+  /// client that is an entry of a connection of its own or of one made to it.
+  [[nodiscard]] bool concerns(const std::string& address) const;
+  [[nodiscard]] bool isTcpOrUdp() const { return protocol == "tcp" || protocol == "udp"; }
+  /// Same connection, whatever its age and state.
+  [[nodiscard]] bool sameConnection(const ConntrackEntry& other) const;
+  /// "IPv4 udp 10.43.0.2:4711 -> 203.0.113.2:7000".
+  [[nodiscard]] std::string text() const;
+};
+
+/// The lab's own view of the kernel's table, independent of the plug-in's reading of it.
+class ConntrackTable {
+ public:
+  /// The table of |where|, read to its end now. Entries that come or go meanwhile may be seen
+  /// or not. When entries go meanwhile, kernels before 6.16, which count their way through the
+  /// table from page to page, can also skip as many that stay: for a claim that something is
+  /// gone, look twice. Throws Error, also for a line that makes no sense.
+  [[nodiscard]] static std::vector<ConntrackEntry> read(const NetNamespace& where);
+
+  /// The entries of |text|, which has the format of /proc/net/nf_conntrack. Throws Error.
+  [[nodiscard]] static std::vector<ConntrackEntry> parse(const std::string& text);
+
+  /// Those of |entries| that concern |address| (any spelling).
+  [[nodiscard]] static std::vector<ConntrackEntry> concerning(
+      const std::vector<ConntrackEntry>& entries, const std::string& address);
+};
+
+}  // namespace lab

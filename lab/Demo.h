@@ -1,0 +1,79 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "ClientConnections.h"
+#include "ConntrackTable.h"
+#include "DemoReport.h"
+#include "EchoServer.h"
+#include "HostProcess.h"
+#include "HotspotNetwork.h"
+
+namespace lab {
+
+/// The system at work, for somebody who has never seen it: two hotspot clients with real
+/// connections, one leaves, the upstream address is lost. Every sentence it prints about the
+/// gateway's connection table was read from the kernel.
+class Demo {
+ public:
+  /// Thrown out of run() after requestStop().
+  class Interrupted : public std::runtime_error {
+   public:
+    Interrupted() : std::runtime_error("interrupted; nothing is left behind") {}
+  };
+
+  Demo(std::string host, std::string plugin);
+
+  /// Plays all acts, about six seconds. Throws CheckFailed for the first claim that does not
+  /// hold, Error if something cannot be set up, Interrupted.
+  void run();
+
+  /// Makes run() end soon. May be called from a signal handler.
+  static void requestStop();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Entries = std::vector<ConntrackEntry>;
+
+  void introduce() const;
+  void raise();
+  void openConnections();
+  void leave();
+  void straggle();
+  void loseUpstream();
+  void summarise();
+  void stopHost();
+
+  /// The TCP and UDP entries of client |i| in the gateway's table now; all of it in |all|.
+  [[nodiscard]] Entries entriesOf(std::size_t i, Entries* all = nullptr) const;
+  /// Tries |condition| until it holds, at most until |deadline|. Returns when it came to hold.
+  [[nodiscard]] static std::optional<Clock::time_point> poll(
+      const std::function<bool()>& condition, Clock::time_point deadline);
+
+  /// The same for the claim that |look| finds nothing any more.
+  [[nodiscard]] static std::optional<Clock::time_point> pollUntilNone(
+      const std::function<Entries()>& look, Clock::time_point deadline);
+
+  std::string hostProgram_;
+  std::string plugin_;
+  DemoReport report_;
+
+  // Torn down in reverse: the clients' connections first, the namespaces last.
+  std::unique_ptr<HotspotNetwork> network_;
+  std::unique_ptr<EchoServer> server_;
+  std::unique_ptr<HostProcess> host_;
+  std::unique_ptr<ClientConnections> connectionsA_;
+  std::unique_ptr<ClientConnections> connectionsB_;
+
+  Clock::time_point departure_;
+  /// Entries seen in the table that the plug-in then had deleted.
+  std::size_t vanished_ = 0;
+};
+
+}  // namespace lab

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "ConntrackTable.h"
+#include "HotspotNetwork.h"
+
+namespace lab {
+
+/// A claim of the demo that the kernel's state does not bear out.
+class CheckFailed : public std::runtime_error {
+ public:
+  CheckFailed(const std::string& claim, const std::string& expected, const std::string& seen)
+      : std::runtime_error("FAILED: " + claim + "\n  expected: " + expected +
+                           "\n  seen:     " + seen) {}
+};
+
+/// What the demo prints, on standard output, and the timeline it keeps of what it observed.
+class DemoReport {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// A paragraph's line; flushed, so that it appears when it happens.
+  void say(const std::string& line) const;
+  /// Starts the next act.
+  void act(const std::string& title);
+
+  /// Prints |claim| and |seen| if |holds|; throws CheckFailed otherwise.
+  void check(bool holds, const std::string& claim, const std::string& expected,
+             const std::string& seen);
+  [[nodiscard]] std::size_t checks() const { return checks_; }
+
+  /// One row for each client of |network|: its TCP and UDP entries in |entries|.
+  void table(const HotspotNetwork& network, const std::vector<ConntrackEntry>& entries) const;
+
+  void observe(Clock::time_point when, const std::string& what);
+  /// All observations in order of time, in milliseconds from |zero|.
+  void timeline(Clock::time_point zero);
+
+ private:
+  struct Observation {
+    Clock::time_point when;
+    std::string what;
+  };
+
+  unsigned act_ = 0;
+  std::size_t checks_ = 0;
+  std::vector<Observation> observations_;
+};
+
+}  // namespace lab

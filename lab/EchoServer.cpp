@@ -1,0 +1,164 @@
+#include "EchoServer.h"
+
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+
+#include "Error.h"
+#include "IpAddress.h"
+#include "NetNamespace.h"
+
+namespace lab {
+namespace {
+
+constexpr std::size_t kChunk = 65536;
+constexpr int kBacklog = 1024;
+
+void setOption(int fd, int level, int option, int value) {
+  if (::setsockopt(fd, level, option, &value, sizeof value) != 0) {
+    throw systemError("cannot set an option of the echo server's socket");
+  }
+}
+
+UniqueFd openSocket(int family, int type, std::uint16_t port) {
+  UniqueFd fd(::socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) throw systemError("cannot create a socket for the echo server");
+  setOption(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1);
+  if (family == AF_INET6) setOption(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, 1);
+
+  sockaddr_storage address{};
+  const socklen_t length = IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(port, address);
+  if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+    throw systemError("cannot bind the echo server to port " + std::to_string(port));
+  }
+  if (type == SOCK_STREAM && ::listen(fd.get(), kBacklog) != 0) {
+    throw systemError("the echo server cannot listen");
+  }
+  return fd;
+}
+
+}  // namespace
+
+EchoServer::EchoServer(const NetNamespace& where, std::uint16_t port) : port_(port) {
+  where.run([this, port] {
+    tcp4_ = openSocket(AF_INET, SOCK_STREAM, port);
+    tcp6_ = openSocket(AF_INET6, SOCK_STREAM, port);
+    udp4_ = openSocket(AF_INET, SOCK_DGRAM, port);
+    udp6_ = openSocket(AF_INET6, SOCK_DGRAM, port);
+  });
+  stop_.reset(::eventfd(0, EFD_CLOEXEC));
+  epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  if (!stop_.valid() || !epoll_.valid()) throw systemError("cannot create the server's loop");
+  for (const UniqueFd* fd : {&tcp4_, &tcp6_, &udp4_, &udp6_, &stop_}) {
+    watch(fd->get(), EPOLLIN, EPOLL_CTL_ADD);
+  }
+  thread_ = std::thread([this] { serve(); });
+}
+
+EchoServer::~EchoServer() {
+  const std::uint64_t one = 1;
+  // An eventfd that is written once cannot refuse.
+  [[maybe_unused]] const ssize_t written = ::write(stop_.get(), &one, sizeof one);
+  thread_.join();
+}
+
+void EchoServer::sendDatagram(const std::string& address, std::uint16_t port,
+                              const std::string& payload) const {
+  const IpAddress to(address);
+  sockaddr_storage storage{};
+  const socklen_t length = to.toSockaddr(port, storage);
+  const int fd = to.family() == AF_INET ? udp4_.get() : udp6_.get();
+  if (::sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<const sockaddr*>(&storage),
+               length) < 0) {
+    throw systemError("the server cannot send a datagram to " + address);
+  }
+}
+
+void EchoServer::watch(int fd, std::uint32_t events, int operation) const {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  if (::epoll_ctl(epoll_.get(), operation, fd, &event) != 0) {
+    throw systemError("the echo server cannot watch a socket");
+  }
+}
+
+void EchoServer::serve() {
+  std::array<epoll_event, 64> events{};
+  while (true) {
+    const int ready =
+        ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
+    for (int i = 0; i < ready; ++i) {
+      const epoll_event& event = events.at(static_cast<std::size_t>(i));
+      if (event.data.fd == stop_.get()) return;
+      handle(event.data.fd, event.events);
+    }
+  }
+}
+
+void EchoServer::handle(int fd, std::uint32_t events) {
+  if (fd == tcp4_.get() || fd == tcp6_.get()) return acceptAll(fd);
+  if (fd == udp4_.get() || fd == udp6_.get()) return echoDatagrams(fd);
+  echoStream(fd, events);
+}
+
+void EchoServer::acceptAll(int listener) {
+  while (true) {
+    UniqueFd fd(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!fd.valid()) return;
+    // Closing resets: a connection that waits for the last answer of a client that is gone
+    // would keep the namespace alive for minutes.
+    const linger reset{1, 0};
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    const int key = fd.get();
+    watch(key, EPOLLIN, EPOLL_CTL_ADD);
+    streams_[key].fd = std::move(fd);
+  }
+}
+
+void EchoServer::echoDatagrams(int fd) const {
+  std::array<char, kChunk> buffer;
+  while (true) {
+    sockaddr_storage from{};
+    socklen_t length = sizeof from;
+    sockaddr* const peer = reinterpret_cast<sockaddr*>(&from);
+    const ssize_t got = ::recvfrom(fd, buffer.data(), buffer.size(), 0, peer, &length);
+    if (got < 0 && errno == EAGAIN) return;
+    // An ICMP error about an earlier datagram; the next ones are still there.
+    if (got < 0) continue;
+    ::sendto(fd, buffer.data(), static_cast<std::size_t>(got), 0, peer, length);
+  }
+}
+
+void EchoServer::echoStream(int fd, std::uint32_t events) {
+  Stream& stream = streams_.at(fd);
+  if ((events & EPOLLIN) != 0 && stream.pending.empty()) {
+    std::array<char, kChunk> buffer;
+    const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+    if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+      streams_.erase(fd);
+      return;
+    }
+    if (got > 0) stream.pending.assign(buffer.data(), static_cast<std::size_t>(got));
+  }
+  if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
+    streams_.erase(fd);
+    return;
+  }
+  if (stream.pending.empty()) return;
+
+  const ssize_t sent = ::send(fd, stream.pending.data(), stream.pending.size(), MSG_NOSIGNAL);
+  if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+    streams_.erase(fd);
+    return;
+  }
+  if (sent > 0) stream.pending.erase(0, static_cast<std::size_t>(sent));
+  // Read on only when everything is echoed.
+  watch(fd, stream.pending.empty() ? EPOLLIN : EPOLLOUT, EPOLL_CTL_MOD);
+}
+
+}  // namespace lab

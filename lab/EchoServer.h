@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "UniqueFd.h"
+
+namespace lab {
+
+class NetNamespace;
+
+/// Sends back whatever it receives: TCP and UDP, IPv4 and IPv6, all on one port, from one thread
+/// of its own. Ends, and resets its connections, with its destructor.
+class EchoServer {
+ public:
+  static constexpr std::uint16_t kDefaultPort = 7000;
+
+  /// Serves on all addresses of |where|; ready when the constructor returns. Throws Error.
+  explicit EchoServer(const NetNamespace& where, std::uint16_t port = kDefaultPort);
+  ~EchoServer();
+  EchoServer(const EchoServer&) = delete;
+  EchoServer& operator=(const EchoServer&) = delete;
+
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+
+  /// Sends one datagram nobody asked for from the server's port to |address| and |port|. Whether
+  /// it arrives is another matter. Any thread. Throws Error.
+  void sendDatagram(const std::string& address, std::uint16_t port,
+                    const std::string& payload) const;
+
+ private:
+  void watch(int fd, std::uint32_t events, int operation) const;
+  void serve();
+  void handle(int fd, std::uint32_t events);
+  void acceptAll(int listener);
+  void echoDatagrams(int fd) const;
+  void echoStream(int fd, std::uint32_t events);
+
+  std::uint16_t port_;
+  UniqueFd tcp4_;
+  UniqueFd tcp6_;
+  UniqueFd udp4_;
+  UniqueFd udp6_;
+  UniqueFd stop_;
+  UniqueFd epoll_;
+
+  struct Stream {
+    UniqueFd fd;
+    /// Read but not yet accepted back by the kernel.
+    std::string pending;
+  };
+  std::unordered_map<int, Stream> streams_;
+  std::thread thread_;
+};
+
+}  // namespace lab

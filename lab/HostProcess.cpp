@@ -1,0 +1,229 @@
+#include "HostProcess.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <nlohmann/json.hpp>
+
+#include "Error.h"
+#include "NetNamespace.h"
+
+namespace lab {
+namespace {
+
+constexpr int kAnomalyLevel = 3;
+constexpr std::size_t kTailLines = 20;
+// From the end of a process's output to the end of the process.
+constexpr std::chrono::milliseconds kEndGrace{200};
+
+std::vector<std::string> commandLine(const HostProcess::Options& options) {
+  std::vector<std::string> argv{options.program, "--plugin",    options.plugin,
+                                "--log-format",  "json",        "--log-level",
+                                std::to_string(options.logLevel)};
+  for (const std::string& property : options.properties) {
+    argv.emplace_back("--property");
+    argv.push_back(property);
+  }
+  argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
+  return argv;
+}
+
+HostProcess::LogLine parseLogLine(const std::string& line) {
+  HostProcess::LogLine result;
+  result.received = std::chrono::steady_clock::now();
+  const nlohmann::json json = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
+  if (!json.is_object()) {
+    result.text = line;
+    return result;
+  }
+  try {
+    result.time = json.at("time").get<std::string>();
+    result.level = json.at("level").get<int>();
+    result.module = json.at("module").get<std::string>();
+    result.text = json.at("text").get<std::string>();
+  } catch (const nlohmann::json::exception&) {
+    result = HostProcess::LogLine{result.received, "", -1, "", line};
+  }
+  return result;
+}
+
+bool isReady(const HostProcess::LogLine& line) {
+  return line.module == "HOST" && line.text.rfind("ready", 0) == 0;
+}
+
+bool isComplaint(const HostProcess::LogLine& line) {
+  return line.module == "HOST" && line.level == kAnomalyLevel;
+}
+
+}  // namespace
+
+HostProcess::HostProcess(const Options& options, const NetNamespace& where)
+    : process_(commandLine(options), &where), stopCollecting_(::eventfd(0, EFD_CLOEXEC)) {
+  if (!stopCollecting_.valid()) throw systemError("cannot create an eventfd");
+  collector_ = std::thread([this] { collect(); });
+  if (waitForLog(isReady, options.readyLimit)) return;
+
+  const bool ended = process_.waitFor(kEndGrace);
+  const std::string why = ended ? "ended with " + process_.status().text()
+                                : "was not ready within " +
+                                      std::to_string(options.readyLimit.count()) + " ms";
+  killAndJoin();
+  throw Error("the host " + options.program + " " + why + ". It said:" + logTail());
+}
+
+HostProcess::~HostProcess() { killAndJoin(); }
+
+void HostProcess::killAndJoin() {
+  process_.signal(SIGKILL);
+  const std::uint64_t one = 1;
+  // An eventfd that is written once cannot refuse.
+  [[maybe_unused]] const ssize_t written = ::write(stopCollecting_.get(), &one, sizeof one);
+  collector_.join();
+}
+
+std::string HostProcess::command(const std::string& text, std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  const std::size_t answersBefore = answers_.size();
+  const std::size_t logBefore = log_.size();
+  const auto complaint = [&] {
+    return std::find_if(log_.begin() + static_cast<std::ptrdiff_t>(logBefore), log_.end(),
+                        isComplaint);
+  };
+  lock.unlock();
+  const bool written = process_.write(text + "\n");
+  lock.lock();
+  if (written) {
+    changed_.wait_for(lock, limit, [&] {
+      return answers_.size() > answersBefore || outputEnded_ || complaint() != log_.end();
+    });
+  }
+  if (answers_.size() > answersBefore) return answers_[answersBefore];
+  const auto refusal = complaint();
+  if (refusal != log_.end()) {
+    throw Error("the host refuses the command '" + text + "': " + refusal->text);
+  }
+  const bool gone = !written || outputEnded_;
+  lock.unlock();
+  std::string why = "did not answer within " + std::to_string(limit.count()) + " ms";
+  if (gone && process_.waitFor(kEndGrace)) why = "ended with " + process_.status().text();
+  throw Error("the command '" + text + "' failed: the host " + why + ". It said last:" +
+              logTail());
+}
+
+nlohmann::json HostProcess::status() {
+  const std::string answer = command("status json");
+  nlohmann::json result = nlohmann::json::parse(answer, nullptr, /*allow_exceptions=*/false);
+  if (!result.is_object()) throw Error("the host's status is not a JSON object: " + answer);
+  return result;
+}
+
+std::optional<HostProcess::LogLine> HostProcess::waitForLog(const Predicate& predicate,
+                                                            std::chrono::milliseconds limit,
+                                                            std::size_t from) {
+  std::unique_lock lock(mutex_);
+  std::size_t next = from;
+  std::optional<LogLine> found;
+  changed_.wait_for(lock, limit, [&] {
+    for (; next < log_.size() && !found; ++next) {
+      if (predicate(log_[next])) found = log_[next];
+    }
+    return found.has_value() || outputEnded_;
+  });
+  return found;
+}
+
+std::size_t HostProcess::logCount() const {
+  const std::lock_guard lock(mutex_);
+  return log_.size();
+}
+
+std::vector<HostProcess::LogLine> HostProcess::log() const {
+  const std::lock_guard lock(mutex_);
+  return log_;
+}
+
+bool HostProcess::running() { return !process_.waitFor(std::chrono::milliseconds(0)); }
+
+ExitStatus HostProcess::stop(int signal, std::chrono::milliseconds limit) {
+  if (signal != 0) process_.signal(signal);
+  if (!process_.waitFor(limit)) {
+    process_.signal(SIGKILL);
+    throw Error("the host had not ended " + std::to_string(limit.count()) +
+                " ms after signal " + std::to_string(signal) + " and was killed. It said last:" +
+                logTail());
+  }
+  // A child of the host could hold its streams open, hence the limit.
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, std::chrono::seconds(1), [this] { return outputEnded_; });
+  return process_.status();
+}
+
+void HostProcess::collect() {
+  std::string answer;
+  std::string logLine;
+  int outputFd = process_.outputFd();
+  int errorsFd = process_.errorsFd();
+  while (outputFd >= 0 || errorsFd >= 0) {
+    std::array<pollfd, 3> waits{pollfd{outputFd, POLLIN, 0}, pollfd{errorsFd, POLLIN, 0},
+                                pollfd{stopCollecting_.get(), POLLIN, 0}};
+    if (::poll(waits.data(), waits.size(), -1) < 0) continue;
+    // Log lines first: what was logged before an answer is filed before it.
+    if (waits[1].revents != 0 && !collectFrom(errorsFd, logLine, &HostProcess::fileLogLine)) {
+      errorsFd = -1;
+    }
+    if (waits[0].revents != 0 && !collectFrom(outputFd, answer, &HostProcess::fileAnswer)) {
+      outputFd = -1;
+    }
+    if (waits[2].revents != 0) break;
+  }
+  if (!logLine.empty()) fileLogLine(logLine);
+  const std::lock_guard lock(mutex_);
+  outputEnded_ = true;
+  changed_.notify_all();
+}
+
+bool HostProcess::collectFrom(int fd, std::string& partial,
+                              void (HostProcess::*file)(const std::string&)) {
+  std::array<char, 65536> buffer;
+  const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+  if (got < 0) return errno == EINTR || errno == EAGAIN;
+  partial.append(buffer.data(), static_cast<std::size_t>(got));
+  std::size_t begin = 0;
+  for (std::size_t end = 0; (end = partial.find('\n', begin)) != std::string::npos;) {
+    (this->*file)(partial.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  partial.erase(0, begin);
+  return got > 0;
+}
+
+void HostProcess::fileAnswer(const std::string& line) {
+  const std::lock_guard lock(mutex_);
+  answers_.push_back(line);
+  changed_.notify_all();
+}
+
+void HostProcess::fileLogLine(const std::string& line) {
+  LogLine parsed = parseLogLine(line);
+  const std::lock_guard lock(mutex_);
+  log_.push_back(std::move(parsed));
+  changed_.notify_all();
+}
+
+std::string HostProcess::logTail() const {
+  const std::lock_guard lock(mutex_);
+  if (log_.empty()) return " nothing";
+  std::string text;
+  const std::size_t first = log_.size() > kTailLines ? log_.size() - kTailLines : 0;
+  for (std::size_t i = first; i < log_.size(); ++i) {
+    text += "\n  " + log_[i].module + " " + std::to_string(log_[i].level) + " " + log_[i].text;
+  }
+  return text;
+}
+
+}  // namespace lab

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Process.h"
+#include "UniqueFd.h"
+
+namespace lab {
+
+class NetNamespace;
+
+/// The host program with the plug-in, running in the gateway's namespace: takes commands, and
+/// everything it logs is kept.
+///
+/// A thread of this object collects the host's output; all members are for one other thread, the
+/// one that created the object (see Process about its life).
+class HostProcess {
+ public:
+  struct Options {
+    std::string program;
+    std::string plugin;
+    /// "NAME=VALUE" each.
+    std::vector<std::string> properties;
+    /// Lines below this level are not logged: 0 all to 4 errors only.
+    int logLevel = 2;
+    /// Further command line words.
+    std::vector<std::string> arguments;
+    /// How long loading the plug-in may take.
+    std::chrono::milliseconds readyLimit = std::chrono::seconds(10);
+  };
+
+  struct LogLine {
+    /// When the lab received it.
+    std::chrono::steady_clock::time_point received;
+    /// As the host wrote it. A line that is no JSON object (a sanitizer's report, say) has
+    /// level -1, no time and no module, and is the text as a whole.
+    std::string time;
+    int level = -1;
+    std::string module;
+    std::string text;
+  };
+  using Predicate = std::function<bool(const LogLine&)>;
+
+  /// Starts the host and returns when it reports that it is ready. Throws Error, with what the
+  /// host logged, if it does not.
+  HostProcess(const Options& options, const NetNamespace& where);
+  /// Kills the host if it still runs.
+  ~HostProcess();
+  HostProcess(const HostProcess&) = delete;
+  HostProcess& operator=(const HostProcess&) = delete;
+
+  /// Gives the host one command (without a newline) and returns the line it answers. Throws
+  /// Error with the host's complaint if it refuses the command, and if there is no answer within
+  /// |limit|; after that, answers and commands may no longer match. Not for the textual
+  /// "status", which answers several lines.
+  std::string command(const std::string& text,
+                      std::chrono::milliseconds limit = std::chrono::seconds(5));
+
+  /// The answer to "status json". Throws Error as command() does, and for anything but JSON.
+  [[nodiscard]] nlohmann::json status();
+
+  /// The first log line, from number |from| on, for which |predicate| is true; waits up to
+  /// |limit| for it to come, not beyond the host's end. |predicate| must not use this object.
+  [[nodiscard]] std::optional<LogLine> waitForLog(const Predicate& predicate,
+                                                  std::chrono::milliseconds limit,
+                                                  std::size_t from = 0);
+  /// How many lines have been logged so far: a |from| for "only what comes now".
+  [[nodiscard]] std::size_t logCount() const;
+  [[nodiscard]] std::vector<LogLine> log() const;
+
+  [[nodiscard]] pid_t pid() const { return process_.pid(); }
+  [[nodiscard]] bool running();
+
+  /// Sends |signal| (0: none, the host ends by itself) and returns how the host ended; its log
+  /// is complete then. Throws Error, and kills it, if it has not ended within |limit|.
+  ExitStatus stop(int signal, std::chrono::milliseconds limit = std::chrono::seconds(5));
+
+ private:
+  void killAndJoin();
+  void collect();
+  /// Appends what there is to |partial| and files its complete lines. False at the end.
+  bool collectFrom(int fd, std::string& partial, void (HostProcess::*file)(const std::string&));
+  void fileAnswer(const std::string& line);
+  void fileLogLine(const std::string& line);
+  [[nodiscard]] std::string logTail() const;
+
+  Process process_;
+  UniqueFd stopCollecting_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<LogLine> log_;
+  std::vector<std::string> answers_;
+  bool outputEnded_ = false;
+
+  std::thread collector_;
+};
+
+}  // namespace lab

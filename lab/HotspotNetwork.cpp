@@ -1,0 +1,140 @@
+#include "HotspotNetwork.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+
+#include "Error.h"
+#include "IpAddress.h"
+#include "Process.h"
+
+namespace lab {
+namespace {
+
+// The last byte of a client's MAC address is its index plus this.
+constexpr std::size_t kFirstMacByte = 10;
+
+std::string hex(std::size_t number, int digits) {
+  std::array<char, 20> text{};
+  std::snprintf(text.data(), text.size(), "%0*zx", digits, number);
+  return text.data();
+}
+
+std::string ipv4Net(std::size_t i) { return "10.43." + std::to_string(i) + "."; }
+std::string ipv6Net(std::size_t i) { return "2001:db8:43:" + hex(i, 1) + "::"; }
+
+HotspotNetwork::Client describeClient(std::size_t i, bool ipv6Only) {
+  HotspotNetwork::Client client;
+  client.name = i < 26 ? std::string(1, static_cast<char>('A' + i)) : "client" + std::to_string(i);
+  client.mac = "02:00:00:00:43:" + hex(i + kFirstMacByte, 2);
+  if (!ipv6Only) client.ipv4 = ipv4Net(i) + "2";
+  client.ipv6 = IpAddress::canonical(ipv6Net(i) + "2");
+  client.gatewayInterface = "ap" + std::to_string(i);
+  return client;
+}
+
+void runIpBatch(const NetNamespace& where, const std::string& lines) {
+  Process::runChecked({"ip", "-batch", "-"}, &where, lines);
+}
+
+// Defaults come from the machine's own settings, so each one that matters is set. Without
+// duplicate address detection an IPv6 address is usable at once.
+void prepareNamespace(const NetNamespace& where, bool router) {
+  for (const char* scope : {"all", "default"}) {
+    const std::string ipv4 = std::string("ipv4/conf/") + scope + "/";
+    const std::string ipv6 = std::string("ipv6/conf/") + scope + "/";
+    where.setSysctl((ipv4 + "rp_filter").c_str(), "0");
+    where.setSysctl((ipv6 + "disable_ipv6").c_str(), "0");
+    where.setSysctl((ipv6 + "accept_dad").c_str(), "0");
+    where.setSysctl((ipv6 + "accept_ra").c_str(), "0");
+  }
+  if (!router) return;
+  where.setSysctl("ipv4/ip_forward", "1");
+  where.setSysctl("ipv6/conf/all/forwarding", "1");
+}
+
+/// What ip calls |where|: a path through this process, which a child may follow.
+std::string namespacePath(const NetNamespace& where) {
+  return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(where.fd());
+}
+
+std::string clientAddressing(const HotspotNetwork::Client& client, std::size_t i) {
+  std::string lines = "link set eth0 up\n";
+  if (!client.ipv4.empty()) {
+    lines += "addr replace " + client.ipv4 + "/24 dev eth0\n";
+    lines += "route replace default via " + ipv4Net(i) + "1\n";
+  }
+  lines += "addr replace " + client.ipv6 + "/64 dev eth0 nodad\n";
+  lines += "route replace ::/0 via " + ipv6Net(i) + "1\n";
+  return lines;
+}
+
+}  // namespace
+
+HotspotNetwork::HotspotNetwork(const Options& options) {
+  if (options.clients > kMaxClients) {
+    throw Error("a hotspot of the lab has at most " + std::to_string(kMaxClients) + " clients");
+  }
+  prepareNamespace(gateway_, true);
+  prepareNamespace(upstream_, false);
+  buildUpstream();
+  buildFirewall();
+  for (std::size_t i = 0; i < options.clients; ++i) {
+    clients_.push_back(describeClient(i, options.ipv6Only.count(i) != 0));
+    clientNamespaces_.emplace_back();
+    prepareNamespace(clientNamespaces_.back(), false);
+    buildClient(i);
+  }
+}
+
+const NetNamespace& HotspotNetwork::clientNamespace(std::size_t i) const {
+  return clientNamespaces_.at(i);
+}
+
+const HotspotNetwork::Client& HotspotNetwork::client(std::size_t i) const {
+  return clients_.at(i);
+}
+
+void HotspotNetwork::detachClient(std::size_t i) const {
+  Process::runChecked({"ip", "link", "set", "eth0", "down"}, &clientNamespace(i));
+}
+
+void HotspotNetwork::attachClient(std::size_t i) const {
+  // IPv6 addresses and all routes went with the link.
+  runIpBatch(clientNamespace(i), clientAddressing(clients_.at(i), i));
+}
+
+void HotspotNetwork::buildUpstream() const {
+  const std::string gateway4 = kGatewayIpv4;
+  const std::string gateway6 = kGatewayIpv6;
+  runIpBatch(gateway_, "link set lo up\nlink add wan0 type veth peer name eth0 netns " +
+                           namespacePath(upstream_) + "\nlink set wan0 up\naddr add " + gateway4 +
+                           "/24 dev wan0\naddr add " + gateway6 + "/64 dev wan0 nodad\n");
+  runIpBatch(upstream_, std::string("link set lo up\nlink set eth0 up\naddr add ") +
+                            kUpstreamIpv4 + "/24 dev eth0\naddr add " + kUpstreamIpv6 +
+                            "/64 dev eth0 nodad\nroute add 2001:db8:43::/48 via " + gateway6 +
+                            "\n");
+}
+
+void HotspotNetwork::buildClient(std::size_t i) const {
+  const Client& client = clients_.at(i);
+  const std::string& ap = client.gatewayInterface;
+  runIpBatch(gateway_, "link add " + ap + " type veth peer name eth0 address " + client.mac +
+                           " netns " + namespacePath(clientNamespaces_.at(i)) + "\nlink set " +
+                           ap + " up\naddr add " + ipv4Net(i) + "1/24 dev " + ap +
+                           "\naddr add " + ipv6Net(i) + "1/64 dev " + ap + " nodad\n");
+  runIpBatch(clientNamespaces_.at(i), "link set lo up\n" + clientAddressing(client, i));
+}
+
+// The IPv6 rule lets nothing through that would not pass anyway: it is there because a
+// namespace tracks a family only while some rule needs it.
+void HotspotNetwork::buildFirewall() const {
+  Process::runChecked(
+      {"iptables", "-t", "nat", "-A", "POSTROUTING", "-o", "wan0", "-j", "MASQUERADE"}, &gateway_);
+  Process::runChecked({"ip6tables", "-A", "FORWARD", "-m", "conntrack", "--ctstate",
+                       "ESTABLISHED,RELATED", "-j", "ACCEPT"},
+                      &gateway_);
+}
+
+}  // namespace lab

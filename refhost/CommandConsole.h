@@ -1,0 +1,49 @@
+// Feeds commands, one a line, to whoever carries them out.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <string>
+
+#include "refhost/Command.h"
+#include "refhost/EventLoop.h"
+#include "refhost/FileDescriptor.h"
+
+/// Takes lines from a descriptor or from a script. Commands are carried out on the event loop, in
+/// order, one a turn; a wait holds those behind it back. A wrong line is reported through
+/// |refuse| and changes nothing.
+///
+/// Thread: event thread.
+class CommandConsole {
+ public:
+  using Execute = std::function<void(const Command&)>;
+  using Refuse = std::function<void(const std::string&)>;
+
+  CommandConsole(EventLoop& eventLoop, Execute execute, Refuse refuse);
+  ~CommandConsole();
+  CommandConsole(const CommandConsole&) = delete;
+  CommandConsole& operator=(const CommandConsole&) = delete;
+
+  /// Reads |fd|, which stays the caller's, until its end.
+  void readFrom(int fd);
+
+  /// Appends |line| to what is to be carried out.
+  void add(const std::string& line);
+
+ private:
+  static void inputReady(int fd, void* cbData);
+  static void timerReady(int fd, void* cbData);
+
+  /// The timer starts the next command: at once, or after |delay|.
+  void schedule(std::chrono::milliseconds delay);
+  void carryOutNext();
+
+  EventLoop& loop;
+  Execute execute;
+  Refuse refuse;
+  FileDescriptor timer;
+  std::deque<std::string> lines;
+  std::string unfinished;  ///< what was read behind the last newline
+  int input = -1;
+  bool scheduled = false;
+};

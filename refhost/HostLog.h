@@ -1,0 +1,18 @@
+// The reference host's own log lines, beside those of the plug-in.
+#pragma once
+
+#include "host/ZanMsg.h"
+
+/// Levels, as plug-ins use them.
+enum HostLogLevel : int { kHostTrace = 0, kHostNotice = 2, kHostWarning = 3, kHostError = 4 };
+
+/// The reference host's module identifier.
+inline constexpr int kHostModule = 1;
+
+/// One log line; a macro, so that the compiler checks the format against the arguments.
+#define HOST_LOG(level, format, ...)                                             \
+  do {                                                                           \
+    if (ZanMsg* hostLogObject = ZanMsg::zan_log_class_ptr) {                     \
+      hostLogObject->log(level, kHostModule, format __VA_OPT__(, ) __VA_ARGS__); \
+    }                                                                            \
+  } while (false)

@@ -1,0 +1,55 @@
+#include "refhost/HostSession.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "refhost/HostSides.h"
+#include "refhost/HostStatus.h"
+
+void HostSession::execute(const Command& command) {
+  std::visit([this](const auto& specific) { carryOut(specific); }, command);
+}
+
+void HostSession::carryOut(const ClientsCommand& command) {
+  auto& known = zan.zanDsm.hostSide().sapClients;
+  const auto departed = std::count_if(known.begin(), known.end(), [&](const std::string& client) {
+    return std::find(command.clients.begin(), command.clients.end(), client) ==
+           command.clients.end();
+  });
+  known = command.clients;
+  answer(fmt::format("clients: {} now, {} departed", known.size(), departed));
+  const ZanDsmTextList payload = known;
+  zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
+}
+
+void HostSession::carryOut(const UpstreamLostCommand& command) {
+  answer(fmt::format("upstream-lost: {} reported", fmt::join(command.addresses, ", ")));
+  const ZanDsmTextList payload = command.addresses;
+  zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_UPSTREAM_IP_LOST, &payload);
+}
+
+void HostSession::carryOut(const StatusCommand& command) {
+  const HostStatus status = readHostStatus(zan);
+  answer(command.json ? status.json() : status.text());
+}
+
+void HostSession::carryOut(const WaitCommand& command) {
+  answer(fmt::format("wait: {} ms", command.time.count()));
+}
+
+void HostSession::carryOut(const HelpCommand& /*command*/) {
+  std::string help = commandHelp();
+  help.pop_back();
+  answer(help);
+}
+
+void HostSession::carryOut(const QuitCommand& /*command*/) {
+  answer("quit");
+  zan.zanCom.hostSide().loop.stop();
+}
+
+void HostSession::answer(const std::string& text) {
+  std::fprintf(output, "%s\n", text.c_str());
+  std::fflush(output);
+}

@@ -1,0 +1,32 @@
+// One run of the reference host: the host object and the commands that act on it.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "host/Zan.h"
+#include "refhost/Command.h"
+
+/// Thread: event thread.
+class HostSession {
+ public:
+  /// Answers of commands go to |answers|, one line each (help and plain status: several), flushed.
+  explicit HostSession(std::FILE* answers) : output(answers) {}
+
+  /// The object that the plug-in is started with.
+  [[nodiscard]] Zan& host() { return zan; }
+
+  void execute(const Command& command);
+
+ private:
+  void carryOut(const ClientsCommand& command);
+  void carryOut(const UpstreamLostCommand& command);
+  void carryOut(const StatusCommand& command);
+  void carryOut(const WaitCommand& command);
+  void carryOut(const HelpCommand& command);
+  void carryOut(const QuitCommand& command);
+  void answer(const std::string& text);
+
+  std::FILE* output;
+  Zan zan;
+};

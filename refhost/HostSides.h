@@ -1,0 +1,19 @@
+// What stands behind the host objects' interfaces, for the reference host's own use.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/ZanCom.h"
+#include "host/ZanDsm.h"
+#include "refhost/EventLoop.h"
+
+struct ZanCom::HostSide {
+  EventLoop loop;
+};
+
+struct ZanDsm::HostSide {
+  std::map<std::string, _ZanDsmWwanInfoType> wwanInfo;
+  std::vector<std::string> sapClients;  ///< the list that event 27 carried last
+};

@@ -1,0 +1,127 @@
+#include "refhost/LogSink.h"
+
+#include <nlohmann/json.hpp>
+#include <spdlog/sinks/base_sink.h>
+
+#include <array>
+#include <chrono>
+#include <cstdarg>
+#include <ctime>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "refhost/HostLog.h"
+
+namespace {
+
+/// Enough for all but the longest conntrack lines.
+constexpr std::size_t kUsualLength = 1024;
+
+std::string moduleName(int module) {
+  switch (module) {
+    case 10409:
+      return "CT_MGR";
+    case 10401:
+      return "CT_NET";
+    case kHostModule:
+      return "HOST";
+    default:
+      return std::to_string(module);
+  }
+}
+
+/// UTC, with microseconds.
+std::string timeStamp() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                          now - std::chrono::system_clock::from_time_t(seconds))
+                          .count();
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  std::array<char, 32> date{};
+  std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+  return fmt::format("{}.{:06}Z", date.data(), micros);
+}
+
+/// |text| on one line: what a client can bring into it must not look like a line of its own.
+std::string oneLine(std::string text) {
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  for (char& character : text) {
+    if (static_cast<unsigned char>(character) < ' ' || character == '\x7f') character = '?';
+  }
+  return text;
+}
+
+std::string jsonLine(int level, int module, const std::string& text) {
+  const nlohmann::ordered_json line{
+      {"time", timeStamp()}, {"level", level}, {"module", moduleName(module)}, {"text", text}};
+  return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string textLine(int level, int module, std::string text) {
+  return fmt::format("{} {} {} {}", timeStamp(), level, moduleName(module),
+                     oneLine(std::move(text)));
+}
+
+class StreamSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit StreamSink(std::FILE* target) : stream(target) {}
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    std::fwrite(message.payload.data(), 1, message.payload.size(), stream);
+    std::fputc('\n', stream);
+    std::fflush(stream);
+  }
+  void flush_() override { std::fflush(stream); }
+
+ private:
+  std::FILE* stream;
+};
+
+}  // namespace
+
+LogSink::LogSink(std::FILE* stream, Format lineFormat, int firstThreshold)
+    : format(lineFormat),
+      threshold(firstThreshold),
+      writer(std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1)),
+      lines(std::make_shared<spdlog::async_logger>("host", std::make_shared<StreamSink>(stream),
+                                                   writer,
+                                                   spdlog::async_overflow_policy::overrun_oldest)) {
+  zan_log_class_ptr = this;
+}
+
+LogSink::~LogSink() {
+  zan_log_class_ptr = nullptr;
+  const std::size_t dropped = writer->overrun_counter();
+  if (dropped != 0) {
+    lines->info(
+        format == Format::kJson
+            ? jsonLine(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped))
+            : textLine(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped)));
+  }
+  lines.reset();
+  writer.reset();  // writes what is queued
+}
+
+void LogSink::log(int level, int module, const char* lineFormat, ...) {
+  if (!enabled(level)) return;
+  std::array<char, kUsualLength> usual;
+  std::va_list arguments;
+  va_start(arguments, lineFormat);
+  std::va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(usual.data(), usual.size(), lineFormat, arguments);
+  va_end(arguments);
+  std::string text(usual.data());
+  if (length >= static_cast<int>(usual.size())) {
+    text.resize(static_cast<std::size_t>(length) + 1);
+    std::vsnprintf(text.data(), text.size(), lineFormat, again);
+    text.pop_back();
+  }
+  va_end(again);
+  lines->info(format == Format::kJson ? jsonLine(level, module, text)
+                                      : textLine(level, module, std::move(text)));
+}

@@ -1,0 +1,41 @@
+// The reference host's log object: lines to a stream, as text or as JSON.
+#pragma once
+
+#include <spdlog/async.h>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+
+#include "host/ZanMsg.h"
+
+/// Formats each line on the calling thread and leaves it to a thread of its own for writing, so
+/// that a slow reader of the stream never blocks the caller. When the reader falls behind by more
+/// than kQueueLength lines, the oldest are dropped and their number is reported at the end.
+///
+///   text   2026-11-21T05:50:33.123456Z 2 CT_MGR ZanConnTrackMgr::No change in sap clients
+///   json   {"time":"2026-11-21T05:50:33.123456Z","level":2,"module":"CT_MGR","text":"..."}
+///
+/// Thread: log() any; the rest the thread that owns the sink.
+class LogSink final : public ZanMsg {
+ public:
+  enum class Format { kText, kJson };
+
+  static constexpr std::size_t kQueueLength = 8192;
+
+  /// Becomes the process's log object. |stream| stays the caller's.
+  LogSink(std::FILE* stream, Format format, int threshold);
+
+  /// Writes what is left and leaves the process without a log object.
+  ~LogSink();
+
+  void setThreshold(int level) override { threshold = level; }
+  [[nodiscard]] bool enabled(int level) const override { return level >= threshold; }
+  [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
+
+ private:
+  Format format;
+  std::atomic<int> threshold;
+  std::shared_ptr<spdlog::details::thread_pool> writer;
+  std::shared_ptr<spdlog::async_logger> lines;
+};

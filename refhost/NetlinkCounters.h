@@ -1,0 +1,24 @@
+// How the kernel answered the process's conntrack delete requests.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+/// Thread: any. A request is in |requested| and in exactly one of the others once it is answered.
+struct DeletionCounters {
+  std::atomic<std::uint64_t> requested{0};
+  std::atomic<std::uint64_t> deleted{0};
+  std::atomic<std::uint64_t> alreadyGone{0};  ///< ENOENT
+  std::atomic<std::uint64_t> refused{0};      ///< any other error, not sent and not answered too
+};
+
+/// The process's counters.
+DeletionCounters& deletionCounters();
+
+/// Notifications that the process's sockets handed to callbacks, and overruns they survived.
+struct NotificationCounters {
+  std::atomic<std::uint64_t> delivered{0};
+  std::atomic<std::uint64_t> overruns{0};  ///< ENOBUFS: the kernel dropped some
+};
+
+NotificationCounters& notificationCounters();

@@ -1,0 +1,3 @@
+#include "host/ZanMsg.h"
+
+ZanMsg* ZanMsg::zan_log_class_ptr = nullptr;

@@ -1,0 +1,175 @@
+#include "host/ZanNetlinkSocket.h"
+
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <optional>
+
+#include "refhost/EventLoop.h"
+#include "refhost/HostLog.h"
+#include "refhost/NetlinkCounters.h"
+#include "refhost/NetlinkMessages.h"
+
+namespace {
+
+/// Larger than any datagram the kernel builds (NLMSG_GOODSIZE and its dumps are at most 32 KiB).
+constexpr std::size_t kReceiveSize = 32768;
+
+/// The kernel answers a request before sendto(2) returns; who waits longer waits in vain.
+constexpr timeval kAnswerTimeout{1, 0};
+
+/// The multicast groups that a socket joins.
+unsigned int groupsOf(int protocol, unsigned int argument) {
+  return protocol == NETLINK_ROUTE ? argument : 0;
+}
+
+bool sentByKernel(const sockaddr_nl& sender) {
+  return sender.nl_pid == 0;
+}
+
+}  // namespace
+
+struct ZanNetlinkSocket::HostSide {
+  int protocol;
+  unsigned int argument;
+  std::mutex requestMutex;  ///< held from a request to its acknowledgement
+  alignas(nlmsghdr) std::array<unsigned char, kReceiveSize + kNetlinkReceiveSlack> buffer{};
+
+  /// One datagram from the kernel into the buffer, zeroes behind it; recvmsg(2)'s result.
+  ssize_t receive(int fd, int flags);
+  int awaitAnswer(int fd, std::uint32_t sequence);
+};
+
+ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
+  for (;;) {
+    sockaddr_nl sender{};
+    iovec vector{buffer.data(), kReceiveSize};
+    msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof(sender);
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    const ssize_t received = recvmsg(fd, &message, flags);
+    if (received < 0) {
+      if (errno == EINTR) continue;
+      return received;
+    }
+    if (!sentByKernel(sender)) {
+      HOST_LOG(kHostWarning, "netlink: dropped a message that process %u sent, not the kernel",
+               sender.nl_pid);
+      continue;
+    }
+    if ((message.msg_flags & MSG_TRUNC) != 0) {
+      HOST_LOG(kHostError, "netlink: a datagram was longer than %zu bytes and has been cut",
+               kReceiveSize);
+    }
+    std::memset(buffer.data() + received, 0, kNetlinkReceiveSlack);
+    return received;
+  }
+}
+
+/// The errno value, 0 or negative, in the acknowledgement of request |sequence|.
+int ZanNetlinkSocket::HostSide::awaitAnswer(int fd, std::uint32_t sequence) {
+  for (;;) {
+    const ssize_t received = receive(fd, 0);
+    if (received < 0) return -errno;
+    std::optional<int> answer;
+    forEachNetlinkMessage(buffer.data(), static_cast<std::size_t>(received), [&](nlmsghdr* msg) {
+      if (msg->nlmsg_seq != sequence || msg->nlmsg_type != NLMSG_ERROR) return;
+      answer = netlinkPayload<nlmsgerr>(msg)->error;
+    });
+    if (answer) return *answer;
+  }
+}
+
+ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
+    : socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol)),
+      side(new HostSide{protocol, argument, {}, {}}) {
+  if (socketFd == -1) {
+    HOST_LOG(kHostError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
+    return;
+  }
+  sockaddr_nl own{};
+  own.nl_family = AF_NETLINK;
+  own.nl_groups = groupsOf(protocol, argument);
+  if (bind(socketFd, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) == -1) {
+    HOST_LOG(kHostError, "netlink: cannot join groups 0x%x of protocol %d: %s", own.nl_groups,
+             protocol, std::strerror(errno));
+    close(socketFd);
+    socketFd = -1;
+    return;
+  }
+  if (protocol == NETLINK_NETFILTER) {
+    setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout, sizeof(kAnswerTimeout));
+  }
+}
+
+ZanNetlinkSocket::~ZanNetlinkSocket() {
+  if (socketFd != -1) {
+    EventLoop::descriptorClosing(socketFd);
+    close(socketFd);
+  }
+  delete side;
+}
+
+int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
+  DeletionCounters& counters = deletionCounters();
+  const std::lock_guard<std::mutex> lock(side->requestMutex);
+  ++counters.requested;
+
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  const std::uint32_t sequence = msg->nlmsg_seq;
+  const ssize_t sent = sendto(socketFd, msg, msg->nlmsg_len, 0,
+                              reinterpret_cast<const sockaddr*>(&kernel), sizeof(kernel));
+  const int answer = sent < 0 ? -errno : side->awaitAnswer(socketFd, sequence);
+  if (answer == 0) {
+    ++counters.deleted;
+  } else if (answer == -ENOENT) {
+    ++counters.alreadyGone;
+  } else {
+    ++counters.refused;
+    HOST_LOG(kHostWarning, "conntrack request %u of socket user %u was refused: %s", sequence,
+             side->argument, std::strerror(-answer));
+  }
+  return answer;
+}
+
+int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, void* cbData) {
+  const ssize_t received = side->receive(socketFd, static_cast<int>(flags));
+  if (received < 0) {
+    if (errno == ENOBUFS) {
+      ++notificationCounters().overruns;
+      HOST_LOG(kHostWarning, "netlink: receive buffer overrun, the kernel dropped notifications");
+      errno = ENOBUFS;
+    }
+    return -1;
+  }
+  const bool subscribed = groupsOf(side->protocol, side->argument) != 0;
+  return forEachNetlinkMessage(side->buffer.data(), static_cast<std::size_t>(received),
+                               [&](nlmsghdr* msg) {
+                                 if (subscribed) ++notificationCounters().delivered;
+                                 callback(cbData, msg, msg->nlmsg_len);
+                               });
+}
+
+int ZanNetlinkSocket::NetlinkRecvSocketEvent(unsigned int flags, NlMsgCallback callback,
+                                             void* cbData) {
+  return NetlinkRecv(flags, callback, cbData);
+}
+
+DeletionCounters& deletionCounters() {
+  static DeletionCounters counters;
+  return counters;
+}
+
+NotificationCounters& notificationCounters() {
+  static NotificationCounters counters;
+  return counters;
+}

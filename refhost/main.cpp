@@ -1,0 +1,158 @@
+// zanhost: runs a connection-tracking plug-in on any Linux machine.
+#include <CLI/CLI.hpp>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "refhost/Command.h"
+#include "refhost/CommandConsole.h"
+#include "refhost/FileDescriptor.h"
+#include "refhost/HostLog.h"
+#include "refhost/HostSession.h"
+#include "refhost/HostSides.h"
+#include "refhost/LogSink.h"
+#include "refhost/Plugin.h"
+#include "refhost/Preflight.h"
+#include "refhost/Properties.h"
+
+namespace {
+
+/// Exit codes: what was asked for is wrong; what was asked for cannot be had.
+constexpr int kExitUsage = 2;
+constexpr int kExitUnavailable = 1;
+
+struct Options {
+  std::string plugin;
+  std::vector<std::string> properties;
+  std::string propertiesFile;
+  std::string script;
+  LogSink::Format logFormat = LogSink::Format::kText;
+  int logLevel = kHostNotice;
+};
+
+int fail(int code, const std::string& text) {
+  std::fprintf(stderr, "zanhost: %s\n", text.c_str());
+  return code;
+}
+
+void declareOptions(CLI::App& app, Options& options) {
+  const std::map<std::string, LogSink::Format> formats{{"text", LogSink::Format::kText},
+                                                       {"json", LogSink::Format::kJson}};
+  app.add_option("--plugin", options.plugin, "the plug-in to load")->required();
+  app.add_option("--property", options.properties, "a system property, NAME=VALUE; repeatable")
+      ->allow_extra_args(false);
+  app.add_option("--properties", options.propertiesFile, "a file of NAME=VALUE lines");
+  app.add_option("--script", options.script, "read commands from this file, not standard input");
+  app.add_option("--log-format", options.logFormat, "text or json, on standard error")
+      ->transform(CLI::CheckedTransformer(formats));
+  app.add_option("--log-level", options.logLevel, "drop lines below this level")
+      ->check(CLI::Range(0, 4))
+      ->capture_default_str();
+  app.footer("Commands:\n" + commandHelp() +
+             "\nThe end of the input does not end the host; 'quit', SIGINT and SIGTERM do.");
+}
+
+/// The script's lines, or what is wrong with them: a script is checked before anything starts.
+std::optional<std::string> readScript(const std::string& path, std::vector<std::string>& lines) {
+  std::ifstream file(path);
+  if (!file) return "cannot open the script " + path + ": " + std::strerror(errno);
+  std::string line;
+  while (std::getline(file, line)) {
+    lines.push_back(line);
+    const std::string error = parseCommand(line).error;
+    if (!error.empty()) return path + ":" + std::to_string(lines.size()) + ": " + error;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> takeProperties(const Options& options) {
+  PropertyStore& store = PropertyStore::instance();
+  if (!options.propertiesFile.empty()) {
+    if (auto wrong = store.load(options.propertiesFile)) return wrong;
+  }
+  for (const std::string& property : options.properties) {
+    if (auto wrong = store.assign(property)) return "--property: " + *wrong;
+  }
+  return std::nullopt;
+}
+
+/// Gives the log's own thread time to write what led to a crash, then lets it happen.
+void pauseBeforeCrash(int signal) {
+  constexpr timespec kPause{0, 200'000'000};
+  nanosleep(&kPause, nullptr);
+  raise(signal);
+}
+
+/// Blocks the signals that end the host and returns a descriptor that reports them. Before any
+/// thread is started, so that all inherit the mask.
+FileDescriptor takeSignals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  struct sigaction crash {};
+  crash.sa_handler = pauseBeforeCrash;
+  crash.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+  for (const int signal : {SIGABRT, SIGSEGV, SIGBUS}) sigaction(signal, &crash, nullptr);
+
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGINT);
+  sigaddset(&ending, SIGTERM);
+  sigprocmask(SIG_BLOCK, &ending, nullptr);
+  return FileDescriptor(signalfd(-1, &ending, SFD_CLOEXEC));
+}
+
+void signalReady(int fd, void* cbData) {
+  signalfd_siginfo info{};
+  if (read(fd, &info, sizeof(info)) != sizeof(info)) return;
+  HOST_LOG(kHostNotice, "signal %u: stopping", info.ssi_signo);
+  static_cast<EventLoop*>(cbData)->stop();
+}
+
+int runHost(const Options& options, const std::vector<std::string>& script, int signalFd) {
+  const LogSink log(stderr, options.logFormat, options.logLevel);
+  Plugin plugin(options.plugin);
+  if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
+
+  HostSession session(stdout);
+  EventLoop& loop = session.host().zanCom.hostSide().loop;
+  loop.watch(signalFd, signalReady, &loop, nullptr, POLLIN);
+  if (plugin.start(session.host()) != 0) {
+    return fail(kExitUnavailable, "the plug-in refused to start: init_ct_mgr did not return 0");
+  }
+  CommandConsole console(
+      loop, [&](const Command& command) { session.execute(command); },
+      [](const std::string& error) { HOST_LOG(kHostWarning, "%s", error.c_str()); });
+  if (options.script.empty()) console.readFrom(STDIN_FILENO);
+  for (const std::string& line : script) console.add(line);
+
+  HOST_LOG(kHostNotice, "ready: %s is loaded", options.plugin.c_str());
+  loop.run();
+  const int stopped = plugin.stop();
+  HOST_LOG(kHostNotice, "stopped: deinit_ct_mgr returned %d", stopped);
+  return stopped == 0 ? 0 : kExitUnavailable;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Runs a connection-tracking plug-in as its host would, on any Linux machine.");
+  Options options;
+  declareOptions(app, options);
+  CLI11_PARSE(app, argc, argv);
+
+  std::vector<std::string> script;
+  if (!options.script.empty()) {
+    if (const auto wrong = readScript(options.script, script)) return fail(kExitUsage, *wrong);
+  }
+  if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
+  if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
+  const FileDescriptor signals = takeSignals();
+  return runHost(options, script, signals.get());
+}
