@@ -14,23 +14,23 @@ class HandOver {
   /// that takes this one.
   template <typename Fill>
   void put(Fill fill) {
-    std::unique_lock<std::mutex> lock(mutex);
-    taken.wait(lock, [this] { return !waiting; });
+    std::unique_lock<std::mutex> lock(mutex_);
+    taken_.wait(lock, [this] { return !waiting_; });
     fill();
-    waiting = true;
+    waiting_ = true;
   }
 
   /// Runs |copy| and frees the place.
   template <typename Copy>
   void take(Copy copy) {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(mutex_);
     copy();
-    waiting = false;
-    taken.notify_one();
+    waiting_ = false;
+    taken_.notify_one();
   }
 
  private:
-  std::mutex mutex;
-  std::condition_variable taken;
-  bool waiting = false;
+  std::mutex mutex_;
+  std::condition_variable taken_;
+  bool waiting_ = false;
 };

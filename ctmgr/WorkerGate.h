@@ -16,15 +16,15 @@ class WorkerGate : public std::enable_shared_from_this<WorkerGate> {
   /// Leaves the gate when it dies.
   class Pass {
    public:
-    explicit Pass(std::shared_ptr<WorkerGate> gate) : held(std::move(gate)) {}
+    explicit Pass(std::shared_ptr<WorkerGate> gate) : held_(std::move(gate)) {}
     Pass(Pass&&) = default;
     Pass& operator=(Pass&&) = delete;
     ~Pass() {
-      if (held) held->leave();
+      if (held_) held_->leave();
     }
 
    private:
-    std::shared_ptr<WorkerGate> held;
+    std::shared_ptr<WorkerGate> held_;
   };
 
   /// A pass for a worker that is about to be started by somebody who may touch the manager, as
@@ -40,8 +40,8 @@ class WorkerGate : public std::enable_shared_from_this<WorkerGate> {
  private:
   void leave();
 
-  std::mutex mutex;
-  std::condition_variable lastPassBack;
-  unsigned int passes = 0;
-  bool closed = false;
+  std::mutex mutex_;
+  std::condition_variable lastPassBack_;
+  unsigned int passes_ = 0;
+  bool closed_ = false;
 };

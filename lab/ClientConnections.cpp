@@ -1,4 +1,4 @@
-#include "ClientConnections.h"
+#include "lab/ClientConnections.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,8 +9,8 @@
 #include <array>
 #include <cerrno>
 
-#include "Error.h"
-#include "IpAddress.h"
+#include "lab/Error.h"
+#include "lab/IpAddress.h"
 
 namespace lab {
 namespace {
@@ -141,8 +141,8 @@ void ClientConnections::abandon() {
   for (Connection& connection : connections_) {
     const int on = 1;
     // A socket under repair vanishes without a word to its peer.
-    if (connection.stream && ::setsockopt(connection.fd.get(), IPPROTO_TCP, TCP_REPAIR, &on,
-                                          sizeof on) != 0) {
+    if (connection.stream &&
+        ::setsockopt(connection.fd.get(), IPPROTO_TCP, TCP_REPAIR, &on, sizeof on) != 0) {
       throw systemError("cannot abandon the " + connection.description);
     }
   }

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "HotspotNetwork.h"
-#include "UniqueFd.h"
+#include "lab/HotspotNetwork.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 

@@ -1,4 +1,4 @@
-#include "ConntrackInserter.h"
+#include "lab/ConntrackInserter.h"
 
 #include <arpa/inet.h>
 #include <linux/netfilter/nf_conntrack_common.h>
@@ -16,9 +16,9 @@
 #include <cstring>
 #include <string>
 
-#include "Error.h"
-#include "IpAddress.h"
-#include "NetNamespace.h"
+#include "lab/Error.h"
+#include "lab/IpAddress.h"
+#include "lab/NetNamespace.h"
 
 namespace lab {
 namespace {
@@ -150,8 +150,8 @@ void putEntry(MessageBuffer& message, const ConntrackInserter::Entry& entry,
   const std::size_t start =
       message.beginMessage(kType, kFlags, sequence, static_cast<std::uint8_t>(family));
   putTuple(message, CTA_TUPLE_ORIG, entry.original, entry.protocol, identifier);
-  putTuple(message, CTA_TUPLE_REPLY, entry.reply.value_or(mirrored(entry.original)),
-           entry.protocol, identifier);
+  putTuple(message, CTA_TUPLE_REPLY, entry.reply.value_or(mirrored(entry.original)), entry.protocol,
+           identifier);
   message.put32(CTA_STATUS, IPS_CONFIRMED | IPS_SEEN_REPLY | IPS_ASSURED);
   message.put32(CTA_TIMEOUT, entry.timeoutSeconds);
   if (entry.protocol == IPPROTO_TCP) {
@@ -165,12 +165,11 @@ void putEntry(MessageBuffer& message, const ConntrackInserter::Entry& entry,
 }
 
 Error refusal(const ConntrackInserter::Entry& entry, int error) {
-  return systemError("the kernel refuses the conntrack entry protocol " +
-                         std::to_string(entry.protocol) + " " + entry.original.source + " port " +
-                         std::to_string(entry.original.sourcePort) + " -> " +
-                         entry.original.destination + " port " +
-                         std::to_string(entry.original.destinationPort),
-                     error);
+  return systemError(
+      "the kernel refuses the conntrack entry protocol " + std::to_string(entry.protocol) + " " +
+          entry.original.source + " port " + std::to_string(entry.original.sourcePort) + " -> " +
+          entry.original.destination + " port " + std::to_string(entry.original.destinationPort),
+      error);
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
-#include "ConntrackTable.h"
-#include "UniqueFd.h"
+#include "lab/ConntrackTable.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 

@@ -1,4 +1,4 @@
-#include "ConntrackTable.h"
+#include "lab/ConntrackTable.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,10 +10,10 @@
 #include <string_view>
 #include <tuple>
 
-#include "Error.h"
-#include "IpAddress.h"
-#include "NetNamespace.h"
-#include "UniqueFd.h"
+#include "lab/Error.h"
+#include "lab/IpAddress.h"
+#include "lab/NetNamespace.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 namespace {

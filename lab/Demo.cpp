@@ -1,12 +1,13 @@
-#include "Demo.h"
+#include "lab/Demo.h"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <nlohmann/json.hpp>
 #include <thread>
 
-#include "Error.h"
+#include "lab/Error.h"
 
 namespace lab {
 namespace {
@@ -73,7 +74,9 @@ std::string list(const std::vector<ConntrackEntry>& entries) {
 Demo::Demo(std::string host, std::string plugin)
     : hostProgram_(std::move(host)), plugin_(std::move(plugin)) {}
 
-void Demo::requestStop() { stopRequested = true; }
+void Demo::requestStop() {
+  stopRequested = true;
+}
 
 void Demo::run() {
   introduce();
@@ -91,7 +94,8 @@ void Demo::introduce() const {
   report_.say(
       "A phone shares its mobile data as a hotspot. The kernel keeps an entry for each connection\n"
       "of its clients, also after a client has walked away: for TCP up to five days, and late\n"
-      "packets for it go on occupying the mobile link. The connection-tracking manager deletes the\n"
+      "packets for it go on occupying the mobile link. The connection-tracking manager deletes "
+      "the\n"
       "entries of a client that leaves, at once and again after 5 and 10 seconds, and the entries\n"
       "of an upstream address that is lost. You will see it work on a live kernel: this hotspot\n"
       "is made of network namespaces, the connections are real, the tables are the kernel's own.\n"
@@ -121,10 +125,8 @@ void Demo::raise() {
 
 void Demo::openConnections() {
   report_.act("Both clients open " + std::to_string(kPerKind) + " connections of each kind");
-  connectionsA_ =
-      std::make_unique<ClientConnections>(*network_, kA, kPerKind, server_->port());
-  connectionsB_ =
-      std::make_unique<ClientConnections>(*network_, kB, kPerKind, server_->port());
+  connectionsA_ = std::make_unique<ClientConnections>(*network_, kA, kPerKind, server_->port());
+  connectionsB_ = std::make_unique<ClientConnections>(*network_, kB, kPerKind, server_->port());
   report_.observe(Clock::now(), "clients A and B have all their connections open");
 
   Entries all;
@@ -168,8 +170,7 @@ void Demo::leave() {
 void Demo::straggle() {
   report_.act("Two seconds later a late datagram for A arrives from the server");
   pauseFor(std::chrono::ceil<milliseconds>(departure_ + kStragglerDelay - Clock::now()));
-  report_.check(entriesOf(kA).empty(), "A's entries are still gone", "none",
-                list(entriesOf(kA)));
+  report_.check(entriesOf(kA).empty(), "A's entries are still gone", "none", list(entriesOf(kA)));
   server_->sendDatagram(network_->client(kA).ipv6, kStragglerPort, "late");
   const auto came = poll([this] { return !entriesOf(kA).empty(); }, Clock::now() + seconds(1));
   const Entries late = entriesOf(kA);
@@ -181,11 +182,11 @@ void Demo::straggle() {
   const auto gone =
       pollUntilNone([this] { return entriesOf(kA); }, departure_ + kSecondFlushLatest);
   const bool inTime = gone && *gone - departure_ >= kSecondFlushEarliest;
-  report_.check(inTime, "the second flush has removed it",
-                "gone between " + inMs(kSecondFlushEarliest) + " and " +
-                    inMs(kSecondFlushLatest) + " after the departure",
-                gone ? "gone " + inMs(*gone - departure_) + " after the departure"
-                     : list(entriesOf(kA)));
+  report_.check(
+      inTime, "the second flush has removed it",
+      "gone between " + inMs(kSecondFlushEarliest) + " and " + inMs(kSecondFlushLatest) +
+          " after the departure",
+      gone ? "gone " + inMs(*gone - departure_) + " after the departure" : list(entriesOf(kA)));
   report_.observe(*gone, "the second flush has removed the late entry");
 }
 
@@ -199,15 +200,14 @@ void Demo::loseUpstream() {
   };
   const Entries natted = ofFamily(4);
   const Entries routed = ofFamily(6);
-  const auto behindLost = static_cast<std::size_t>(
-      std::count_if(natted.begin(), natted.end(), [&lost](const ConntrackEntry& entry) {
-        return entry.reply.destination == lost;
-      }));
-  report_.check(behindLost == kPerClient / 2 && routed.size() == kPerClient / 2,
-                "B has entries behind that address, and others",
-                std::to_string(kPerClient / 2) + " IPv4 behind it, as many IPv6",
-                std::to_string(behindLost) + " IPv4 behind it, " +
-                    std::to_string(routed.size()) + " IPv6");
+  const auto behindLost = static_cast<std::size_t>(std::count_if(
+      natted.begin(), natted.end(),
+      [&lost](const ConntrackEntry& entry) { return entry.reply.destination == lost; }));
+  report_.check(
+      behindLost == kPerClient / 2 && routed.size() == kPerClient / 2,
+      "B has entries behind that address, and others",
+      std::to_string(kPerClient / 2) + " IPv4 behind it, as many IPv6",
+      std::to_string(behindLost) + " IPv4 behind it, " + std::to_string(routed.size()) + " IPv6");
 
   const Clock::time_point begin = Clock::now();
   report_.observe(begin, "event 28: " + lost + " is lost");
@@ -238,8 +238,8 @@ void Demo::summarise() {
   // The kernel's answers may reach the host a moment after the entries are gone.
   const auto agreed = poll([&] { return deleted() == vanished_; }, Clock::now() + seconds(1));
   const nlohmann::json status = host_->status();
-  report_.say("   host's counters: deletions " + status.at("deletions").dump() +
-              ", neighbours " + status.at("neighbours").dump());
+  report_.say("   host's counters: deletions " + status.at("deletions").dump() + ", neighbours " +
+              status.at("neighbours").dump());
   report_.check(agreed.has_value(),
                 "the host counts as many deletions as entries vanished from the kernel's table",
                 std::to_string(vanished_), std::to_string(deleted()));

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "ClientConnections.h"
-#include "ConntrackTable.h"
-#include "DemoReport.h"
-#include "EchoServer.h"
-#include "HostProcess.h"
-#include "HotspotNetwork.h"
+#include "lab/ClientConnections.h"
+#include "lab/ConntrackTable.h"
+#include "lab/DemoReport.h"
+#include "lab/EchoServer.h"
+#include "lab/HostProcess.h"
+#include "lab/HotspotNetwork.h"
 
 namespace lab {
 
@@ -53,8 +53,8 @@ class Demo {
   /// The TCP and UDP entries of client |i| in the gateway's table now; all of it in |all|.
   [[nodiscard]] Entries entriesOf(std::size_t i, Entries* all = nullptr) const;
   /// Tries |condition| until it holds, at most until |deadline|. Returns when it came to hold.
-  [[nodiscard]] static std::optional<Clock::time_point> poll(
-      const std::function<bool()>& condition, Clock::time_point deadline);
+  [[nodiscard]] static std::optional<Clock::time_point> poll(const std::function<bool()>& condition,
+                                                             Clock::time_point deadline);
 
   /// The same for the claim that |look| finds nothing any more.
   [[nodiscard]] static std::optional<Clock::time_point> pollUntilNone(

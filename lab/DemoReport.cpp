@@ -1,4 +1,4 @@
-#include "DemoReport.h"
+#include "lab/DemoReport.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,8 @@ namespace {
 /// TCP/IPv4, UDP/IPv4, TCP/IPv6, UDP/IPv6.
 using Counts = std::array<std::size_t, 4>;
 
-Counts countKinds(const std::vector<ConntrackEntry>& entries, const HotspotNetwork::Client& client) {
+Counts countKinds(const std::vector<ConntrackEntry>& entries,
+                  const HotspotNetwork::Client& client) {
   Counts counts{};
   for (const ConntrackEntry& entry : entries) {
     const bool mine = entry.concerns(client.ipv4) || entry.concerns(client.ipv6);
@@ -21,7 +22,8 @@ Counts countKinds(const std::vector<ConntrackEntry>& entries, const HotspotNetwo
   return counts;
 }
 
-long long millisecondsBetween(DemoReport::Clock::time_point from, DemoReport::Clock::time_point to) {
+long long millisecondsBetween(DemoReport::Clock::time_point from,
+                              DemoReport::Clock::time_point to) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(to - from).count();
 }
 

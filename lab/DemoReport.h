@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "ConntrackTable.h"
-#include "HotspotNetwork.h"
+#include "lab/ConntrackTable.h"
+#include "lab/HotspotNetwork.h"
 
 namespace lab {
 

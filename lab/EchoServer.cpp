@@ -1,4 +1,4 @@
-#include "EchoServer.h"
+#include "lab/EchoServer.h"
 
 #include <netinet/in.h>
 #include <sys/epoll.h>
@@ -8,9 +8,9 @@
 #include <array>
 #include <cerrno>
 
-#include "Error.h"
-#include "IpAddress.h"
-#include "NetNamespace.h"
+#include "lab/Error.h"
+#include "lab/IpAddress.h"
+#include "lab/NetNamespace.h"
 
 namespace lab {
 namespace {
@@ -31,7 +31,8 @@ UniqueFd openSocket(int family, int type, std::uint16_t port) {
   if (family == AF_INET6) setOption(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, 1);
 
   sockaddr_storage address{};
-  const socklen_t length = IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(port, address);
+  const socklen_t length =
+      IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(port, address);
   if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
     throw systemError("cannot bind the echo server to port " + std::to_string(port));
   }

@@ -6,7 +6,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "UniqueFd.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 

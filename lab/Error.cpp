@@ -1,4 +1,4 @@
-#include "Error.h"
+#include "lab/Error.h"
 
 #include <system_error>
 

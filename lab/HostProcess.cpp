@@ -1,5 +1,6 @@
-#include "HostProcess.h"
+#include "lab/HostProcess.h"
 
+#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -8,22 +9,24 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <nlohmann/json.hpp>
 
-#include "Error.h"
-#include "NetNamespace.h"
+#include "lab/Error.h"
+#include "lab/NetNamespace.h"
 
 namespace lab {
 namespace {
 
-constexpr int kAnomalyLevel = 3;
 constexpr std::size_t kTailLines = 20;
 // From the end of a process's output to the end of the process.
 constexpr std::chrono::milliseconds kEndGrace{200};
 
 std::vector<std::string> commandLine(const HostProcess::Options& options) {
-  std::vector<std::string> argv{options.program, "--plugin",    options.plugin,
-                                "--log-format",  "json",        "--log-level",
+  std::vector<std::string> argv{options.program,
+                                "--plugin",
+                                options.plugin,
+                                "--log-format",
+                                "json",
+                                "--log-level",
                                 std::to_string(options.logLevel)};
   for (const std::string& property : options.properties) {
     argv.emplace_back("--property");
@@ -57,7 +60,7 @@ bool isReady(const HostProcess::LogLine& line) {
 }
 
 bool isComplaint(const HostProcess::LogLine& line) {
-  return line.module == "HOST" && line.level == kAnomalyLevel;
+  return line.module == "HOST" && line.text.rfind("refused: ", 0) == 0;
 }
 
 }  // namespace
@@ -69,14 +72,16 @@ HostProcess::HostProcess(const Options& options, const NetNamespace& where)
   if (waitForLog(isReady, options.readyLimit)) return;
 
   const bool ended = process_.waitFor(kEndGrace);
-  const std::string why = ended ? "ended with " + process_.status().text()
-                                : "was not ready within " +
-                                      std::to_string(options.readyLimit.count()) + " ms";
+  const std::string why =
+      ended ? "ended with " + process_.status().text()
+            : "was not ready within " + std::to_string(options.readyLimit.count()) + " ms";
   killAndJoin();
   throw Error("the host " + options.program + " " + why + ". It said:" + logTail());
 }
 
-HostProcess::~HostProcess() { killAndJoin(); }
+HostProcess::~HostProcess() {
+  killAndJoin();
+}
 
 void HostProcess::killAndJoin() {
   process_.signal(SIGKILL);
@@ -111,8 +116,7 @@ std::string HostProcess::command(const std::string& text, std::chrono::milliseco
   lock.unlock();
   std::string why = "did not answer within " + std::to_string(limit.count()) + " ms";
   if (gone && process_.waitFor(kEndGrace)) why = "ended with " + process_.status().text();
-  throw Error("the command '" + text + "' failed: the host " + why + ". It said last:" +
-              logTail());
+  throw Error("the command '" + text + "' failed: the host " + why + ". It said last:" + logTail());
 }
 
 nlohmann::json HostProcess::status() {
@@ -147,15 +151,16 @@ std::vector<HostProcess::LogLine> HostProcess::log() const {
   return log_;
 }
 
-bool HostProcess::running() { return !process_.waitFor(std::chrono::milliseconds(0)); }
+bool HostProcess::running() {
+  return !process_.waitFor(std::chrono::milliseconds(0));
+}
 
 ExitStatus HostProcess::stop(int signal, std::chrono::milliseconds limit) {
   if (signal != 0) process_.signal(signal);
   if (!process_.waitFor(limit)) {
     process_.signal(SIGKILL);
-    throw Error("the host had not ended " + std::to_string(limit.count()) +
-                " ms after signal " + std::to_string(signal) + " and was killed. It said last:" +
-                logTail());
+    throw Error("the host had not ended " + std::to_string(limit.count()) + " ms after signal " +
+                std::to_string(signal) + " and was killed. It said last:" + logTail());
   }
   // A child of the host could hold its streams open, hence the limit.
   std::unique_lock lock(mutex_);

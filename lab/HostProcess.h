@@ -1,18 +1,19 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <mutex>
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "Process.h"
-#include "UniqueFd.h"
+#include "lab/Process.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 

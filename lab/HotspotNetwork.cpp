@@ -1,13 +1,13 @@
-#include "HotspotNetwork.h"
+#include "lab/HotspotNetwork.h"
 
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
 
-#include "Error.h"
-#include "IpAddress.h"
-#include "Process.h"
+#include "lab/Error.h"
+#include "lab/IpAddress.h"
+#include "lab/Process.h"
 
 namespace lab {
 namespace {
@@ -21,8 +21,12 @@ std::string hex(std::size_t number, int digits) {
   return text.data();
 }
 
-std::string ipv4Net(std::size_t i) { return "10.43." + std::to_string(i) + "."; }
-std::string ipv6Net(std::size_t i) { return "2001:db8:43:" + hex(i, 1) + "::"; }
+std::string ipv4Net(std::size_t i) {
+  return "10.43." + std::to_string(i) + ".";
+}
+std::string ipv6Net(std::size_t i) {
+  return "2001:db8:43:" + hex(i, 1) + "::";
+}
 
 HotspotNetwork::Client describeClient(std::size_t i, bool ipv6Only) {
   HotspotNetwork::Client client;
@@ -111,8 +115,8 @@ void HotspotNetwork::buildUpstream() const {
   runIpBatch(gateway_, "link set lo up\nlink add wan0 type veth peer name eth0 netns " +
                            namespacePath(upstream_) + "\nlink set wan0 up\naddr add " + gateway4 +
                            "/24 dev wan0\naddr add " + gateway6 + "/64 dev wan0 nodad\n");
-  runIpBatch(upstream_, std::string("link set lo up\nlink set eth0 up\naddr add ") +
-                            kUpstreamIpv4 + "/24 dev eth0\naddr add " + kUpstreamIpv6 +
+  runIpBatch(upstream_, std::string("link set lo up\nlink set eth0 up\naddr add ") + kUpstreamIpv4 +
+                            "/24 dev eth0\naddr add " + kUpstreamIpv6 +
                             "/64 dev eth0 nodad\nroute add 2001:db8:43::/48 via " + gateway6 +
                             "\n");
 }
@@ -121,9 +125,9 @@ void HotspotNetwork::buildClient(std::size_t i) const {
   const Client& client = clients_.at(i);
   const std::string& ap = client.gatewayInterface;
   runIpBatch(gateway_, "link add " + ap + " type veth peer name eth0 address " + client.mac +
-                           " netns " + namespacePath(clientNamespaces_.at(i)) + "\nlink set " +
-                           ap + " up\naddr add " + ipv4Net(i) + "1/24 dev " + ap +
-                           "\naddr add " + ipv6Net(i) + "1/64 dev " + ap + " nodad\n");
+                           " netns " + namespacePath(clientNamespaces_.at(i)) + "\nlink set " + ap +
+                           " up\naddr add " + ipv4Net(i) + "1/24 dev " + ap + "\naddr add " +
+                           ipv6Net(i) + "1/64 dev " + ap + " nodad\n");
   runIpBatch(clientNamespaces_.at(i), "link set lo up\n" + clientAddressing(client, i));
 }
 

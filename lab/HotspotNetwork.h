@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "NetNamespace.h"
+#include "lab/NetNamespace.h"
 
 namespace lab {
 

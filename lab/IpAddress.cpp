@@ -1,11 +1,11 @@
-#include "IpAddress.h"
+#include "lab/IpAddress.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <cstring>
 
-#include "Error.h"
+#include "lab/Error.h"
 
 namespace lab {
 
@@ -19,7 +19,9 @@ IpAddress::IpAddress(const std::string& text) {
   }
 }
 
-std::string IpAddress::canonical(const std::string& text) { return IpAddress(text).text(); }
+std::string IpAddress::canonical(const std::string& text) {
+  return IpAddress(text).text();
+}
 
 std::string IpAddress::text() const {
   std::array<char, INET6_ADDRSTRLEN> buffer{};

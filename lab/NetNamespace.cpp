@@ -1,4 +1,4 @@
-#include "NetNamespace.h"
+#include "lab/NetNamespace.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "Error.h"
+#include "lab/Error.h"
 
 namespace lab {
 namespace {

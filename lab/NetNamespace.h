@@ -4,7 +4,7 @@
 #include <optional>
 #include <type_traits>
 
-#include "UniqueFd.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 

@@ -1,4 +1,4 @@
-#include "Process.h"
+#include "lab/Process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,8 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Error.h"
-#include "NetNamespace.h"
+#include "lab/Error.h"
+#include "lab/NetNamespace.h"
 
 // The numbers are the same on every architecture; older C libraries lack the wrappers.
 #ifndef SYS_pidfd_open
@@ -107,10 +107,10 @@ struct ChildPlan {
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
   for (const int number : {SIGPIPE, SIGINT, SIGTERM}) ::signal(number, SIG_DFL);
 
-  const bool ready =
-      (plan.namespaceFd < 0 || ::setns(plan.namespaceFd, CLONE_NEWNET) == 0) &&
-      ::dup2(plan.input, STDIN_FILENO) >= 0 && ::dup2(plan.output, STDOUT_FILENO) >= 0 &&
-      ::dup2(plan.errors, STDERR_FILENO) >= 0;
+  const bool ready = (plan.namespaceFd < 0 || ::setns(plan.namespaceFd, CLONE_NEWNET) == 0) &&
+                     ::dup2(plan.input, STDIN_FILENO) >= 0 &&
+                     ::dup2(plan.output, STDOUT_FILENO) >= 0 &&
+                     ::dup2(plan.errors, STDERR_FILENO) >= 0;
   if (ready) {
     // Descriptors of the surrounding program that are not close-on-exec must not leak either.
     ::syscall(SYS_close_range, 3U, ~0U, kCloseRangeCloexec);
@@ -139,8 +139,7 @@ std::string join(const std::vector<std::string>& argv) {
 }
 
 int remainingMs(Clock::time_point deadline) {
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return static_cast<int>(std::clamp<long long>(left, 0, 3'600'000));
 }
 
@@ -258,8 +257,7 @@ void Process::pump(const std::string& input, std::chrono::milliseconds limit,
   while (output_.valid() || errors_.valid()) {
     if (input_.valid() && sent == input.size()) input_.reset();
     // poll() passes over negative descriptors, which is what a closed UniqueFd holds.
-    std::array<pollfd, 3> waits{pollfd{input_.get(), POLLOUT, 0},
-                                pollfd{output_.get(), POLLIN, 0},
+    std::array<pollfd, 3> waits{pollfd{input_.get(), POLLOUT, 0}, pollfd{output_.get(), POLLIN, 0},
                                 pollfd{errors_.get(), POLLIN, 0}};
     const int ready = ::poll(waits.data(), waits.size(), remainingMs(deadline));
     if (ready < 0 && errno == EINTR) continue;

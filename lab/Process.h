@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "UniqueFd.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 
@@ -48,8 +48,7 @@ class Process {
   /// caller's to judge.
   [[nodiscard]] static CommandResult run(
       const std::vector<std::string>& argv, const NetNamespace* where,
-      const std::string& input = {},
-      std::chrono::milliseconds limit = std::chrono::seconds(10));
+      const std::string& input = {}, std::chrono::milliseconds limit = std::chrono::seconds(10));
 
   /// Like run(), and throws Error with the command and what it said unless it succeeds.
   static std::string runChecked(const std::vector<std::string>& argv, const NetNamespace* where,

@@ -1,4 +1,4 @@
-#include "UserNamespace.h"
+#include "lab/UserNamespace.h"
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <string>
 
-#include "Error.h"
-#include "UniqueFd.h"
+#include "lab/Error.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 namespace {

@@ -5,8 +5,8 @@
 #include <exception>
 #include <string>
 
-#include "Demo.h"
-#include "UserNamespace.h"
+#include "lab/Demo.h"
+#include "lab/UserNamespace.h"
 
 namespace {
 
@@ -50,7 +50,9 @@ Arguments parse(int argc, char** argv) {
   return result;
 }
 
-void handleSignal(int) { lab::Demo::requestStop(); }
+void handleSignal(int) {
+  lab::Demo::requestStop();
+}
 
 void catchSignals() {
   struct sigaction action {};

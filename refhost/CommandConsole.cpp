@@ -26,26 +26,26 @@ timespec toTimespec(std::chrono::nanoseconds time) {
 }  // namespace
 
 CommandConsole::CommandConsole(EventLoop& eventLoop, Execute onCommand, Refuse onWrongLine)
-    : loop(eventLoop),
-      execute(std::move(onCommand)),
-      refuse(std::move(onWrongLine)),
-      timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-  loop.watch(timer.get(), timerReady, this, nullptr, POLLIN);
+    : loop_(eventLoop),
+      execute_(std::move(onCommand)),
+      refuse_(std::move(onWrongLine)),
+      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  loop_.watch(timer_.get(), timerReady, this, nullptr, POLLIN);
 }
 
 CommandConsole::~CommandConsole() {
-  loop.unwatch(timer.get());
-  if (input != -1) loop.unwatch(input);
+  loop_.unwatch(timer_.get());
+  if (input_ != -1) loop_.unwatch(input_);
 }
 
 void CommandConsole::readFrom(int fd) {
-  input = fd;
-  loop.watch(fd, inputReady, this, nullptr, POLLIN);
+  input_ = fd;
+  loop_.watch(fd, inputReady, this, nullptr, POLLIN);
 }
 
 void CommandConsole::add(const std::string& line) {
-  lines.push_back(line);
-  if (!scheduled) schedule(std::chrono::milliseconds(0));
+  lines_.push_back(line);
+  if (!scheduled_) schedule(std::chrono::milliseconds(0));
 }
 
 void CommandConsole::inputReady(int fd, void* cbData) {
@@ -54,18 +54,18 @@ void CommandConsole::inputReady(int fd, void* cbData) {
   const ssize_t count = read(fd, bytes.data(), bytes.size());
   if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
   if (count <= 0) {
-    self->loop.unwatch(fd);
-    self->input = -1;
-    if (!self->unfinished.empty()) self->add(std::exchange(self->unfinished, {}));
+    self->loop_.unwatch(fd);
+    self->input_ = -1;
+    if (!self->unfinished_.empty()) self->add(std::exchange(self->unfinished_, {}));
     return;
   }
-  self->unfinished.append(bytes.data(), static_cast<std::size_t>(count));
+  self->unfinished_.append(bytes.data(), static_cast<std::size_t>(count));
   std::size_t start = 0;
-  for (std::size_t end; (end = self->unfinished.find('\n', start)) != std::string::npos;
+  for (std::size_t end; (end = self->unfinished_.find('\n', start)) != std::string::npos;
        start = end + 1) {
-    self->add(self->unfinished.substr(start, end - start));
+    self->add(self->unfinished_.substr(start, end - start));
   }
-  self->unfinished.erase(0, start);
+  self->unfinished_.erase(0, start);
 }
 
 void CommandConsole::timerReady(int fd, void* cbData) {
@@ -77,22 +77,22 @@ void CommandConsole::timerReady(int fd, void* cbData) {
 void CommandConsole::schedule(std::chrono::milliseconds delay) {
   itimerspec setting{};
   setting.it_value = toTimespec(delay.count() == 0 ? kAtOnce : std::chrono::nanoseconds(delay));
-  timerfd_settime(timer.get(), 0, &setting, nullptr);
-  scheduled = true;
+  timerfd_settime(timer_.get(), 0, &setting, nullptr);
+  scheduled_ = true;
 }
 
 void CommandConsole::carryOutNext() {
-  scheduled = false;
-  if (lines.empty()) return;
-  const ParsedLine parsed = parseCommand(lines.front());
-  lines.pop_front();
+  scheduled_ = false;
+  if (lines_.empty()) return;
+  const ParsedLine parsed = parseCommand(lines_.front());
+  lines_.pop_front();
 
   std::chrono::milliseconds delay{0};
-  if (!parsed.error.empty()) refuse(parsed.error);
+  if (!parsed.error.empty()) refuse_(parsed.error);
   if (parsed.command) {
-    execute(*parsed.command);
+    execute_(*parsed.command);
     if (const auto* wait = std::get_if<WaitCommand>(&*parsed.command)) delay = wait->time;
   }
   // Also without a line at hand: a wait counts for lines that are still to come.
-  if (!lines.empty() || delay.count() != 0) schedule(delay);
+  if (!lines_.empty() || delay.count() != 0) schedule(delay);
 }

@@ -7,7 +7,7 @@
 
 #include "refhost/Command.h"
 #include "refhost/EventLoop.h"
-#include "refhost/FileDescriptor.h"
+#include "refhost/UniqueFd.h"
 
 /// Takes lines from a descriptor or from a script. Commands are carried out on the event loop, in
 /// order, one a turn; a wait holds those behind it back. A wrong line is reported through
@@ -38,12 +38,12 @@ class CommandConsole {
   void schedule(std::chrono::milliseconds delay);
   void carryOutNext();
 
-  EventLoop& loop;
-  Execute execute;
-  Refuse refuse;
-  FileDescriptor timer;
-  std::deque<std::string> lines;
-  std::string unfinished;  ///< what was read behind the last newline
-  int input = -1;
-  bool scheduled = false;
+  EventLoop& loop_;
+  Execute execute_;
+  Refuse refuse_;
+  UniqueFd timer_;
+  std::deque<std::string> lines_;
+  std::string unfinished_;  ///< what was read behind the last newline
+  int input_ = -1;
+  bool scheduled_ = false;
 };

@@ -33,12 +33,12 @@ int EventLoop::watch(int fd, Handler ready, void* cbData, Handler second, unsign
     errno = fd < 0 ? EBADF : EINVAL;
     return -1;
   }
-  watches[fd] = Watch{ready, cbData, second, static_cast<short>(events), ++generations};
+  watches_[fd] = Watch{ready, cbData, second, static_cast<short>(events), ++generations_};
   return 0;
 }
 
 int EventLoop::unwatch(int fd) {
-  if (watches.erase(fd) != 0) return 0;
+  if (watches_.erase(fd) != 0) return 0;
   errno = ENOENT;
   return -1;
 }
@@ -46,7 +46,7 @@ int EventLoop::unwatch(int fd) {
 void EventLoop::turn(int timeoutMs) {
   std::vector<pollfd> polled;
   std::vector<std::uint64_t> polledGenerations;
-  for (const auto& [fd, watch] : watches) {
+  for (const auto& [fd, watch] : watches_) {
     polled.push_back({fd, watch.events, 0});
     polledGenerations.push_back(watch.generation);
   }
@@ -60,12 +60,12 @@ void EventLoop::turn(int timeoutMs) {
 }
 
 void EventLoop::report(int fd, std::uint64_t generation, short happened) {
-  const auto found = watches.find(fd);
-  if (found == watches.end() || found->second.generation != generation) return;
+  const auto found = watches_.find(fd);
+  if (found == watches_.end() || found->second.generation != generation) return;
   const Watch watch = found->second;
   if ((happened & POLLNVAL) != 0) {
     HOST_LOG(kHostWarning, "event loop: descriptor %d was closed while it was watched", fd);
-    watches.erase(found);
+    watches_.erase(found);
     return;
   }
   const bool askedFor = (happened & watch.events) != 0;
@@ -74,10 +74,10 @@ void EventLoop::report(int fd, std::uint64_t generation, short happened) {
 }
 
 void EventLoop::run() {
-  stopped = false;
-  while (!stopped) turn(-1);
+  stopped_ = false;
+  while (!stopped_) turn(-1);
 }
 
 void EventLoop::descriptorClosing(int fd) {
-  for (EventLoop* loop : liveLoops()) loop->watches.erase(fd);
+  for (EventLoop* loop : liveLoops()) loop->watches_.erase(fd);
 }

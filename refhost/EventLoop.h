@@ -25,7 +25,7 @@ class EventLoop {
 
   /// Turns until stop() is called, from a handler.
   void run();
-  void stop() { stopped = true; }
+  void stop() { stopped_ = true; }
 
   /// Ends every loop's interest in |fd|, which its owner is about to close: the number may soon
   /// belong to somebody else.
@@ -42,7 +42,7 @@ class EventLoop {
 
   void report(int fd, std::uint64_t generation, short happened);
 
-  std::map<int, Watch> watches;
-  std::uint64_t generations = 0;
-  bool stopped = false;
+  std::map<int, Watch> watches_;
+  std::uint64_t generations_ = 0;
+  bool stopped_ = false;
 };

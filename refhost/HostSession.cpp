@@ -12,7 +12,7 @@ void HostSession::execute(const Command& command) {
 }
 
 void HostSession::carryOut(const ClientsCommand& command) {
-  auto& known = zan.zanDsm.hostSide().sapClients;
+  auto& known = zan_.zanDsm.hostSide().sapClients;
   const auto departed = std::count_if(known.begin(), known.end(), [&](const std::string& client) {
     return std::find(command.clients.begin(), command.clients.end(), client) ==
            command.clients.end();
@@ -20,17 +20,17 @@ void HostSession::carryOut(const ClientsCommand& command) {
   known = command.clients;
   answer(fmt::format("clients: {} now, {} departed", known.size(), departed));
   const ZanDsmTextList payload = known;
-  zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
 }
 
 void HostSession::carryOut(const UpstreamLostCommand& command) {
   answer(fmt::format("upstream-lost: {} reported", fmt::join(command.addresses, ", ")));
   const ZanDsmTextList payload = command.addresses;
-  zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_UPSTREAM_IP_LOST, &payload);
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_UPSTREAM_IP_LOST, &payload);
 }
 
 void HostSession::carryOut(const StatusCommand& command) {
-  const HostStatus status = readHostStatus(zan);
+  const HostStatus status = readHostStatus(zan_);
   answer(command.json ? status.json() : status.text());
 }
 
@@ -46,10 +46,10 @@ void HostSession::carryOut(const HelpCommand& /*command*/) {
 
 void HostSession::carryOut(const QuitCommand& /*command*/) {
   answer("quit");
-  zan.zanCom.hostSide().loop.stop();
+  zan_.zanCom.hostSide().loop.stop();
 }
 
 void HostSession::answer(const std::string& text) {
-  std::fprintf(output, "%s\n", text.c_str());
-  std::fflush(output);
+  std::fprintf(output_, "%s\n", text.c_str());
+  std::fflush(output_);
 }

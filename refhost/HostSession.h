@@ -11,10 +11,10 @@
 class HostSession {
  public:
   /// Answers of commands go to |answers|, one line each (help and plain status: several), flushed.
-  explicit HostSession(std::FILE* answers) : output(answers) {}
+  explicit HostSession(std::FILE* answers) : output_(answers) {}
 
   /// The object that the plug-in is started with.
-  [[nodiscard]] Zan& host() { return zan; }
+  [[nodiscard]] Zan& host() { return zan_; }
 
   void execute(const Command& command);
 
@@ -27,6 +27,6 @@ class HostSession {
   void carryOut(const QuitCommand& command);
   void answer(const std::string& text);
 
-  std::FILE* output;
-  Zan zan;
+  std::FILE* output_;
+  Zan zan_;
 };

@@ -83,45 +83,44 @@ class StreamSink final : public spdlog::sinks::base_sink<std::mutex> {
 
 }  // namespace
 
-LogSink::LogSink(std::FILE* stream, Format lineFormat, int firstThreshold)
-    : format(lineFormat),
-      threshold(firstThreshold),
-      writer(std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1)),
-      lines(std::make_shared<spdlog::async_logger>("host", std::make_shared<StreamSink>(stream),
-                                                   writer,
-                                                   spdlog::async_overflow_policy::overrun_oldest)) {
+LogSink::LogSink(std::FILE* stream, Format format, int threshold)
+    : format_(format),
+      threshold_(threshold),
+      writer_(std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1)),
+      lines_(std::make_shared<spdlog::async_logger>(
+          "host", std::make_shared<StreamSink>(stream), writer_,
+          spdlog::async_overflow_policy::overrun_oldest)) {
   zan_log_class_ptr = this;
 }
 
 LogSink::~LogSink() {
   zan_log_class_ptr = nullptr;
-  const std::size_t dropped = writer->overrun_counter();
-  if (dropped != 0) {
-    lines->info(
-        format == Format::kJson
-            ? jsonLine(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped))
-            : textLine(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped)));
-  }
-  lines.reset();
-  writer.reset();  // writes what is queued
+  const std::size_t dropped = writer_->overrun_counter();
+  if (dropped != 0) write(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped));
+  lines_.reset();
+  writer_.reset();  // writes what is queued
 }
 
-void LogSink::log(int level, int module, const char* lineFormat, ...) {
+void LogSink::log(int level, int module, const char* format, ...) {
   if (!enabled(level)) return;
   std::array<char, kUsualLength> usual;
   std::va_list arguments;
-  va_start(arguments, lineFormat);
+  va_start(arguments, format);
   std::va_list again;
   va_copy(again, arguments);
-  const int length = std::vsnprintf(usual.data(), usual.size(), lineFormat, arguments);
+  const int length = std::vsnprintf(usual.data(), usual.size(), format, arguments);
   va_end(arguments);
   std::string text(usual.data());
   if (length >= static_cast<int>(usual.size())) {
     text.resize(static_cast<std::size_t>(length) + 1);
-    std::vsnprintf(text.data(), text.size(), lineFormat, again);
+    std::vsnprintf(text.data(), text.size(), format, again);
     text.pop_back();
   }
   va_end(again);
-  lines->info(format == Format::kJson ? jsonLine(level, module, text)
-                                      : textLine(level, module, std::move(text)));
+  write(level, module, std::move(text));
+}
+
+void LogSink::write(int level, int module, std::string text) {
+  lines_->info(format_ == Format::kJson ? jsonLine(level, module, text)
+                                        : textLine(level, module, std::move(text)));
 }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
+#include <string>
 
 #include "host/ZanMsg.h"
 
@@ -29,13 +30,15 @@ class LogSink final : public ZanMsg {
   /// Writes what is left and leaves the process without a log object.
   ~LogSink();
 
-  void setThreshold(int level) override { threshold = level; }
-  [[nodiscard]] bool enabled(int level) const override { return level >= threshold; }
+  void setThreshold(int level) override { threshold_ = level; }
+  [[nodiscard]] bool enabled(int level) const override { return level >= threshold_; }
   [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
 
  private:
-  Format format;
-  std::atomic<int> threshold;
-  std::shared_ptr<spdlog::details::thread_pool> writer;
-  std::shared_ptr<spdlog::async_logger> lines;
+  void write(int level, int module, std::string text);
+
+  Format format_;
+  std::atomic<int> threshold_;
+  std::shared_ptr<spdlog::details::thread_pool> writer_;
+  std::shared_ptr<spdlog::async_logger> lines_;
 };

@@ -16,19 +16,19 @@ class Plugin {
   Plugin(const Plugin&) = delete;
   Plugin& operator=(const Plugin&) = delete;
 
-  [[nodiscard]] bool loaded() const { return init != nullptr && deinit != nullptr; }
-  [[nodiscard]] const std::string& error() const { return failure; }
+  [[nodiscard]] bool loaded() const { return init_ != nullptr && deinit_ != nullptr; }
+  [[nodiscard]] const std::string& error() const { return failure_; }
 
   /// The plug-in's own results: 0, or -1.
-  [[nodiscard]] int start(Zan& host) { return init(&host); }
-  int stop() { return deinit(); }
+  [[nodiscard]] int start(Zan& host) { return init_(&host); }
+  int stop() { return deinit_(); }
 
  private:
   using Init = int (*)(Zan*);
   using Deinit = int (*)();
 
-  void* library;
-  Init init = nullptr;
-  Deinit deinit = nullptr;
-  std::string failure;
+  void* library_;
+  Init init_ = nullptr;
+  Deinit deinit_ = nullptr;
+  std::string failure_;
 };

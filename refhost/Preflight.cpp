@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "refhost/FileDescriptor.h"
 #include "refhost/NetlinkMessages.h"
+#include "refhost/UniqueFd.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ std::string reason(int error) {
 }
 
 std::optional<std::string> conntrackTable() {
-  const FileDescriptor table(open(kTablePath, O_RDONLY | O_CLOEXEC));
+  const UniqueFd table(open(kTablePath, O_RDONLY | O_CLOEXEC));
   if (table.valid()) return std::nullopt;
   const int error = errno;
   std::string text = std::string("cannot read ") + kTablePath + reason(error);
@@ -40,7 +40,7 @@ std::optional<std::string> conntrackTable() {
 /// Asks for the conntrack statistics: every conntrack request needs the same module and the same
 /// privilege, and this one only reads.
 std::optional<std::string> conntrackNetlink() {
-  const FileDescriptor socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
+  const UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
   if (!socketFd.valid()) {
     return "no netfilter netlink socket" + reason(errno) + "; load the module nfnetlink";
   }

@@ -21,7 +21,7 @@ std::optional<std::string> PropertyStore::assign(const std::string& assignment) 
     return "the value of " + assignment.substr(0, equals) + " is " + std::to_string(value.size()) +
            " characters long; at most " + std::to_string(kPropertyValueMax - 1) + " fit";
   }
-  values[assignment.substr(0, equals)] = value;
+  values_[assignment.substr(0, equals)] = value;
   return std::nullopt;
 }
 
@@ -29,7 +29,7 @@ std::optional<std::string> PropertyStore::load(const std::string& path) {
   std::ifstream file(path);
   if (!file) return "cannot open the properties file " + path + ": " + std::strerror(errno);
   PropertyStore loaded;
-  loaded.values = values;
+  loaded.values_ = values_;
   std::string line;
   for (int number = 1; std::getline(file, line); ++number) {
     if (line.empty() || line.front() == '#') continue;
@@ -38,13 +38,13 @@ std::optional<std::string> PropertyStore::load(const std::string& path) {
     }
   }
   if (file.bad()) return "cannot read the properties file " + path + ": " + std::strerror(errno);
-  values = std::move(loaded.values);
+  values_ = std::move(loaded.values_);
   return std::nullopt;
 }
 
 const std::string* PropertyStore::find(const std::string& name) const {
-  const auto found = values.find(name);
-  return found == values.end() ? nullptr : &found->second;
+  const auto found = values_.find(name);
+  return found == values_.end() ? nullptr : &found->second;
 }
 
 int property_get(const char* key, char* value, const char* default_value) {

@@ -22,5 +22,5 @@ class PropertyStore {
   [[nodiscard]] const std::string* find(const std::string& name) const;
 
  private:
-  std::map<std::string, std::string> values;
+  std::map<std::string, std::string> values_;
 };

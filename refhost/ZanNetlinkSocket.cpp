@@ -5,11 +5,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "refhost/EventLoop.h"
 #include "refhost/HostLog.h"
@@ -18,8 +18,12 @@
 
 namespace {
 
-/// Larger than any datagram the kernel builds (NLMSG_GOODSIZE and its dumps are at most 32 KiB).
-constexpr std::size_t kReceiveSize = 32768;
+/// Bytes to read at once: no notification or part of a dump is longer than 32 KiB (NLMSG_GOODSIZE
+/// in the kernel's linux/netlink.h), and an acknowledgement of a conntrack request, which brings
+/// the request back, not longer than 8 KiB.
+std::size_t receiveSizeOf(int protocol) {
+  return protocol == NETLINK_NETFILTER ? 8192 : 32768;
+}
 
 /// The kernel answers a request before sendto(2) returns; who waits longer waits in vain.
 constexpr timeval kAnswerTimeout{1, 0};
@@ -39,7 +43,7 @@ struct ZanNetlinkSocket::HostSide {
   int protocol;
   unsigned int argument;
   std::mutex requestMutex;  ///< held from a request to its acknowledgement
-  alignas(nlmsghdr) std::array<unsigned char, kReceiveSize + kNetlinkReceiveSlack> buffer{};
+  std::vector<unsigned char> buffer;
 
   /// One datagram from the kernel into the buffer, zeroes behind it; recvmsg(2)'s result.
   ssize_t receive(int fd, int flags);
@@ -49,7 +53,7 @@ struct ZanNetlinkSocket::HostSide {
 ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
   for (;;) {
     sockaddr_nl sender{};
-    iovec vector{buffer.data(), kReceiveSize};
+    iovec vector{buffer.data(), buffer.size() - kNetlinkReceiveSlack};
     msghdr message{};
     message.msg_name = &sender;
     message.msg_namelen = sizeof(sender);
@@ -67,7 +71,7 @@ ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) {
       HOST_LOG(kHostError, "netlink: a datagram was longer than %zu bytes and has been cut",
-               kReceiveSize);
+               vector.iov_len);
     }
     std::memset(buffer.data() + received, 0, kNetlinkReceiveSlack);
     return received;
@@ -91,6 +95,7 @@ int ZanNetlinkSocket::HostSide::awaitAnswer(int fd, std::uint32_t sequence) {
 ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
     : socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol)),
       side(new HostSide{protocol, argument, {}, {}}) {
+  side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
   if (socketFd == -1) {
     HOST_LOG(kHostError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
     return;

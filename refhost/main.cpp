@@ -14,7 +14,6 @@
 
 #include "refhost/Command.h"
 #include "refhost/CommandConsole.h"
-#include "refhost/FileDescriptor.h"
 #include "refhost/HostLog.h"
 #include "refhost/HostSession.h"
 #include "refhost/HostSides.h"
@@ -22,6 +21,7 @@
 #include "refhost/Plugin.h"
 #include "refhost/Preflight.h"
 #include "refhost/Properties.h"
+#include "refhost/UniqueFd.h"
 
 namespace {
 
@@ -93,7 +93,7 @@ void pauseBeforeCrash(int signal) {
 
 /// Blocks the signals that end the host and returns a descriptor that reports them. Before any
 /// thread is started, so that all inherit the mask.
-FileDescriptor takeSignals() {
+UniqueFd takeSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   struct sigaction crash {};
   crash.sa_handler = pauseBeforeCrash;
@@ -105,7 +105,7 @@ FileDescriptor takeSignals() {
   sigaddset(&ending, SIGINT);
   sigaddset(&ending, SIGTERM);
   sigprocmask(SIG_BLOCK, &ending, nullptr);
-  return FileDescriptor(signalfd(-1, &ending, SFD_CLOEXEC));
+  return UniqueFd(signalfd(-1, &ending, SFD_CLOEXEC));
 }
 
 void signalReady(int fd, void* cbData) {
@@ -128,7 +128,7 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
   }
   CommandConsole console(
       loop, [&](const Command& command) { session.execute(command); },
-      [](const std::string& error) { HOST_LOG(kHostWarning, "%s", error.c_str()); });
+      [](const std::string& error) { HOST_LOG(kHostWarning, "refused: %s", error.c_str()); });
   if (options.script.empty()) console.readFrom(STDIN_FILENO);
   for (const std::string& line : script) console.add(line);
 
@@ -145,7 +145,11 @@ int main(int argc, char** argv) {
   CLI::App app("Runs a connection-tracking plug-in as its host would, on any Linux machine.");
   Options options;
   declareOptions(app, options);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kExitUsage;  // --help is no error
+  }
 
   std::vector<std::string> script;
   if (!options.script.empty()) {
@@ -153,6 +157,6 @@ int main(int argc, char** argv) {
   }
   if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
   if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
-  const FileDescriptor signals = takeSignals();
+  const UniqueFd signals = takeSignals();
   return runHost(options, script, signals.get());
 }

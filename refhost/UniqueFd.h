@@ -4,10 +4,7 @@
 
 #include <utility>
 
-namespace lab {
-
-/// Owns one descriptor and closes it. Every descriptor of the lab is close-on-exec: one that
-/// leaked into a child could keep a network namespace alive after the lab has ended.
+/// Owns one descriptor and closes it. -1 stands for none.
 class UniqueFd {
  public:
   UniqueFd() = default;
@@ -32,5 +29,3 @@ class UniqueFd {
  private:
   int fd_ = -1;
 };
-
-}  // namespace lab

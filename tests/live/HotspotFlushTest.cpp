@@ -1,0 +1,245 @@
+// Hotspot flushes on a live kernel; every claim is about the kernel's own table.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <csignal>
+
+#include "lab/ConntrackInserter.h"
+#include "lab/Process.h"
+#include "tests/live/LiveTest.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using lab::ConntrackInserter;
+
+constexpr std::size_t kPerKind = 5;
+
+class HotspotFlush : public LiveTest {};
+
+TEST_F(HotspotFlush, TakesTheEntriesOfWhoLeavesAndOfNobodyElse) {
+  const struct {
+    const char* name;
+    std::size_t clients;
+    std::set<std::size_t> ipv6Only;
+    std::set<std::size_t> leaving;
+  } cases[] = {
+      {"one of two", 2, {}, {0}},
+      {"two of three in one event", 3, {}, {0, 2}},
+      {"one without IPv4", 2, {0}, {0}},
+      {"the last one", 1, {}, {0}},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    Hotspot hotspot({.clients = test.clients, .ipv6Only = test.ipv6Only});
+    std::set<std::size_t> all;
+    for (std::size_t i = 0; i < test.clients; ++i) {
+      hotspot.connect(i, kPerKind);
+      all.insert(i);
+    }
+    hotspot.reportClients(all);
+    std::set<std::size_t> staying = all;
+    std::map<std::size_t, Hotspot::Entries> before;
+    std::size_t doomed = 0;
+    for (const std::size_t i : all) {
+      before[i] = hotspot.entriesOf(i);
+      ASSERT_EQ(before[i].size(), hotspot.connections[i]->count());
+    }
+    for (const std::size_t i : test.leaving) {
+      staying.erase(i);
+      doomed += before[i].size();
+      hotspot.network.detachClient(i);
+    }
+
+    hotspot.reportClients(staying);
+    for (const std::size_t i : test.leaving) {
+      EXPECT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(i).empty(); }));
+    }
+    for (const std::size_t i : staying) {
+      EXPECT_TRUE(sameConnections(hotspot.entriesOf(i), before[i]));
+      EXPECT_EQ(hotspot.connections[i]->exchange(2s), before[i].size());
+    }
+    // The table is empty of them a moment before the last acknowledgement is counted.
+    EXPECT_TRUE(Hotspot::within(
+        1s, [&] { return hotspot.deletions("deleted") == static_cast<int>(doomed); }));
+    EXPECT_EQ(hotspot.deletions("requested"), static_cast<int>(doomed));
+    EXPECT_EQ(hotspot.deletions("refused"), 0);
+  }
+}
+
+TEST_F(HotspotFlush, ComesBackAfterFiveAndTenSecondsAndThenForgetsTheClient) {
+  Hotspot hotspot;
+  const auto& client = hotspot.network.client(0);
+  hotspot.connect(0, 1);
+  hotspot.reportClients({0});
+  hotspot.network.detachClient(0);
+  const auto departure = Hotspot::Clock::now();
+  hotspot.reportClients({});
+  ASSERT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(0).empty(); }));
+
+  for (const auto flush : {5s, 10s}) {
+    std::this_thread::sleep_until(departure + flush - 2s);
+    hotspot.server.sendDatagram(client.ipv6, 40000, "late");
+    ASSERT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(0).size() == 1; }));
+    std::this_thread::sleep_until(departure + flush - 300ms);
+    EXPECT_EQ(hotspot.entriesOf(0).size(), 1U) << "nothing is flushed between the flushes";
+    EXPECT_TRUE(Hotspot::within(1300ms, [&] { return hotspot.entriesOf(0).empty(); }));
+  }
+
+  // Who is forgotten is looked for under no address at all.
+  std::this_thread::sleep_until(departure + 10s + 500ms);
+  ConntrackInserter(hotspot.network.gateway())
+      .insert({{IPPROTO_UDP, {client.ipv4, "203.0.113.2", 1, 2}}});
+  hotspot.reportClients({0});
+  hotspot.reportClients({});
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(hotspot.entriesOf(0).size(), 1U);
+}
+
+TEST_F(HotspotFlush, LeavesTheTableAloneForAClientThatWasNeverANeighbour) {
+  Hotspot hotspot;
+  hotspot.connect(0, kPerKind);
+  const auto before = hotspot.table();
+  hotspot.host.command("clients 02:00:00:00:99:99");
+  hotspot.host.command("clients");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(sameConnections(hotspot.table(), before));
+  EXPECT_EQ(hotspot.deletions("requested"), 0);
+}
+
+TEST_F(HotspotFlush, SurvivesAnEmptyTableAndASecondFlush) {
+  Hotspot hotspot;
+  ASSERT_TRUE(hotspot.table().empty());
+  hotspot.reportClients({0});
+  hotspot.reportClients({});
+  hotspot.connect(0, kPerKind);
+  const int entries = static_cast<int>(hotspot.entriesOf(0).size());
+  for (int departure = 0; departure < 2; ++departure) {
+    hotspot.reportClients({0});
+    hotspot.network.detachClient(0);
+    hotspot.reportClients({});
+    EXPECT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(0).empty(); }));
+  }
+  EXPECT_TRUE(Hotspot::within(1s, [&] { return hotspot.deletions("deleted") == entries; }));
+  EXPECT_EQ(hotspot.deletions("refused"), 0);
+}
+
+TEST_F(HotspotFlush, LeavesOtherProtocolsInTheTable) {
+  Hotspot hotspot;
+  const auto& client = hotspot.network.client(0);
+  hotspot.connect(0, 1);
+  hotspot.reportClients({0});
+  ConntrackInserter inserter(hotspot.network.gateway());
+  inserter.insert({{IPPROTO_ICMP, {client.ipv4, "203.0.113.2", 77, 0}},
+                   {IPPROTO_ICMPV6, {client.ipv6, "2001:db8:ffff::2", 78, 0}},
+                   {IPPROTO_SCTP, {client.ipv4, "203.0.113.2", 5000, 5001}},
+                   {IPPROTO_ESP, {client.ipv6, "2001:db8:ffff::2", 0, 0}},
+                   {IPPROTO_TCP, {"203.0.113.2", client.ipv4, 443, 6000}},
+                   {IPPROTO_UDP, {"2001:db8:ffff::2", client.ipv6, 443, 6000}}});
+  Hotspot::Entries others;
+  for (const auto& entry : hotspot.table()) {
+    if (!entry.isTcpOrUdp()) others.push_back(entry);
+  }
+  ASSERT_EQ(others.size(), 4U);
+  hotspot.network.detachClient(0);
+  hotspot.reportClients({});
+  EXPECT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(0).empty(); }));
+  EXPECT_TRUE(sameConnections(hotspot.table(), others));
+}
+
+TEST_F(HotspotFlush, LostUpstreamAddressTakesTheClientsTranslatedEntriesOnly) {
+  Hotspot hotspot;
+  hotspot.connect(0, kPerKind);
+  hotspot.connect(1, kPerKind);
+  const auto& client = hotspot.network.client(0);
+  ConntrackInserter(hotspot.network.gateway())
+      .insert({// Another upstream address, a stranger behind the lost one, the gateway itself.
+               {IPPROTO_TCP,
+                {client.ipv4, "198.51.100.7", 50000, 443},
+                lab::ConntrackTuple{"198.51.100.7", "203.0.113.77", 443, 50000}},
+               {IPPROTO_UDP,
+                {"10.99.0.9", "198.51.100.7", 50001, 53},
+                lab::ConntrackTuple{"198.51.100.7", "203.0.113.1", 53, 50001}},
+               {IPPROTO_TCP, {"203.0.113.1", "198.51.100.7", 50002, 443}}});
+  Hotspot::Entries staying;
+  for (const auto& entry : hotspot.table()) {
+    const bool known = entry.original.source == client.ipv4 ||
+                       entry.original.source == hotspot.network.client(1).ipv4;
+    if (!known || entry.reply.destination != "203.0.113.1") staying.push_back(entry);
+  }
+  ASSERT_EQ(staying.size(), 2 * 2 * kPerKind + 3);
+
+  hotspot.host.command("upstream-lost 203.0.113.200 203.0.113.1");
+  EXPECT_TRUE(Hotspot::within(1s, [&] { return sameConnections(hotspot.table(), staying); }));
+  EXPECT_TRUE(Hotspot::within(
+      1s, [&] { return hotspot.deletions("deleted") == 2 * 2 * static_cast<int>(kPerKind); }));
+}
+
+TEST_F(HotspotFlush, TakesThousandsFromALargeTable) {
+  constexpr std::size_t kEntries = 20000;
+  Hotspot hotspot;
+  hotspot.connect(0, 1);
+  hotspot.reportClients({0});
+  const auto& client = hotspot.network.client(0);
+  std::vector<ConntrackInserter::Entry> entries;
+  for (std::size_t i = 0; i < kEntries; ++i) {
+    const bool own = i % 4 == 0;
+    const auto port = static_cast<std::uint16_t>(1024 + i);
+    entries.push_back({i % 3 == 0 ? std::uint8_t{IPPROTO_TCP} : std::uint8_t{IPPROTO_UDP},
+                       {own ? client.ipv4 : "10.77.1.2", "198.51.100.7", port, 443}});
+  }
+  ConntrackInserter(hotspot.network.gateway()).insert(entries);
+  hotspot.network.detachClient(0);
+  hotspot.reportClients({});
+  EXPECT_TRUE(Hotspot::within(5s, [&] { return hotspot.entriesOf(0).empty(); }));
+  EXPECT_EQ(hotspot.table().size(), kEntries - kEntries / 4);
+}
+
+TEST_F(HotspotFlush, DoesNothingWhileThePropertySwitchesItOff) {
+  Hotspot hotspot({}, {"persist.vendor.zan.disable.sap.conntrack=1"});
+  hotspot.connections[0] =
+      std::make_unique<lab::ClientConnections>(hotspot.network, 0, 1, hotspot.server.port());
+  const auto before = hotspot.table();
+  hotspot.reportClients({0});
+  hotspot.reportClients({});
+  hotspot.host.command("upstream-lost 203.0.113.1");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(sameConnections(hotspot.table(), before));
+}
+
+TEST_F(HotspotFlush, SurvivesAFloodOfNeighbourNotifications) {
+  Hotspot hotspot;
+  hotspot.connect(0, 1);
+  hotspot.reportClients({0});
+  ASSERT_EQ(hotspot.deletions("requested"), 0);
+  ::kill(hotspot.host.pid(), SIGSTOP);
+  std::string batch;
+  for (int i = 0; i < 4000; ++i) {
+    batch += "neigh replace 10.43.1." + std::to_string(i % 250 + 3) +
+             " lladdr 02:00:00:01:00:" + (i / 250 % 2 == 0 ? "01" : "02") + " dev ap1\n";
+  }
+  lab::Process::runChecked({"ip", "-batch", "-"}, &hotspot.network.gateway(), batch);
+  ::kill(hotspot.host.pid(), SIGCONT);
+  EXPECT_TRUE(Hotspot::within(5s, [&] {
+    return hotspot.host.status()["neighbours"]["overruns"].get<int>() > 0;
+  })) << "the kernel had to drop some";
+  hotspot.network.detachClient(0);
+  hotspot.reportClients({});
+  EXPECT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(0).empty(); }));
+}
+
+TEST_F(HotspotFlush, GatewaysSideBySideDoNotMix) {
+  Hotspot one;
+  Hotspot other;
+  for (Hotspot* hotspot : {&one, &other}) {
+    hotspot->connect(0, kPerKind);
+    hotspot->reportClients({0});
+  }
+  const auto before = other.table();
+  one.network.detachClient(0);
+  one.reportClients({});
+  EXPECT_TRUE(Hotspot::within(1s, [&] { return one.entriesOf(0).empty(); }));
+  EXPECT_TRUE(sameConnections(other.table(), before));
+}
+
+}  // namespace

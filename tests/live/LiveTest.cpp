@@ -1,0 +1,89 @@
+#include "tests/live/LiveTest.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+
+#include "lab/Error.h"
+#include "lab/UserNamespace.h"
+
+// Given by the build.
+const std::string kHostProgram = ZANHOST_PATH;
+const std::string kPluginPath = PLUGIN_PATH;
+
+namespace {
+
+std::optional<std::string>& obstacle() {
+  static std::optional<std::string> reason;
+  return reason;
+}
+
+lab::HostProcess::Options hostOptions(std::vector<std::string> properties) {
+  lab::HostProcess::Options options;
+  options.program = kHostProgram;
+  options.plugin = kPluginPath;
+  options.properties = std::move(properties);
+  options.logLevel = 0;
+  return options;
+}
+
+}  // namespace
+
+void prepareForLiveTests() {
+  try {
+    lab::UserNamespace::enterIfNeeded();
+    const lab::HotspotNetwork probe({.clients = 1, .ipv6Only = {}});
+    static_cast<void>(lab::ConntrackTable::read(probe.gateway()));
+  } catch (const lab::Error& error) {
+    obstacle() = error.what();
+  }
+}
+
+void LiveTest::SetUp() {
+  if (!obstacle()) return;
+  const char* ci = std::getenv("CI");
+  if (ci != nullptr && std::string(ci) == "true") FAIL() << "cannot run here: " << *obstacle();
+  GTEST_SKIP() << "cannot run here: " << *obstacle();
+}
+
+Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> properties)
+    : network(options),
+      server(network.upstream()),
+      host(hostOptions(std::move(properties)), network.gateway()) {}
+
+void Hotspot::connect(std::size_t i, std::size_t perKind) {
+  connections[i] = std::make_unique<lab::ClientConnections>(network, i, perKind, server.port());
+  const auto& client = network.client(i);
+  const auto heardOf = [&](const std::string& address) {
+    return host
+        .waitForLog([&](const auto& line) { return line.text == address; }, std::chrono::seconds(5))
+        .has_value();
+  };
+  if (!client.ipv4.empty()) {
+    EXPECT_TRUE(heardOf("ZanNetlinkMgr::Ipv4 neighbor Address " + client.ipv4));
+  }
+  EXPECT_TRUE(heardOf("ZanNetlinkMgr::Ipv6 neighbor Address " + client.ipv6));
+}
+
+void Hotspot::reportClients(const std::set<std::size_t>& present) {
+  std::string command = "clients";
+  for (const std::size_t i : present) command += " " + network.client(i).mac;
+  host.command(command);
+}
+
+Hotspot::Entries Hotspot::entriesOf(std::size_t i) const {
+  const auto& client = network.client(i);
+  Entries mine;
+  for (const auto& entry : table()) {
+    const bool concerns =
+        entry.concerns(client.ipv6) || (!client.ipv4.empty() && entry.concerns(client.ipv4));
+    if (entry.isTcpOrUdp() && concerns) mine.push_back(entry);
+  }
+  return mine;
+}
+
+bool sameConnections(const Hotspot::Entries& a, const Hotspot::Entries& b) {
+  return std::is_permutation(
+      a.begin(), a.end(), b.begin(), b.end(),
+      [](const auto& one, const auto& other) { return one.sameConnection(other); });
+}
