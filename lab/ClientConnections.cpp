@@ -86,6 +86,7 @@ std::size_t ClientConnections::exchange(std::chrono::milliseconds limit) {
 
   while (!waiting.empty()) {
     std::vector<pollfd> polls;
+    polls.reserve(waiting.size());
     for (const Connection* connection : waiting) {
       polls.push_back(pollfd{connection->fd.get(), POLLIN, 0});
     }

@@ -227,7 +227,7 @@ void ConntrackInserter::collectAcknowledgements(const std::vector<Entry>& entrie
       at += std::max<std::size_t>(NLMSG_ALIGN(header.nlmsg_len), NLMSG_HDRLEN);
     }
   }
-  if (failure) throw *failure;
+  if (failure) throw Error(*failure);
 }
 
 }  // namespace lab

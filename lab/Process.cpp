@@ -54,7 +54,7 @@ std::string findProgram(const std::string& name) {
   const std::string path = searchPath();
   for (std::size_t begin = 0; begin <= path.size();) {
     const std::size_t end = std::min(path.find(':', begin), path.size());
-    const std::string candidate = path.substr(begin, end - begin) + "/" + name;
+    std::string candidate = path.substr(begin, end - begin) + "/" + name;
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
     begin = end + 1;
   }
@@ -79,6 +79,7 @@ std::vector<std::string> childEnvironment() {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;

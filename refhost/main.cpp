@@ -1,5 +1,6 @@
 // zanhost: runs a connection-tracking plug-in on any Linux machine.
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -64,11 +65,10 @@ void declareOptions(CLI::App& app, Options& options) {
 std::optional<std::string> readScript(const std::string& path, std::vector<std::string>& lines) {
   std::ifstream file(path);
   if (!file) return "cannot open the script " + path + ": " + std::strerror(errno);
-  std::string line;
-  while (std::getline(file, line)) {
+  for (std::string line; std::getline(file, line);) {
     lines.push_back(line);
     const std::string error = parseCommand(line).error;
-    if (!error.empty()) return path + ":" + std::to_string(lines.size()) + ": " + error;
+    if (!error.empty()) return fmt::format("{}:{}: {}", path, lines.size(), error);
   }
   return std::nullopt;
 }

@@ -55,7 +55,7 @@ TEST_F(PluginLibrary, LoadsAndUnloadsAThousandTimesWithoutGrowing) {
   // By design a round leaves the conntrack socket and, once the table was read, the stream over
   // its descriptor: one descriptor, and on the heap the socket's object with the reference host's
   // receive buffer (8.4 KiB) and a FILE of the C library (0.5 KiB).
-  constexpr std::size_t kLeftBehindBytes = 9 * 1024;
+  constexpr std::size_t kLeftBehindBytes = 9216;
   constexpr int kLeftBehindDescriptors = 1;
 
   raiseDescriptorLimit();
