@@ -69,7 +69,7 @@ class ZanConnTrackParser {
   int parseNfConnTrackLine(std::string line, std::string clientAddress, std::string lostAddress,
                            ZanConnTrackFilter_s& out);
 
- private:
+ protected:
   /// seq_file hands out at most a page a read (fs/seq_file.c): a larger buffer gains nothing, a
   /// smaller one makes older kernels walk the table from its head more often.
   static constexpr std::size_t kStreamBufferSize = 4096;

@@ -18,7 +18,7 @@ struct ConntrackTuple {
   std::uint16_t sourcePort = 0;
   std::uint16_t destinationPort = 0;
 
-  auto operator<=>(const ConntrackTuple&) const = default;
+  bool operator==(const ConntrackTuple&) const = default;
 };
 
 /// One line of /proc/net/nf_conntrack.

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
+#include <cstdlib>
 #include <sstream>
 
 namespace {
@@ -74,9 +74,10 @@ ParsedLine parseWait(const Words& arguments) {
   double seconds = -1;
   if (arguments.size() == 1) {
     const std::string& text = arguments[0];
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed);
-    if (error != std::errc() || end != text.data() + text.size()) seconds = -1;
+    char* end = nullptr;
+    seconds = std::strtod(text.c_str(), &end);
+    const bool plain = text.find_first_not_of("0123456789.") == std::string::npos;
+    if (!plain || *end != '\0') seconds = -1;
   }
   if (!(seconds >= 0 && seconds <= kLongestWaitSeconds)) {
     return wrong("wait: give one number of seconds, from 0 to 86400, such as 'wait 2.5'");

@@ -106,17 +106,16 @@ void LogSink::log(int level, int module, const char* format, ...) {
   std::array<char, kUsualLength> usual;
   std::va_list arguments;
   va_start(arguments, format);
-  std::va_list again;
-  va_copy(again, arguments);
   const int length = std::vsnprintf(usual.data(), usual.size(), format, arguments);
   va_end(arguments);
   std::string text(usual.data());
   if (length >= static_cast<int>(usual.size())) {
     text.resize(static_cast<std::size_t>(length) + 1);
-    std::vsnprintf(text.data(), text.size(), format, again);
+    va_start(arguments, format);
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    va_end(arguments);
     text.pop_back();
   }
-  va_end(again);
   write(level, module, std::move(text));
 }
 
