@@ -10,8 +10,8 @@
 /// Thread: any.
 class HandOver {
  public:
-  /// Runs |fill| once the previous content has been taken. The caller then starts the worker
-  /// that takes this one.
+  /// Runs |fill| once the previous content has been taken. The caller must then start the worker
+  /// that takes this one: until it has, the next put() waits.
   template <typename Fill>
   void put(Fill fill) {
     std::unique_lock<std::mutex> lock(mutex_);

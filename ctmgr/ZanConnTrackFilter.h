@@ -3,7 +3,9 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <type_traits>
 
@@ -18,6 +20,14 @@ struct ZanConnTrackFilter_s {
 };
 static_assert(std::is_trivially_copyable_v<ZanConnTrackFilter_s>);
 static_assert(AF_INET == 2 && AF_INET6 == 10 && IPPROTO_TCP == 6 && IPPROTO_UDP == 17);
+
+/// Word |index|, 0 to 3, of an address as it is stored: network byte order read as a host integer.
+[[nodiscard]] inline std::uint32_t addressWord(const std::uint8_t (&address)[16],
+                                               std::size_t index) {
+  std::uint32_t word = 0;
+  std::memcpy(&word, address + index * sizeof(word), sizeof(word));
+  return word;
+}
 
 /// A hotspot client's addresses, as the parser compares them.
 struct ZanConnTrackFileParseControlType {

@@ -38,12 +38,6 @@ void startDetached(Body body) {
   std::thread(std::move(body)).detach();
 }
 
-std::uint32_t word(const std::uint8_t (&address)[16], std::size_t index) {
-  std::uint32_t value = 0;
-  std::memcpy(&value, address + index * sizeof(value), sizeof(value));
-  return value;
-}
-
 ZanConnTrackMgr::ctTuple tupleOf(const ZanConnTrackFilter_s& record) {
   const std::size_t addressLength = record.af == AF_INET ? sizeof(in_addr) : sizeof(in6_addr);
   ZanConnTrackMgr::ctTuple tuple{};
@@ -159,20 +153,21 @@ void ZanConnTrackMgr::processDisconnectedSapClients(std::vector<std::string>& cl
     ZAN_LOG(kModule, kLogNotice,
             "ZanConnTrackMgr::processDisconnectedSapClients: Disconnected client Info %s",
             client.c_str());
-    if (!flushesEnabled()) continue;
     processDisconnectedSapClient(client);
+    if (!flushesEnabled()) continue;
     startDetached([gate = workers, this, client] { flushAgain(gate, this, client); });
   }
 }
 
 void ZanConnTrackMgr::processDisconnectedSapClient(std::string client) {
-  if (!flushesEnabled()) return;
-  const _ZanNeighInfoType neighbour = netlinkMgr->getNeighInfo(client);
+  _ZanNeighInfoType neighbour{};
+  if (netlinkMgr != nullptr) neighbour = netlinkMgr->getNeighInfo(client);
   const int fd = connTrackUtils.getPrivilegeParams();
   if (fd == -1) {
     ZAN_LOG(kModule, kLogError, "ZanConnTrackMgr::Failed to get Nf_connTrack Descriptor");
     return;
   }
+  if (!flushesEnabled()) return;
   const ZanConnTrackFileParseControlType control{kConntrackTablePath, neighbour.ipv4Addr,
                                                  neighbour.ipv6Addr};
   std::list<ZanConnTrackFilter_s> v4;
@@ -188,8 +183,8 @@ void ZanConnTrackMgr::cleanUpRemainingEntries(std::string client) {
 }
 
 /// Touches |mgr| only inside of |gate|: it may be gone after a sleep, and before the first one.
-void ZanConnTrackMgr::flushAgain(const std::shared_ptr<WorkerGate>& gate, ZanConnTrackMgr* mgr,
-                                 const std::string& client) {
+void ZanConnTrackMgr::flushAgain(std::shared_ptr<WorkerGate> gate, ZanConnTrackMgr* mgr,
+                                 std::string client) {
   constexpr int kFlushes = 2;
   for (int flush = 1; flush <= kFlushes; ++flush) {
     std::this_thread::sleep_for(std::chrono::seconds(SAP_CLIENT_RECHECK_DELAY));
@@ -245,8 +240,8 @@ void ZanConnTrackMgr::deleteV4ConntrackEntries(std::list<ZanConnTrackFilter_s>& 
     ctTuple tuple = tupleOf(entry);
     ZAN_LOG(kModule, kLogTrace,
             "DeleteV4Entry src: %u, dst: %u srcPrt %d, dstPrt %d, protonum %d l3protonum %d",
-            word(tuple.src, 0), word(tuple.dst, 0), tuple.srcPrt, tuple.dstPrt, tuple.protonum,
-            tuple.l3protonum);
+            addressWord(tuple.src, 0), addressWord(tuple.dst, 0), tuple.srcPrt, tuple.dstPrt,
+            tuple.protonum, tuple.l3protonum);
     if (!sendDeleteRequest(tuple)) ZAN_LOG(kModule, kLogError, "fillTupleInfo v4 Failed");
   }
 }
@@ -260,9 +255,10 @@ void ZanConnTrackMgr::deleteV6ConntrackEntries(std::list<ZanConnTrackFilter_s>& 
 #pragma GCC diagnostic ignored "-Wformat"
     ZAN_LOG(kModule, kLogTrace,
             "DeleteV6Entry src: %u, dst: %u, srcPrt %d, dstPrt %d, protonum %d l3protonum %d",
-            word(tuple.src, 0), word(tuple.src, 1), word(tuple.src, 2), word(tuple.src, 3),
-            word(tuple.dst, 0), word(tuple.dst, 1), word(tuple.dst, 2), word(tuple.dst, 3),
-            tuple.srcPrt, tuple.dstPrt, tuple.protonum, tuple.l3protonum);
+            addressWord(tuple.src, 0), addressWord(tuple.src, 1), addressWord(tuple.src, 2),
+            addressWord(tuple.src, 3), addressWord(tuple.dst, 0), addressWord(tuple.dst, 1),
+            addressWord(tuple.dst, 2), addressWord(tuple.dst, 3), tuple.srcPrt, tuple.dstPrt,
+            tuple.protonum, tuple.l3protonum);
 #pragma GCC diagnostic pop
     if (!sendDeleteRequest(tuple)) ZAN_LOG(kModule, kLogError, "fillTupleInfo v6 Failed");
   }

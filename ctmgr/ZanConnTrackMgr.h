@@ -27,9 +27,9 @@ inline constexpr int SAP_CLIENT_RECHECK_DELAY = 5;
 /// A flush scans the conntrack table and leaves what it found in v4DeleteList and v6DeleteList
 /// for a detached worker, which takes a copy and asks the kernel to delete every tuple.
 ///
-/// Threads: the event thread makes every call, but for deleteConntrackEntries() and
-/// cleanUpRemainingEntries(), which are bodies of detached workers; the latter flushes from its
-/// own thread.
+/// Threads: the event thread makes every call. deleteConntrackEntries() and
+/// cleanUpRemainingEntries() are bodies of detached workers, and what they call,
+/// processDisconnectedSapClient() and the deletion, runs on their threads too.
 class ZanConnTrackMgr {
  public:
   /// The tuple of one delete request; addresses and ports in network byte order.
@@ -94,8 +94,8 @@ class ZanConnTrackMgr {
   [[nodiscard]] bool flushesEnabled() const;
   void startDeletion(std::list<ZanConnTrackFilter_s> v4, std::list<ZanConnTrackFilter_s> v6);
   [[nodiscard]] bool sendDeleteRequest(ctTuple& tuple);
-  static void flushAgain(const std::shared_ptr<WorkerGate>& gate, ZanConnTrackMgr* mgr,
-                         const std::string& client);
+  static void flushAgain(std::shared_ptr<WorkerGate> gate, ZanConnTrackMgr* mgr,
+                         std::string client);
 
   std::list<ZanConnTrackFilter_s> v4DeleteList;
   std::list<ZanConnTrackFilter_s> v6DeleteList;

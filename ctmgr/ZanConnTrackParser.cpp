@@ -105,12 +105,6 @@ NormalisedText normalise(const char* text, std::uint16_t af) {
   return result;
 }
 
-std::uint32_t firstWord(const std::uint8_t (&address)[16]) {
-  std::uint32_t word = 0;
-  std::memcpy(&word, address, sizeof(word));
-  return word;
-}
-
 /// What the IPv6 line shows of an address: where the field is, not what it holds.
 unsigned long long fieldAddress(const std::uint8_t (&address)[16]) {
   return reinterpret_cast<std::uintptr_t>(&address);
@@ -126,8 +120,8 @@ void fillRecord(const DirectionText& direction, ZanConnTrackFilter_s& record) {
     ZAN_LOG(kModule, kLogTrace,
             "ZanConnTrackParser::parseNfConnTrackLine: AF=%hu, protocol=%d, src=%X, sport=%hu, "
             "dest=%X, dport=%hu",
-            record.af, record.protocol, firstWord(record.src), record.sport, firstWord(record.dest),
-            record.dport);
+            record.af, record.protocol, addressWord(record.src, 0), record.sport,
+            addressWord(record.dest, 0), record.dport);
   } else {
     ZAN_LOG(kModule, kLogTrace,
             "ZanConnTrackParser::parseNfConnTrackLine: AF=%hu, protocol=%d, V6src = %llX, "

@@ -35,7 +35,7 @@ int ZanConnTrackUtils::setPrivilegeParams() {
   return -1;
 }
 
-int ZanConnTrackUtils::getPrivilegeParams() const {
+int ZanConnTrackUtils::getPrivilegeParams() {
   return connTrackFd;
 }
 
@@ -73,7 +73,7 @@ int ZanConnTrackUtils::deRegNlSockEvents(NlMsgCallback cb, void* data) {
   return 0;
 }
 
-bool ZanConnTrackUtils::checkIfConnObjectPresent(NlMsgCallback cb, void* data) const {
+bool ZanConnTrackUtils::checkIfConnObjectPresent(NlMsgCallback cb, void* data) {
   return std::any_of(listeners.begin(), listeners.end(), [&](const NlSockListener& listener) {
     return listener.callback == cb && listener.data == data;
   });

@@ -34,7 +34,7 @@ class ZanConnTrackUtils {
   int setPrivilegeParams();
 
   /// The conntrack table's descriptor, which stays this object's; -1 when it is not open.
-  [[nodiscard]] int getPrivilegeParams() const;
+  [[nodiscard]] int getPrivilegeParams();
 
   /// Refuses with -1: conntrack events are switched off in this build.
   int regNlSockEvents(NlMsgCallback cb, void* data);
@@ -44,7 +44,7 @@ class ZanConnTrackUtils {
   int deRegNlSockEvents(NlMsgCallback cb, void* data);
 
   /// Whether a listener with exactly this pair is registered.
-  [[nodiscard]] bool checkIfConnObjectPresent(NlMsgCallback cb, void* data) const;
+  [[nodiscard]] bool checkIfConnObjectPresent(NlMsgCallback cb, void* data);
 
   /// Ready handler of the shared socket; |data| is the ZanConnTrackUtils.
   static void netLinkEventHandler(int fd, void* data);

@@ -47,7 +47,7 @@ ParsedLine parseClients(const Words& arguments) {
   ClientsCommand command;
   for (const std::string& argument : arguments) {
     if (!isMac(argument)) {
-      return wrong("clients: '" + argument + "' is no MAC address such as 02:00:00:00:43:0a");
+      return wrong("'" + argument + "' is no MAC address such as 02:00:00:00:43:0a");
     }
     command.clients.push_back(lowerCase(argument));
   }
@@ -55,10 +55,10 @@ ParsedLine parseClients(const Words& arguments) {
 }
 
 ParsedLine parseUpstreamLost(const Words& arguments) {
-  if (arguments.empty()) return wrong("upstream-lost: name at least one IP address");
+  if (arguments.empty()) return wrong("name at least one IP address");
   for (const std::string& argument : arguments) {
     if (!isAddress(argument)) {
-      return wrong("upstream-lost: '" + argument + "' is no IPv4 or IPv6 address");
+      return wrong("'" + argument + "' is no IPv4 or IPv6 address");
     }
   }
   return {UpstreamLostCommand{arguments}, {}};
@@ -67,7 +67,7 @@ ParsedLine parseUpstreamLost(const Words& arguments) {
 ParsedLine parseStatus(const Words& arguments) {
   if (arguments.empty()) return {StatusCommand{false}, {}};
   if (arguments.size() == 1 && arguments[0] == "json") return {StatusCommand{true}, {}};
-  return wrong("status: '" + arguments[0] + "' is not accepted; write 'status' or 'status json'");
+  return wrong("'" + arguments[0] + "' is not accepted; write 'status' or 'status json'");
 }
 
 ParsedLine parseWait(const Words& arguments) {
@@ -80,7 +80,7 @@ ParsedLine parseWait(const Words& arguments) {
     if (!plain || *end != '\0') seconds = -1;
   }
   if (!(seconds >= 0 && seconds <= kLongestWaitSeconds)) {
-    return wrong("wait: give one number of seconds, from 0 to 86400, such as 'wait 2.5'");
+    return wrong("give one number of seconds, from 0 to 86400, such as 'wait 2.5'");
   }
   constexpr double kMillisecondsPerSecond = 1000;
   return {WaitCommand{std::chrono::milliseconds(
@@ -91,7 +91,7 @@ ParsedLine parseWait(const Words& arguments) {
 template <typename Plain>
 ParsedLine parsePlain(const Words& arguments) {
   if (arguments.empty()) return {Plain{}, {}};
-  return wrong("'" + arguments[0] + "' is one word too many; the command takes none");
+  return wrong("'" + arguments[0] + "' is one word too many; the command takes no argument");
 }
 
 struct Entry {
@@ -126,7 +126,10 @@ ParsedLine parseCommand(const std::string& line) {
   Words arguments;
   for (std::string argument; stream >> argument;) arguments.push_back(argument);
   for (const Entry& entry : kCommands) {
-    if (word == entry.word) return entry.parse(arguments);
+    if (word != entry.word) continue;
+    ParsedLine parsed = entry.parse(arguments);
+    if (!parsed.error.empty()) parsed.error = word + ": " + parsed.error;
+    return parsed;
   }
   return wrong("'" + word + "' is no command; accepted are: " + acceptedWords());
 }

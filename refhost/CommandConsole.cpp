@@ -60,12 +60,24 @@ void CommandConsole::inputReady(int fd, void* cbData) {
     return;
   }
   self->unfinished_.append(bytes.data(), static_cast<std::size_t>(count));
+  self->split();
+  if (self->lines_.size() < kMostPending) return;
+  self->loop_.unwatch(fd);
+  self->paused_ = true;
+}
+
+/// Takes the complete lines out of what was read.
+void CommandConsole::split() {
   std::size_t start = 0;
-  for (std::size_t end; (end = self->unfinished_.find('\n', start)) != std::string::npos;
+  for (std::size_t end; (end = unfinished_.find('\n', start)) != std::string::npos;
        start = end + 1) {
-    self->add(self->unfinished_.substr(start, end - start));
+    if (!std::exchange(discarding_, false)) add(unfinished_.substr(start, end - start));
   }
-  self->unfinished_.erase(0, start);
+  unfinished_.erase(0, start);
+  if (unfinished_.size() <= kLongestLine) return;
+  if (!discarding_) refuse_("a line of more than 65536 characters; it is left out");
+  discarding_ = true;
+  unfinished_.clear();
 }
 
 void CommandConsole::timerReady(int fd, void* cbData) {
@@ -86,6 +98,10 @@ void CommandConsole::carryOutNext() {
   if (lines_.empty()) return;
   const ParsedLine parsed = parseCommand(lines_.front());
   lines_.pop_front();
+  if (paused_ && lines_.size() < kMostPending) {
+    paused_ = false;
+    loop_.watch(input_, inputReady, this, nullptr, POLLIN);
+  }
 
   std::chrono::milliseconds delay{0};
   if (!parsed.error.empty()) refuse_(parsed.error);

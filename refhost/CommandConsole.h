@@ -11,13 +11,16 @@
 
 /// Takes lines from a descriptor or from a script. Commands are carried out on the event loop, in
 /// order, one a turn; a wait holds those behind it back. A wrong line is reported through
-/// |refuse| and changes nothing.
+/// |refuse| and changes nothing. While kMostPending lines wait, nothing more is read.
 ///
 /// Thread: event thread.
 class CommandConsole {
  public:
   using Execute = std::function<void(const Command&)>;
   using Refuse = std::function<void(const std::string&)>;
+
+  static constexpr std::size_t kMostPending = 256;
+  static constexpr std::size_t kLongestLine = 65536;
 
   CommandConsole(EventLoop& eventLoop, Execute execute, Refuse refuse);
   ~CommandConsole();
@@ -37,6 +40,7 @@ class CommandConsole {
   /// The timer starts the next command: at once, or after |delay|.
   void schedule(std::chrono::milliseconds delay);
   void carryOutNext();
+  void split();
 
   EventLoop& loop_;
   Execute execute_;
@@ -45,5 +49,7 @@ class CommandConsole {
   std::deque<std::string> lines_;
   std::string unfinished_;  ///< what was read behind the last newline
   int input_ = -1;
+  bool paused_ = false;      ///< nothing is read, because enough lines wait
+  bool discarding_ = false;  ///< the rest of a line that is too long
   bool scheduled_ = false;
 };

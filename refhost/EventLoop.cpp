@@ -51,7 +51,9 @@ void EventLoop::turn(int timeoutMs) {
     polledGenerations.push_back(watch.generation);
   }
   if (poll(polled.data(), polled.size(), timeoutMs) < 0) {
-    if (errno != EINTR) HOST_LOG(kHostError, "event loop: poll: %s", std::strerror(errno));
+    if (errno == EINTR) return;
+    HOST_LOG(kHostError, "event loop: stopping: poll: %s", std::strerror(errno));
+    stop();
     return;
   }
   for (std::size_t i = 0; i < polled.size(); ++i) {

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 
+#include "refhost/HostLog.h"
 #include "refhost/HostSides.h"
 #include "refhost/HostStatus.h"
+#include "refhost/TimedWrite.h"
 
 void HostSession::execute(const Command& command) {
   std::visit([this](const auto& specific) { carryOut(specific); }, command);
@@ -50,6 +52,10 @@ void HostSession::carryOut(const QuitCommand& /*command*/) {
 }
 
 void HostSession::answer(const std::string& text) {
-  std::fprintf(output_, "%s\n", text.c_str());
-  std::fflush(output_);
+  constexpr std::chrono::seconds kPatience{1};
+  const std::string line = text + "\n";
+  std::string_view rest = line;
+  if (!writeTimed(output_, rest, kPatience)) {
+    HOST_LOG(kHostWarning, "an answer was dropped: nobody reads standard output");
+  }
 }

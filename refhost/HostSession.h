@@ -1,7 +1,6 @@
 // One run of the reference host: the host object and the commands that act on it.
 #pragma once
 
-#include <cstdio>
 #include <string>
 
 #include "host/Zan.h"
@@ -10,8 +9,9 @@
 /// Thread: event thread.
 class HostSession {
  public:
-  /// Answers of commands go to |answers|, one line each (help and plain status: several), flushed.
-  explicit HostSession(std::FILE* answers) : output_(answers) {}
+  /// Answers of commands go to the descriptor |answers|, one line each (help and plain status:
+  /// several). One that nobody takes for a second is dropped, with a log line.
+  explicit HostSession(int answers) : output_(answers) {}
 
   /// The object that the plug-in is started with.
   [[nodiscard]] Zan& host() { return zan_; }
@@ -27,6 +27,6 @@ class HostSession {
   void carryOut(const QuitCommand& command);
   void answer(const std::string& text);
 
-  std::FILE* output_;
+  int output_;
   Zan zan_;
 };

@@ -4,6 +4,7 @@
 #include <linux/rtnetlink.h>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include "host/ZanNetlinkSocket.h"
 #include "refhost/HostSides.h"
@@ -25,6 +26,8 @@ void countNeighbour(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
 /// Entries of the kernel's neighbour table of this network namespace, or -1.
 int kernelNeighbours() {
   ZanNetlinkSocket socket(NETLINK_ROUTE, 0);
+  const timeval limit{1, 0};
+  setsockopt(socket.socketFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
   struct {
     nlmsghdr header;
     ndmsg neighbour;

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "refhost/HostLog.h"
+#include "refhost/TimedWrite.h"
 
 namespace {
 
@@ -65,36 +66,47 @@ std::string textLine(int level, int module, std::string text) {
                      oneLine(std::move(text)));
 }
 
+/// Writes whole lines. While the sink is in use it waits for the reader as long as it takes; once
+/// it is closing, no longer than kLastPatience.
 class StreamSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  explicit StreamSink(std::FILE* target) : stream(target) {}
+  StreamSink(int target, std::shared_ptr<std::atomic<bool>> isClosing)
+      : fd_(target), closing_(std::move(isClosing)) {}
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
-    std::fwrite(message.payload.data(), 1, message.payload.size(), stream);
-    std::fputc('\n', stream);
-    std::fflush(stream);
+    if (gone_) return;
+    const std::string line = fmt::format("{}\n", message.payload);
+    for (std::string_view rest = line; !rest.empty() && !gone_;) {
+      if (!writeTimed(fd_, rest, kLastPatience)) gone_ = *closing_ || errno != ETIMEDOUT;
+    }
   }
-  void flush_() override { std::fflush(stream); }
+  void flush_() override {}
 
  private:
-  std::FILE* stream;
+  static constexpr std::chrono::milliseconds kLastPatience{500};
+
+  int fd_;
+  std::shared_ptr<std::atomic<bool>> closing_;
+  bool gone_ = false;
 };
 
 }  // namespace
 
-LogSink::LogSink(std::FILE* stream, Format format, int threshold)
+LogSink::LogSink(int fd, Format format, int threshold)
     : format_(format),
       threshold_(threshold),
+      closing_(std::make_shared<std::atomic<bool>>(false)),
       writer_(std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1)),
       lines_(std::make_shared<spdlog::async_logger>(
-          "host", std::make_shared<StreamSink>(stream), writer_,
+          "host", std::make_shared<StreamSink>(fd, closing_), writer_,
           spdlog::async_overflow_policy::overrun_oldest)) {
   zan_log_class_ptr = this;
 }
 
 LogSink::~LogSink() {
   zan_log_class_ptr = nullptr;
+  *closing_ = true;
   const std::size_t dropped = writer_->overrun_counter();
   if (dropped != 0) write(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped));
   lines_.reset();
@@ -104,6 +116,7 @@ LogSink::~LogSink() {
 void LogSink::log(int level, int module, const char* format, ...) {
   if (!enabled(level)) return;
   std::array<char, kUsualLength> usual;
+  usual[0] = '\0';
   std::va_list arguments;
   va_start(arguments, format);
   const int length = std::vsnprintf(usual.data(), usual.size(), format, arguments);

@@ -4,7 +4,6 @@
 #include <spdlog/async.h>
 
 #include <atomic>
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -24,10 +23,11 @@ class LogSink final : public ZanMsg {
 
   static constexpr std::size_t kQueueLength = 8192;
 
-  /// Becomes the process's log object. |stream| stays the caller's.
-  LogSink(std::FILE* stream, Format format, int threshold);
+  /// Becomes the process's log object. |fd| stays the caller's.
+  LogSink(int fd, Format format, int threshold);
 
-  /// Writes what is left and leaves the process without a log object.
+  /// Writes what is left, unless the reader stands still, and leaves the process without a log
+  /// object.
   ~LogSink();
 
   void setThreshold(int level) override { threshold_ = level; }
@@ -39,6 +39,7 @@ class LogSink final : public ZanMsg {
 
   Format format_;
   std::atomic<int> threshold_;
+  std::shared_ptr<std::atomic<bool>> closing_;  ///< shared with the writer
   std::shared_ptr<spdlog::details::thread_pool> writer_;
   std::shared_ptr<spdlog::async_logger> lines_;
 };

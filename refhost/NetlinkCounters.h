@@ -1,4 +1,4 @@
-// How the kernel answered the process's conntrack delete requests.
+// What the process's netlink sockets have done: conntrack deletions and notifications.
 #pragma once
 
 #include <atomic>

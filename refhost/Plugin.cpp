@@ -7,7 +7,8 @@ Plugin::Plugin(const std::string& path) : library_(nullptr) {
   const std::string file = path.find('/') == std::string::npos ? "./" + path : path;
   library_ = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library_ == nullptr) {
-    failure_ = std::string("cannot load the plug-in: ") + dlerror();
+    failure_ = std::string("cannot load the plug-in: ") + dlerror() +
+               "; give the path of a vendor.libzanctmgr.so that was built for this machine";
     return;
   }
   init_ = reinterpret_cast<Init>(dlsym(library_, "init_ct_mgr"));

@@ -16,6 +16,9 @@ std::optional<std::string> PropertyStore::assign(const std::string& assignment) 
   if (equals == std::string::npos || equals == 0) {
     return "'" + assignment + "' is not NAME=VALUE";
   }
+  if (assignment.find_first_of(" \t") < equals) {
+    return "'" + assignment + "' has a blank in its name; write NAME=VALUE";
+  }
   const std::string value = assignment.substr(equals + 1);
   if (value.size() >= kPropertyValueMax) {
     return "the value of " + assignment.substr(0, equals) + " is " + std::to_string(value.size()) +

@@ -45,7 +45,8 @@ struct ZanNetlinkSocket::HostSide {
   std::mutex requestMutex;  ///< held from a request to its acknowledgement
   std::vector<unsigned char> buffer;
 
-  /// One datagram from the kernel into the buffer, zeroes behind it; recvmsg(2)'s result.
+  /// One datagram from the kernel into the buffer, zeroes behind it; recvmsg(2)'s result, and 0
+  /// for a datagram that somebody else has sent.
   ssize_t receive(int fd, int flags);
   int awaitAnswer(int fd, std::uint32_t sequence);
 };
@@ -67,7 +68,7 @@ ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
     if (!sentByKernel(sender)) {
       HOST_LOG(kHostWarning, "netlink: dropped a message that process %u sent, not the kernel",
                sender.nl_pid);
-      continue;
+      return 0;
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) {
       HOST_LOG(kHostError, "netlink: a datagram was longer than %zu bytes and has been cut",
@@ -82,6 +83,7 @@ ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
 int ZanNetlinkSocket::HostSide::awaitAnswer(int fd, std::uint32_t sequence) {
   for (;;) {
     const ssize_t received = receive(fd, 0);
+    if (received < 0 && errno == ENOBUFS) continue;
     if (received < 0) return -errno;
     std::optional<int> answer;
     forEachNetlinkMessage(buffer.data(), static_cast<std::size_t>(received), [&](nlmsghdr* msg) {
@@ -147,16 +149,16 @@ int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
 }
 
 int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, void* cbData) {
+  const bool subscribed = groupsOf(side->protocol, side->argument) != 0;
   const ssize_t received = side->receive(socketFd, static_cast<int>(flags));
   if (received < 0) {
-    if (errno == ENOBUFS) {
+    if (errno == ENOBUFS && subscribed) {
       ++notificationCounters().overruns;
       HOST_LOG(kHostWarning, "netlink: receive buffer overrun, the kernel dropped notifications");
       errno = ENOBUFS;
     }
     return -1;
   }
-  const bool subscribed = groupsOf(side->protocol, side->argument) != 0;
   return forEachNetlinkMessage(side->buffer.data(), static_cast<std::size_t>(received),
                                [&](nlmsghdr* msg) {
                                  if (subscribed) ++notificationCounters().delivered;

@@ -1,15 +1,19 @@
 // zanhost: runs a connection-tracking plug-in on any Linux machine.
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fstream>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,6 +74,7 @@ std::optional<std::string> readScript(const std::string& path, std::vector<std::
     const std::string error = parseCommand(line).error;
     if (!error.empty()) return fmt::format("{}:{}: {}", path, lines.size(), error);
   }
+  if (file.bad()) return "cannot read the script " + path + ": " + std::strerror(errno);
   return std::nullopt;
 }
 
@@ -108,6 +113,14 @@ UniqueFd takeSignals() {
   return UniqueFd(signalfd(-1, &ending, SFD_CLOEXEC));
 }
 
+/// Opens what the caller has left closed of the standard streams, so that no descriptor of ours
+/// takes their place.
+void fillStandardStreams() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+  if (fd >= 0) close(fd);
+}
+
 void signalReady(int fd, void* cbData) {
   signalfd_siginfo info{};
   if (read(fd, &info, sizeof(info)) != sizeof(info)) return;
@@ -116,11 +129,11 @@ void signalReady(int fd, void* cbData) {
 }
 
 int runHost(const Options& options, const std::vector<std::string>& script, int signalFd) {
-  const LogSink log(stderr, options.logFormat, options.logLevel);
+  const LogSink log(STDERR_FILENO, options.logFormat, options.logLevel);
   Plugin plugin(options.plugin);
   if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
 
-  HostSession session(stdout);
+  HostSession session(STDOUT_FILENO);
   EventLoop& loop = session.host().zanCom.hostSide().loop;
   loop.watch(signalFd, signalReady, &loop, nullptr, POLLIN);
   if (plugin.start(session.host()) != 0) {
@@ -128,7 +141,7 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
   }
   CommandConsole console(
       loop, [&](const Command& command) { session.execute(command); },
-      [](const std::string& error) { HOST_LOG(kHostWarning, "refused: %s", error.c_str()); });
+      [](const std::string& error) { HOST_LOG(kHostError, "refused: %s", error.c_str()); });
   if (options.script.empty()) console.readFrom(STDIN_FILENO);
   for (const std::string& line : script) console.add(line);
 
@@ -142,6 +155,7 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
 }  // namespace
 
 int main(int argc, char** argv) {
+  fillStandardStreams();
   CLI::App app("Runs a connection-tracking plug-in as its host would, on any Linux machine.");
   Options options;
   declareOptions(app, options);
@@ -158,5 +172,7 @@ int main(int argc, char** argv) {
   if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
   if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
   const UniqueFd signals = takeSignals();
+  if (!signals.valid())
+    return fail(kExitUnavailable, std::string("no signalfd: ") + std::strerror(errno));
   return runHost(options, script, signals.get());
 }

@@ -94,4 +94,23 @@ TEST_F(HostProgram, RunsAScriptAndReportsWrongCommandsWithoutActing) {
   EXPECT_NE(typed.errors.find("'x' is no MAC address"), std::string::npos) << typed.errors;
 }
 
+TEST_F(HostProgram, StopsInOrderWhateverItsStandardStreamsAre) {
+  const lab::HotspotNetwork network({.clients = 1, .ipv6Only = {}});
+  // Closed, and open to somebody who never reads: more answers and lines than a pipe holds.
+  const std::string flood = "yes status | head -n 2000 |";
+  const std::string host = "'" + kHostProgram + "' --log-level 0 --plugin '" + kPluginPath + "'";
+  const std::string commands[] = {
+      "timeout -s TERM 1 " + host + " <&- ; test $? = 124",
+      "timeout -s TERM 1 " + host + " >&- ; test $? = 124",
+      "timeout -s TERM 1 " + host + " 2>&- ; test $? = 124",
+      flood + " timeout -k 8 -s TERM 1 " + host + " 2>&1 | (sleep 5; true); " +
+          "test ${PIPESTATUS[2]} = 124",
+  };
+  for (const std::string& command : commands) {
+    const auto result = lab::Process::run({"bash", "-c", command}, &network.gateway(), {},
+                                          std::chrono::seconds(15));
+    EXPECT_TRUE(result.status.success()) << command << ": " << result.status.text();
+  }
+}
+
 }  // namespace

@@ -2,7 +2,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "refhost/Command.h"
@@ -49,7 +51,7 @@ TEST(Command, NamesWhatIsWrongAndWhatIsAccepted) {
       {"wait 5s", "wait", "such as"},
       {"wait nan", "wait", "such as"},
       {"wait 90000", "wait", "86400"},
-      {"quit now", "'now'", "takes none"},
+      {"quit now", "quit: 'now'", "takes no argument"},
   };
   for (const auto& test : cases) {
     const ParsedLine parsed = parseCommand(test.line);
@@ -97,6 +99,36 @@ TEST(CommandConsole, CarriesOutLinesInOrderAndHoldsThemBackAfterAWait) {
   loop.run();
   EXPECT_EQ(done, (std::vector<std::string>{"0", "'bogus", "3", "2", "5"}));
   EXPECT_GE(lastDone - start, std::chrono::milliseconds(200));
+}
+
+TEST(CommandConsole, ReadsNoFurtherThanItCanKeepUp) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  const UniqueFd reading(ends[0]);
+  UniqueFd writing(ends[1]);
+  EventLoop loop;
+  std::size_t done = 0;
+  std::vector<std::string> refused;
+  CommandConsole console(
+      loop, [&](const Command&) { ++done; },
+      [&](const std::string& error) { refused.push_back(error); });
+  console.readFrom(reading.get());
+
+  constexpr std::size_t kCommands = 20 * CommandConsole::kMostPending;
+  std::thread typist([&] {
+    const auto type = [&](const std::string& text) {
+      EXPECT_EQ(write(writing.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    };
+    type(std::string(3 * CommandConsole::kLongestLine, 'x') + "\n");
+    for (std::size_t i = 0; i < kCommands; ++i) type("clients\n");
+    writing.reset();
+  });
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (done < kCommands && std::chrono::steady_clock::now() < end) loop.turn(10);
+  typist.join();
+  EXPECT_EQ(done, kCommands);
+  ASSERT_EQ(refused.size(), 1U) << "the long line, once";
+  EXPECT_NE(refused[0].find("65536"), std::string::npos);
 }
 
 }  // namespace

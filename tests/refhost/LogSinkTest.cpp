@@ -20,7 +20,7 @@ template <typename Log>
 std::vector<std::string> written(LogSink::Format format, int threshold, Log log) {
   std::FILE* file = std::tmpfile();
   {
-    LogSink sink(file, format, threshold);
+    LogSink sink(fileno(file), format, threshold);
     EXPECT_EQ(ZanMsg::zan_log_class_ptr, &sink);
     log(sink);
   }
@@ -77,12 +77,11 @@ TEST(LogSink, JsonKeepsTheTextExactly) {
 TEST(LogSink, AReaderThatStandsStillDoesNotBlockTheCaller) {
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-  std::FILE* stream = fdopen(ends[1], "w");
   constexpr int kLines = 3 * static_cast<int>(LogSink::kQueueLength);
   std::string seen;
   std::thread reader;
   {
-    LogSink sink(stream, LogSink::Format::kText, 0);
+    LogSink sink(ends[1], LogSink::Format::kText, 0);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < kLines; ++i) sink.log(2, 10409, "line %d", i);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
@@ -93,7 +92,7 @@ TEST(LogSink, AReaderThatStandsStillDoesNotBlockTheCaller) {
       }
     });
   }
-  std::fclose(stream);
+  close(ends[1]);
   reader.join();
   close(ends[0]);
   EXPECT_NE(seen.find("line " + std::to_string(kLines - 1) + "\n"), std::string::npos)

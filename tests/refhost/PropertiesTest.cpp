@@ -21,6 +21,8 @@ TEST(Properties, TakesAssignmentsAndSaysWhatIsWrongWithOthers) {
   EXPECT_TRUE(store.assign("longer=" + std::string(kPropertyValueMax, 'x')));
   EXPECT_TRUE(store.assign("name only"));
   EXPECT_TRUE(store.assign("=value"));
+  EXPECT_TRUE(store.assign("name = 1")) << "would set 'name '";
+  EXPECT_FALSE(store.assign("name=a b"));
   EXPECT_EQ(store.find("longer"), nullptr);
 }
 
