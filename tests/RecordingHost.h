@@ -1,0 +1,91 @@
+// A host that carries nothing out but remembers, in order, whatever the plug-in asks of it.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/Zan.h"
+#include "host/ZanMsg.h"
+#include "host/ZanNetlinkSocket.h"
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// The host object and everything behind it; there is one at a time.
+///
+/// Sockets have the descriptor 1000 + protocol. Every request is refused as "no such entry".
+///
+/// Thread: any for what the plug-in calls, take() and awaitRequests(); else the test's own.
+class RecordingHost final : public ZanMsg {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  struct Request {
+    Bytes bytes;
+    Clock::time_point when;
+  };
+
+  RecordingHost() { zan_log_class_ptr = this; }
+  ~RecordingHost() { zan_log_class_ptr = nullptr; }
+
+  /// What happened since the last call, as far as the extended regular expression |having| matches:
+  /// a newline, then a line for each log line, "LEVEL MODULE TEXT", and each call, "operation
+  /// argument ...", in order. Log lines that show where an object lies appear as their format, and
+  /// the manager's construction and destruction without the line number.
+  std::string take(const std::string& having = "");
+
+  /// All delete requests so far, once there are |count| of them or |limit| has passed.
+  std::vector<Request> awaitRequests(std::size_t count, Clock::duration limit);
+
+  /// Has the socket |fd| receive |messages| and its watcher be called.
+  void receive(int fd, Bytes messages);
+
+  /// The host's side of the calls above.
+  void record(std::string entry);
+  void recordRequest(const nlmsghdr* msg);
+  int deliver(NlMsgCallback callback, void* cbData);
+
+  void setThreshold(int /*level*/) override {}
+  [[nodiscard]] bool enabled(int /*level*/) const override { return true; }
+  [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
+
+  Zan zan;
+  const char* property = nullptr;  ///< value of every property, if it has one
+  std::function<void()> onSend;    ///< called on the sender's thread before a request is recorded
+
+ private:
+  std::mutex mutex;  ///< guards the two records
+  std::condition_variable requestRecorded;
+  std::vector<std::string> sequence;
+  std::vector<Request> requests;
+  Bytes incoming;
+};
+
+/// A conntrack table of the test's own.
+class TableFile {
+ public:
+  /// Replaces what the table holds.
+  void write(const std::string& text) const;
+  [[nodiscard]] int fd() const { return fileno(file.get()); }
+
+ private:
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file{std::tmpfile(), std::fclose};
+};
+
+/// A connection of |client|, IPv4 or IPv6, from |port| to a server, translated to |upstream|.
+std::string tableEntry(const std::string& client, int port,
+                       const std::string& upstream = "7.7.7.7");
+
+/// The bytes of an IPv4 or IPv6 address text.
+Bytes addressBytes(const std::string& text);
+
+/// A neighbour notification with |attributes|, type and payload each.
+Bytes neighbourMessage(std::uint8_t type, std::uint8_t family,
+                       const std::vector<std::pair<std::uint8_t, Bytes>>& attributes);
