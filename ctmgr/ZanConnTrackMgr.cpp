@@ -73,6 +73,7 @@ ZanConnTrackMgr::ZanConnTrackMgr(Zan& zan) : host(zan), connTrackUtils(zan) {
     ZAN_LOG(kModule, kLogWarning, "ZanConnTrackMgr Failed to set Privilege Params");
   }
   for (const ZanDsmEvent event : kEvents) zanDsm->regEventCallback(event, dsmEventHandler, this);
+  trackConnectedInterfaces();
 
   if (readSapConnTrackProperty() != 0) return;
   zanCom = &host.zanCom;
@@ -87,6 +88,8 @@ ZanConnTrackMgr::ZanConnTrackMgr(Zan& zan) : host(zan), connTrackUtils(zan) {
 
 ZanConnTrackMgr::~ZanConnTrackMgr() {
   ZAN_LOG_ENTRY(kModule, "ZanConnTrackMgr::~ZanConnTrackMgr()", __LINE__);
+  for (const auto& tracker : ifTrackers) delete tracker.second;
+  ifTrackers.clear();
   for (const ZanDsmEvent event : kEvents) zanDsm->deregEventCallback(event, dsmEventHandler, this);
   workers->closeAndWait();
   delete netlinkMgr;
@@ -116,11 +119,79 @@ void ZanConnTrackMgr::dsmEventHandler(ZanDsmEvent event, const void* evtData, vo
       return;
     }
     case ZAN_DSM_EVENT_WWAN_STATUS:
+      gConnTrackMgr->processWwanStatus(*static_cast<const ZanDsmWwanStatusInfo*>(evtData));
       return;
     default:
       ZAN_LOG(kModule, kLogUnhandled, "unhandled event:%d", event);
       return;
   }
+}
+
+/// Interfaces that came up before the plug-in did.
+void ZanConnTrackMgr::trackConnectedInterfaces() {
+  for (const auto& [ifaceName, info] : zanDsm->getAllWwanInfo()) {
+    const std::list<ZanApnType> apnList = info.apnList;
+    ZAN_LOG(kModule, kLogWarning, "ConnTrack Apn list %d", static_cast<int>(apnList.size()));
+    for (const ZanApnType apn : apnList) {
+      ZAN_LOG(kModule, kLogWarning, "ConnTrack Apn %d", apn);
+      if (info.status != ZAN_WWAN_STATUS_CONNECTED || apn != ZAN_APN_TYPE_DEFAULT) continue;
+      ZAN_LOG(kModule, kLogNotice, "ConnTracker Apn %d ,Status %d", apn, info.status);
+      createIfConTracker(ifaceName);
+    }
+  }
+}
+
+void ZanConnTrackMgr::processWwanStatus(const ZanDsmWwanStatusInfo& info) {
+  const std::string ifaceName(info.ifaceName, strnlen(info.ifaceName, sizeof(info.ifaceName)));
+  ZAN_LOG(kModule, kLogTrace,
+          "ZanConnTrackMgr::dsmEventHandler status: %d iface: %s : apnList Size %d",
+          static_cast<int>(info.status), ifaceName.c_str(), static_cast<int>(info.apnList.size()));
+  const std::list<ZanApnType> apnList = info.apnList;
+  if (info.status == ZAN_WWAN_STATUS_DISCONNECTED) {
+    destroyIfConTracker(ifaceName);
+  } else if (info.status == ZAN_WWAN_STATUS_CONNECTED) {
+    for (const ZanApnType apn : apnList) {
+      if (apn == ZAN_APN_TYPE_DEFAULT) createIfConTracker(ifaceName);
+    }
+  }
+}
+
+void ZanConnTrackMgr::createIfConTracker(std::string ifaceName) {
+  if (ifTrackers.count(ifaceName) != 0) return;
+  auto* tracker = new ZanIfConnTracker(host, connTrackUtils, *zanRix, ifaceName);
+  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackMgr::createIfConTracker ifaceName: %s",
+          ifaceName.c_str());
+  ifTrackers.emplace(ifaceName, tracker);
+  tracker->regIdleStatusChgEvt(idleTimerExpHdlr, this);
+}
+
+void ZanConnTrackMgr::destroyIfConTracker(std::string ifaceName) {
+  const auto found = ifTrackers.find(ifaceName);
+  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackMgr::destroyIfConTracker ifaceName: %s",
+          ifaceName.c_str());
+  if (found == ifTrackers.end()) return;
+  delete found->second;
+  ifTrackers.erase(found);
+}
+
+void ZanConnTrackMgr::idleTimerExpHdlr(const void* eventData, void* cbData, std::string ifaceName) {
+  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackMgr::idleTimerExpHdlr idleStatus = %d",
+          *static_cast<const std::uint8_t*>(eventData));
+  if (cbData == nullptr) return;
+  static_cast<ZanConnTrackMgr*>(cbData)->listenFilterTimerExpHdlr(eventData, ifaceName);
+}
+
+void ZanConnTrackMgr::listenFilterTimerExpHdlr(const void* eventData, std::string ifaceName) {
+  if (eventData == nullptr) {
+    ZAN_LOG(kModule, kLogWarning, "ZanConnTrackMgr::listenFilterTimerExpHdlr:eventData is NULL");
+    return;
+  }
+  const std::uint8_t idleStatus = *static_cast<const std::uint8_t*>(eventData);
+  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackMgr::listenFilterTimerExpHdlr idleStatus = %d",
+          idleStatus);
+  if (idleStatus == 0) return;
+  const auto found = ifTrackers.find(ifaceName);
+  if (found != ifTrackers.end() && found->second != nullptr) found->second->instalListenFilters();
 }
 
 int ZanConnTrackMgr::readSapConnTrackProperty() {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "ctmgr/ZanConnTrackFilter.h"
 #include "ctmgr/ZanConnTrackParser.h"
 #include "ctmgr/ZanConnTrackUtils.h"
+#include "ctmgr/ZanIfConnTracker.h"
 #include "ctmgr/ZanNetlinkMgr.h"
 #include "host/Zan.h"
 #include "host/ZanNetlinkSocket.h"
@@ -22,7 +24,8 @@
 /// Pause between the flushes of a departed client, in seconds.
 inline constexpr int SAP_CLIENT_RECHECK_DELAY = 5;
 
-/// Turns data-service events into flushes of stale hotspot connections.
+/// Turns data-service events into trackers of mobile-data interfaces and into flushes of stale
+/// hotspot connections.
 ///
 /// A flush scans the conntrack table and leaves what it found in v4DeleteList and v6DeleteList
 /// for a detached worker, which takes a copy and asks the kernel to delete every tuple.
@@ -55,6 +58,16 @@ class ZanConnTrackMgr {
 
   /// Listener for data-service events; |cbData| is the manager.
   static void dsmEventHandler(ZanDsmEvent event, const void* evtData, void* cbData);
+
+  /// Keeps one tracker for each interface name; for a name that has one already, or none, the
+  /// calls change nothing.
+  void createIfConTracker(std::string ifaceName);
+  void destroyIfConTracker(std::string ifaceName);
+
+  /// Idle-status listener of every tracker; |cbData| is the manager, |eventData| points at one
+  /// byte, non-zero for idle. An idle interface gets its listen filters.
+  static void idleTimerExpHdlr(const void* eventData, void* cbData, std::string ifaceName);
+  void listenFilterTimerExpHdlr(const void* eventData, std::string ifaceName);
 
   /// The property above as a number.
   int readSapConnTrackProperty();
@@ -91,6 +104,8 @@ class ZanConnTrackMgr {
   int fillNetlinkHeader(nlmsghdr* msg, std::uint8_t family);
 
  protected:
+  void trackConnectedInterfaces();
+  void processWwanStatus(const ZanDsmWwanStatusInfo& info);
   [[nodiscard]] bool flushesEnabled() const;
   void startDeletion(std::list<ZanConnTrackFilter_s> v4, std::list<ZanConnTrackFilter_s> v6);
   [[nodiscard]] bool sendDeleteRequest(ctTuple& tuple);
@@ -108,8 +123,9 @@ class ZanConnTrackMgr {
   ZanConnTrackParser* conntrackParser = nullptr;  ///< owned; null without hotspot handling
   std::vector<std::string> sapClients;
   std::vector<std::string> disconnectedSapClients;
-  ZanNetlinkSocket* conntrackSocket = nullptr;  ///< lives until the process ends
-  std::atomic<std::uint32_t> deleteSeq{0};      ///< sequence number of the last request
+  std::map<std::string, ZanIfConnTracker*> ifTrackers;  ///< owned
+  ZanNetlinkSocket* conntrackSocket = nullptr;          ///< lives until the process ends
+  std::atomic<std::uint32_t> deleteSeq{0};              ///< sequence number of the last request
 
   HandOver deleteLists;  ///< guards the two lists
   std::shared_ptr<WorkerGate> workers = std::make_shared<WorkerGate>();

@@ -9,7 +9,8 @@
 /// themselves. Lives from before init_ct_mgr() until after deinit_ct_mgr().
 class Zan {
  public:
-  /// Connected byte stream to the privileged parent process; -1 when there is none.
+  /// Connected byte stream to the privileged parent process (host/ZanCommands.h); -1 when there is
+  /// none. The process ignores SIGPIPE, so that a parent that has gone is an error of write(2).
   int commandChannelFd = -1;
   ZanCom zanCom;
   ZanDsm zanDsm;

@@ -1,6 +1,7 @@
 // The framework's data-service monitor: mobile-data and hotspot state, and events about both.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,6 +20,9 @@ class ZanDsm : public EventDispatcher<ZanDsmEvent> {
 
   /// The record of |ifaceName|; one with the default values when there is no such interface.
   _ZanDsmWwanInfoType getWwanInfo(const char* ifaceName);
+
+  /// Non-zero while tethering is on. Kept by the framework.
+  std::int32_t tetheringIndicator = 0;
 
   /// The monitor's own state, which only the framework changes.
   struct HostSide;

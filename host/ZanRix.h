@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 /// What the modem is told about an interface whose filters it installs.
@@ -29,6 +30,11 @@ struct ZanRixStatusRecord {
 /// Thread: event thread only; events arrive there too.
 class ZanRix {
  public:
+  ZanRix();
+  ~ZanRix();
+  ZanRix(const ZanRix&) = delete;
+  ZanRix& operator=(const ZanRix&) = delete;
+
   using WdsCallback = void (*)(ZanRixWdsEventType event, const void* evtData, void* cbData);
   using DfsCallback = void (*)(ZanRixDfsEventType event, const void* evtData, void* cbData);
 
@@ -54,4 +60,11 @@ class ZanRix {
 
   /// Installs the filters that let only listening sockets be woken. Returns 1 on success.
   int installListenFilters(HalFilterInfo info);
+
+  /// The modem itself, which only the framework knows.
+  struct HostSide;
+  HostSide& hostSide() { return *side; }
+
+ private:
+  std::unique_ptr<HostSide> side;
 };

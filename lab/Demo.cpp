@@ -26,7 +26,6 @@ constexpr milliseconds kStragglerDelay{2000};
 // The second flush is due five seconds after the departure.
 constexpr milliseconds kSecondFlushEarliest{4500};
 constexpr milliseconds kSecondFlushLatest{6500};
-constexpr milliseconds kPollStep{1};
 
 std::atomic<bool> stopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
@@ -71,11 +70,15 @@ std::string list(const std::vector<ConntrackEntry>& entries) {
 
 }  // namespace
 
-Demo::Demo(std::string host, std::string plugin)
-    : hostProgram_(std::move(host)), plugin_(std::move(plugin)) {}
+Demo::Demo(HostProcess::Options host, DemoReport& report)
+    : hostOptions_(std::move(host)), report_(report) {}
 
 void Demo::requestStop() {
   stopRequested = true;
+}
+
+bool Demo::stopIsRequested() {
+  return stopRequested;
 }
 
 void Demo::run() {
@@ -86,8 +89,7 @@ void Demo::run() {
   straggle();
   loseUpstream();
   summarise();
-  stopHost();
-  report_.say("\nAll " + std::to_string(report_.checks()) + " claims held.");
+  stopHost(*host_, report_);
 }
 
 void Demo::introduce() const {
@@ -114,10 +116,7 @@ void Demo::raise() {
   report_.observe(Clock::now(), "hotspot raised, in " + inMs(Clock::now() - begin));
 
   // The host starts before any client speaks: it learns addresses only from what it hears.
-  HostProcess::Options options;
-  options.program = hostProgram_;
-  options.plugin = plugin_;
-  host_ = std::make_unique<HostProcess>(options, network_->gateway());
+  host_ = std::make_unique<HostProcess>(hostOptions_, network_->gateway());
   report_.observe(Clock::now(), "host ready, plug-in loaded");
   host_->command("clients " + network_->client(kA).mac + " " + network_->client(kB).mac);
   report_.say("   raised in " + inMs(Clock::now() - begin) + ", the host knows clients A and B");
@@ -245,10 +244,10 @@ void Demo::summarise() {
                 std::to_string(vanished_), std::to_string(deleted()));
 }
 
-void Demo::stopHost() {
-  report_.act("The host is stopped (SIGTERM)");
-  const ExitStatus status = host_->stop(SIGTERM);
-  report_.check(status.success(), "it ended in order", "exit code 0", status.text());
+void Demo::stopHost(HostProcess& host, DemoReport& report) {
+  report.act("The host is stopped (SIGTERM)");
+  const ExitStatus status = host.stop(SIGTERM);
+  report.check(status.success(), "it ended in order", "exit code 0", status.text());
 }
 
 Demo::Entries Demo::entriesOf(std::size_t i, Entries* all) const {
@@ -264,11 +263,11 @@ Demo::Entries Demo::entriesOf(std::size_t i, Entries* all) const {
 }
 
 std::optional<Demo::Clock::time_point> Demo::poll(const std::function<bool()>& condition,
-                                                  Clock::time_point deadline) {
+                                                  Clock::time_point deadline, milliseconds step) {
   while (true) {
     if (condition()) return Clock::now();
     if (Clock::now() >= deadline) return std::nullopt;
-    pauseFor(kPollStep);
+    pauseFor(step);
   }
 }
 

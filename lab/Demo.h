@@ -28,17 +28,31 @@ class Demo {
     Interrupted() : std::runtime_error("interrupted; nothing is left behind") {}
   };
 
-  Demo(std::string host, std::string plugin);
+  /// |host|: the host to run on the gateway, with its plug-in. |report| must outlive this object.
+  Demo(HostProcess::Options host, DemoReport& report);
 
-  /// Plays all acts, about six seconds. Throws CheckFailed for the first claim that does not
+  /// Plays the act, about six seconds. Throws CheckFailed for the first claim that does not
   /// hold, Error if something cannot be set up, Interrupted.
   void run();
 
   /// Makes run() end soon. May be called from a signal handler.
   static void requestStop();
+  [[nodiscard]] static bool stopIsRequested();
+
+  // What another act needs too.
+
+  using Clock = std::chrono::steady_clock;
+
+  /// Tries |condition| every |step| until it holds, at most until |deadline|. Returns when it came
+  /// to hold. Throws Interrupted.
+  [[nodiscard]] static std::optional<Clock::time_point> poll(
+      const std::function<bool()>& condition, Clock::time_point deadline,
+      std::chrono::milliseconds step = std::chrono::milliseconds(1));
+
+  /// Ends |host| as a service manager would, and checks that it ended in order.
+  static void stopHost(HostProcess& host, DemoReport& report);
 
  private:
-  using Clock = std::chrono::steady_clock;
   using Entries = std::vector<ConntrackEntry>;
 
   void introduce() const;
@@ -48,21 +62,15 @@ class Demo {
   void straggle();
   void loseUpstream();
   void summarise();
-  void stopHost();
 
   /// The TCP and UDP entries of client |i| in the gateway's table now; all of it in |all|.
   [[nodiscard]] Entries entriesOf(std::size_t i, Entries* all = nullptr) const;
-  /// Tries |condition| until it holds, at most until |deadline|. Returns when it came to hold.
-  [[nodiscard]] static std::optional<Clock::time_point> poll(const std::function<bool()>& condition,
-                                                             Clock::time_point deadline);
-
-  /// The same for the claim that |look| finds nothing any more.
+  /// Like poll(), for the claim that |look| finds nothing any more.
   [[nodiscard]] static std::optional<Clock::time_point> pollUntilNone(
       const std::function<Entries()>& look, Clock::time_point deadline);
 
-  std::string hostProgram_;
-  std::string plugin_;
-  DemoReport report_;
+  HostProcess::Options hostOptions_;
+  DemoReport& report_;
 
   // Torn down in reverse: the clients' connections first, the namespaces last.
   std::unique_ptr<HotspotNetwork> network_;

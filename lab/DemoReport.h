@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -17,6 +19,20 @@ class CheckFailed : public std::runtime_error {
   CheckFailed(const std::string& claim, const std::string& expected, const std::string& seen)
       : std::runtime_error("FAILED: " + claim + "\n  expected: " + expected +
                            "\n  seen:     " + seen) {}
+};
+
+/// A mobile link as it was seen once.
+struct LinkMoment {
+  std::chrono::steady_clock::time_point when;
+  bool connected = false;
+  bool dormant = false;
+  bool tethering = false;
+  bool filters = false;
+  bool listenFilters = false;
+  /// What the kernel's idle timer shows, in seconds; nothing when there is none.
+  std::optional<int> timer;
+  /// Frames of any kind, both directions, since the link exists.
+  std::uint64_t frames = 0;
 };
 
 /// What the demo prints, on standard output, and the timeline it keeps of what it observed.
@@ -40,6 +56,11 @@ class DemoReport {
   void observe(Clock::time_point when, const std::string& what);
   /// All observations in order of time, in milliseconds from |zero|.
   void timeline(Clock::time_point zero);
+
+  /// Draws |moments|, in order and at least one, from left to right, with the times at which the
+  /// plug-in reported the link idle.
+  void picture(const std::vector<LinkMoment>& moments,
+               const std::vector<Clock::time_point>& idleReports) const;
 
  private:
   struct Observation {

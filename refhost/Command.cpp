@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <cstdlib>
 #include <sstream>
+
+#include "refhost/InterfaceName.h"
 
 namespace {
 
@@ -88,6 +91,80 @@ ParsedLine parseWait(const Words& arguments) {
           {}};
 }
 
+/// |text| as one of two words; nothing for any other.
+std::optional<bool> oneOf(const std::string& text, const char* yes, const char* no) {
+  if (text == yes) return true;
+  if (text == no) return false;
+  return std::nullopt;
+}
+
+/// |text| as a whole number that fits; nothing for anything else.
+std::optional<int> wholeNumber(const std::string& text) {
+  int value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+/// What is wrong with the first argument as an interface name; empty when it is one.
+std::string wrongInterface(const Words& arguments) {
+  if (arguments.empty()) return "name an interface, such as 'wwan0'";
+  if (isInterfaceName(arguments[0])) return {};
+  return "'" + arguments[0] + "' is no interface name";
+}
+
+ParsedLine parseWwan(const Words& arguments) {
+  if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
+  const auto connected =
+      arguments.size() == 2 ? oneOf(arguments[1], "connected", "disconnected") : std::nullopt;
+  if (!connected) return wrong("write 'wwan IFACE connected' or 'wwan IFACE disconnected'");
+  return {WwanCommand{arguments[0], *connected}, {}};
+}
+
+ParsedLine parseApns(const Words& arguments) {
+  if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
+  ApnsCommand command{arguments[0], {}};
+  for (std::size_t i = 1; i < arguments.size(); ++i) {
+    const auto apn = wholeNumber(arguments[i]);
+    if (!apn) return wrong("'" + arguments[i] + "' is no APN number; 0 is the default APN");
+    command.apns.push_back(static_cast<ZanApnType>(*apn));
+  }
+  return {command, {}};
+}
+
+ParsedLine parseTethering(const Words& arguments) {
+  const auto on = arguments.size() == 1 ? oneOf(arguments[0], "on", "off") : std::nullopt;
+  if (!on) return wrong("write 'tethering on' or 'tethering off'");
+  return {TetheringCommand{*on}, {}};
+}
+
+ParsedLine parseDormancy(const Words& arguments) {
+  if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
+  const auto dormant =
+      arguments.size() == 2 ? oneOf(arguments[1], "dormant", "active") : std::nullopt;
+  if (!dormant) return wrong("write 'dormancy IFACE dormant' or 'dormancy IFACE active'");
+  return {DormancyCommand{arguments[0], *dormant}, {}};
+}
+
+ParsedLine parseFilteringEnded(const Words& arguments) {
+  if (auto error = wrongInterface(arguments); !error.empty()) {
+    return wrong(error);
+  }
+  if (arguments.size() != 1) return wrong("name one interface, nothing else");
+  return {FilteringEndedCommand{arguments[0]}, {}};
+}
+
+ParsedLine parseModemAnswer(const Words& arguments) {
+  if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
+  const auto listen =
+      arguments.size() == 3 ? oneOf(arguments[1], "listen", "install") : std::nullopt;
+  const auto answer = listen ? wholeNumber(arguments[2]) : std::nullopt;
+  if (!answer) {
+    return wrong("write 'modem-answer IFACE install|listen NUMBER'; 1 is success");
+  }
+  return {ModemAnswerCommand{arguments[0], *listen, *answer}, {}};
+}
+
 template <typename Plain>
 ParsedLine parsePlain(const Words& arguments) {
   if (arguments.empty()) return {Plain{}, {}};
@@ -104,7 +181,15 @@ struct Entry {
 constexpr Entry kCommands[] = {
     {"clients", "[MAC ...]", "the complete list of hotspot clients from now on", parseClients},
     {"upstream-lost", "ADDRESS ...", "upstream addresses that are gone", parseUpstreamLost},
-    {"status", "[json]", "clients, neighbours and counters", parseStatus},
+    {"wwan", "IFACE connected|disconnected", "a mobile-data interface comes or goes", parseWwan},
+    {"apns", "IFACE [APN ...]", "its access points from its next event on; 0 is the default",
+     parseApns},
+    {"tethering", "on|off", "tethering is switched", parseTethering},
+    {"dormancy", "IFACE dormant|active", "the modem's link of the interface", parseDormancy},
+    {"filtering-ended", "IFACE", "the modem has ended filtering", parseFilteringEnded},
+    {"modem-answer", "IFACE install|listen N", "what the modem answers to filters; 1 is success",
+     parseModemAnswer},
+    {"status", "[json]", "clients, interfaces, privileges and counters", parseStatus},
     {"wait", "SECONDS", "pause before the next command", parseWait},
     {"help", "", "this list", parsePlain<HelpCommand>},
     {"quit", "", "take the plug-in down and end", parsePlain<QuitCommand>},
@@ -138,7 +223,7 @@ std::string commandHelp() {
   std::string text;
   for (const Entry& entry : kCommands) {
     std::string usage = std::string(entry.word) + " " + entry.arguments;
-    usage.resize(std::max<std::size_t>(usage.size(), 27), ' ');
+    usage.resize(std::max<std::size_t>(usage.size(), 35), ' ');
     text += "  " + usage + " " + entry.meaning + "\n";
   }
   return text;

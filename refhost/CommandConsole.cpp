@@ -57,6 +57,7 @@ void CommandConsole::inputReady(int fd, void* cbData) {
     self->loop_.unwatch(fd);
     self->input_ = -1;
     if (!self->unfinished_.empty()) self->add(std::exchange(self->unfinished_, {}));
+    if (self->finished()) self->whenFinished_();
     return;
   }
   self->unfinished_.append(bytes.data(), static_cast<std::size_t>(count));
@@ -95,7 +96,10 @@ void CommandConsole::schedule(std::chrono::milliseconds delay) {
 
 void CommandConsole::carryOutNext() {
   scheduled_ = false;
-  if (lines_.empty()) return;
+  if (lines_.empty()) {
+    if (finished()) whenFinished_();
+    return;
+  }
   const ParsedLine parsed = parseCommand(lines_.front());
   lines_.pop_front();
   if (paused_ && lines_.size() < kMostPending) {
@@ -111,4 +115,5 @@ void CommandConsole::carryOutNext() {
   }
   // Also without a line at hand: a wait counts for lines that are still to come.
   if (!lines_.empty() || delay.count() != 0) schedule(delay);
+  if (finished()) whenFinished_();
 }

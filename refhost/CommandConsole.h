@@ -30,6 +30,12 @@ class CommandConsole {
   /// Reads |fd|, which stays the caller's, until its end.
   void readFrom(int fd);
 
+  /// Whether everything has been carried out and no more can come.
+  [[nodiscard]] bool finished() const { return input_ == -1 && lines_.empty() && !scheduled_; }
+
+  /// Calls |callback| when that has become true.
+  void whenFinished(std::function<void()> callback) { whenFinished_ = std::move(callback); }
+
   /// Appends |line| to what is to be carried out.
   void add(const std::string& line);
 
@@ -49,6 +55,7 @@ class CommandConsole {
   std::deque<std::string> lines_;
   std::string unfinished_;  ///< what was read behind the last newline
   int input_ = -1;
+  std::function<void()> whenFinished_ = [] {};
   bool paused_ = false;      ///< nothing is read, because enough lines wait
   bool discarding_ = false;  ///< the rest of a line that is too long
   bool scheduled_ = false;

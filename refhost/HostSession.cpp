@@ -51,6 +51,43 @@ void HostSession::carryOut(const QuitCommand& /*command*/) {
   zan_.zanCom.hostSide().loop.stop();
 }
 
+void HostSession::carryOut(const WwanCommand& command) {
+  answer(fmt::format("wwan: {} is {}", command.ifaceName,
+                     command.connected ? "connected" : "disconnected"));
+  wwan_.setConnected(command.ifaceName, command.connected);
+}
+
+void HostSession::carryOut(const ApnsCommand& command) {
+  wwan_.setApns(command.ifaceName, command.apns);
+  answer(fmt::format("apns: {} on {}", command.apns.size(), command.ifaceName));
+}
+
+void HostSession::carryOut(const TetheringCommand& command) {
+  answer(fmt::format("tethering: {}", command.on ? "on" : "off"));
+  zan_.zanDsm.tetheringIndicator = command.on ? 1 : 0;
+  const std::int32_t payload = command.on ? 1 : 0;
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &payload);
+}
+
+void HostSession::carryOut(const DormancyCommand& command) {
+  answer(
+      fmt::format("dormancy: {} is {}", command.ifaceName, command.dormant ? "dormant" : "active"));
+  zan_.zanRix.hostSide().modem.setDormancy(command.ifaceName,
+                                           command.dormant ? Modem::kDormant : Modem::kActive);
+}
+
+void HostSession::carryOut(const FilteringEndedCommand& command) {
+  answer(fmt::format("filtering-ended: {}", command.ifaceName));
+  zan_.zanRix.hostSide().modem.endFiltering(command.ifaceName);
+}
+
+void HostSession::carryOut(const ModemAnswerCommand& command) {
+  Modem::Interface& interface = zan_.zanRix.hostSide().modem.interface(command.ifaceName);
+  (command.listenFilters ? interface.listenAnswer : interface.installAnswer) = command.answer;
+  answer(fmt::format("modem-answer: {} {} {}", command.ifaceName,
+                     command.listenFilters ? "listen" : "install", command.answer));
+}
+
 void HostSession::answer(const std::string& text) {
   constexpr std::chrono::seconds kPatience{1};
   const std::string line = text + "\n";

@@ -2,19 +2,29 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "host/Zan.h"
 #include "refhost/Command.h"
+#include "refhost/WwanMonitor.h"
 
 /// Thread: event thread.
 class HostSession {
  public:
   /// Answers of commands go to the descriptor |answers|, one line each (help and plain status:
-  /// several). One that nobody takes for a second is dropped, with a log line.
-  explicit HostSession(int answers) : output_(answers) {}
+  /// several). One that nobody takes for a second is dropped, with a log line. |channel| is the
+  /// command channel to the privileged parent process, or -1.
+  HostSession(int answers, int channel) : output_(answers), wwan_(zan_) {
+    zan_.commandChannelFd = channel;
+  }
 
   /// The object that the plug-in is started with.
   [[nodiscard]] Zan& host() { return zan_; }
+
+  /// Follows real mobile-data interfaces. False, with a log line, when the kernel does not tell.
+  [[nodiscard]] bool follow(const std::vector<std::string>& wwanNames) {
+    return wwan_.follow(wwanNames);
+  }
 
   void execute(const Command& command);
 
@@ -25,8 +35,15 @@ class HostSession {
   void carryOut(const WaitCommand& command);
   void carryOut(const HelpCommand& command);
   void carryOut(const QuitCommand& command);
+  void carryOut(const WwanCommand& command);
+  void carryOut(const ApnsCommand& command);
+  void carryOut(const TetheringCommand& command);
+  void carryOut(const DormancyCommand& command);
+  void carryOut(const FilteringEndedCommand& command);
+  void carryOut(const ModemAnswerCommand& command);
   void answer(const std::string& text);
 
   int output_;
   Zan zan_;
+  WwanMonitor wwan_;
 };

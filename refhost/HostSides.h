@@ -7,10 +7,16 @@
 
 #include "host/ZanCom.h"
 #include "host/ZanDsm.h"
+#include "host/ZanRix.h"
 #include "refhost/EventLoop.h"
+#include "refhost/Modem.h"
 
 struct ZanCom::HostSide {
   EventLoop loop;
+};
+
+struct ZanRix::HostSide {
+  Modem modem;
 };
 
 struct ZanDsm::HostSide {

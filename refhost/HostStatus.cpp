@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "host/ZanNetlinkSocket.h"
 #include "refhost/HostSides.h"
@@ -43,6 +44,50 @@ int kernelNeighbours() {
   return dump.neighbours;
 }
 
+nlohmann::ordered_json recordJson(const std::optional<HalFilterInfo>& record) {
+  if (!record) return nullptr;
+  return {{"wwanStatus", record->wwanStatus},
+          {"text1", record->wwanText1},
+          {"text2", record->wwanText2},
+          {"icmpFilterDisabled", record->icmpFilterDisabled}};
+}
+
+nlohmann::ordered_json interfaceJson(const HostStatus::Interface& interface) {
+  return {{"connected", interface.connected},
+          {"apns", interface.apns},
+          {"dormancy", interface.dormancy},
+          {"filterMode", interface.filterMode},
+          {"filters", recordJson(interface.filters)},
+          {"listenFilters", recordJson(interface.listenFilters)}};
+}
+
+std::string interfaceText(const HostStatus::Interface& interface) {
+  return fmt::format(
+      "\ninterface   {}: {}, APNs [{}], {}, filter mode {}, filters {}, listen filters {}",
+      interface.name, interface.connected ? "connected" : "disconnected",
+      fmt::join(interface.apns, " "), interface.dormancy, interface.filterMode ? "on" : "off",
+      interface.filters ? "in" : "out", interface.listenFilters ? "in" : "out");
+}
+
+/// Every interface that the monitor or the modem knows.
+std::vector<HostStatus::Interface> readInterfaces(Zan& zan) {
+  const auto& records = zan.zanDsm.hostSide().wwanInfo;
+  Modem& modem = zan.zanRix.hostSide().modem;
+  for (const auto& record : records) modem.interface(record.first);
+  std::vector<HostStatus::Interface> interfaces;
+  for (const auto& [name, radio] : modem.interfaces()) {
+    const _ZanDsmWwanInfoType record = zan.zanDsm.getWwanInfo(name.c_str());
+    interfaces.push_back({name,
+                          record.status == ZAN_WWAN_STATUS_CONNECTED,
+                          {record.apnList.begin(), record.apnList.end()},
+                          radio.dormancy == Modem::kDormant ? "dormant" : "active",
+                          radio.filterMode,
+                          radio.filters,
+                          radio.listenFilters});
+  }
+  return interfaces;
+}
+
 }  // namespace
 
 HostStatus readHostStatus(Zan& zan) {
@@ -55,10 +100,15 @@ HostStatus readHostStatus(Zan& zan) {
           deletions.requested,
           deletions.deleted,
           deletions.alreadyGone,
-          deletions.refused};
+          deletions.refused,
+          zan.zanDsm.tetheringIndicator != 0,
+          readInterfaces(zan),
+          currentPrivileges()};
 }
 
 std::string HostStatus::json() const {
+  nlohmann::ordered_json byName = nlohmann::ordered_json::object();
+  for (const Interface& interface : interfaces) byName[interface.name] = interfaceJson(interface);
   const nlohmann::ordered_json status{
       {"clients", clients},
       {"neighbours",
@@ -67,15 +117,27 @@ std::string HostStatus::json() const {
        {{"requested", requested},
         {"deleted", deleted},
         {"alreadyGone", alreadyGone},
-        {"refused", refused}}}};
+        {"refused", refused}}},
+      {"tethering", tethering},
+      {"interfaces", byName},
+      {"privileges",
+       {{"pid", getpid()},
+        {"uid", privileges.uid},
+        {"gid", privileges.gid},
+        {"capabilities", privileges.capabilities}}}};
   return status.dump();
 }
 
 std::string HostStatus::text() const {
-  return fmt::format(
+  std::string text = fmt::format(
       "clients     {}{}{}\n"
       "neighbours  {} in the kernel's table; {} notifications, {} overruns\n"
       "deletions   {} requested: {} deleted, {} already gone, {} refused",
       clients.size(), clients.empty() ? "" : ": ", fmt::join(clients, " "), kernelNeighbours,
       notifications, overruns, requested, deleted, alreadyGone, refused);
+  text += fmt::format("\ntethering   {}", tethering ? "on" : "off");
+  for (const Interface& interface : interfaces) text += interfaceText(interface);
+  text += fmt::format("\nprivileges  pid {}, uid {}, gid {}; {}", getpid(), privileges.uid,
+                      privileges.gid, fmt::join(privileges.capabilities, " "));
+  return text;
 }

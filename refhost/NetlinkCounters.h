@@ -15,7 +15,7 @@ struct DeletionCounters {
 /// The process's counters.
 DeletionCounters& deletionCounters();
 
-/// Notifications that the process's sockets handed to callbacks, and overruns they survived.
+/// Neighbour notifications that were handed to callbacks, and overruns that were survived.
 struct NotificationCounters {
   std::atomic<std::uint64_t> delivered{0};
   std::atomic<std::uint64_t> overruns{0};  ///< ENOBUFS: the kernel dropped some

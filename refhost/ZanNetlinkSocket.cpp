@@ -149,11 +149,11 @@ int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
 }
 
 int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, void* cbData) {
-  const bool subscribed = groupsOf(side->protocol, side->argument) != 0;
+  const bool neighbours = (groupsOf(side->protocol, side->argument) & RTMGRP_NEIGH) != 0;
   const ssize_t received = side->receive(socketFd, static_cast<int>(flags));
   if (received < 0) {
-    if (errno == ENOBUFS && subscribed) {
-      ++notificationCounters().overruns;
+    if (errno == ENOBUFS) {
+      if (neighbours) ++notificationCounters().overruns;
       HOST_LOG(kHostWarning, "netlink: receive buffer overrun, the kernel dropped notifications");
       errno = ENOBUFS;
     }
@@ -161,7 +161,7 @@ int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, vo
   }
   return forEachNetlinkMessage(side->buffer.data(), static_cast<std::size_t>(received),
                                [&](nlmsghdr* msg) {
-                                 if (subscribed) ++notificationCounters().delivered;
+                                 if (neighbours) ++notificationCounters().delivered;
                                  callback(cbData, msg, msg->nlmsg_len);
                                });
 }

@@ -22,9 +22,13 @@
 #include "refhost/HostLog.h"
 #include "refhost/HostSession.h"
 #include "refhost/HostSides.h"
+#include "refhost/InterfaceName.h"
 #include "refhost/LogSink.h"
+#include "refhost/ParentWatch.h"
 #include "refhost/Plugin.h"
 #include "refhost/Preflight.h"
+#include "refhost/PrivilegedParent.h"
+#include "refhost/Privileges.h"
 #include "refhost/Properties.h"
 #include "refhost/UniqueFd.h"
 
@@ -39,6 +43,7 @@ struct Options {
   std::vector<std::string> properties;
   std::string propertiesFile;
   std::string script;
+  std::vector<std::string> wwan;
   LogSink::Format logFormat = LogSink::Format::kText;
   int logLevel = kHostNotice;
 };
@@ -55,6 +60,8 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--property", options.properties, "a system property, NAME=VALUE; repeatable")
       ->allow_extra_args(false);
   app.add_option("--properties", options.propertiesFile, "a file of NAME=VALUE lines");
+  app.add_option("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
+      ->allow_extra_args(false);
   app.add_option("--script", options.script, "read commands from this file, not standard input");
   app.add_option("--log-format", options.logFormat, "text or json, on standard error")
       ->transform(CLI::CheckedTransformer(formats));
@@ -75,6 +82,13 @@ std::optional<std::string> readScript(const std::string& path, std::vector<std::
     if (!error.empty()) return fmt::format("{}:{}: {}", path, lines.size(), error);
   }
   if (file.bad()) return "cannot read the script " + path + ": " + std::strerror(errno);
+  return std::nullopt;
+}
+
+std::optional<std::string> wrongInterfaceName(const Options& options) {
+  for (const std::string& name : options.wwan) {
+    if (!isInterfaceName(name)) return "--wwan: '" + name + "' is no interface name";
+  }
   return std::nullopt;
 }
 
@@ -128,20 +142,28 @@ void signalReady(int fd, void* cbData) {
   static_cast<EventLoop*>(cbData)->stop();
 }
 
-int runHost(const Options& options, const std::vector<std::string>& script, int signalFd) {
-  const LogSink log(STDERR_FILENO, options.logFormat, options.logLevel);
+int runHost(const Options& options, const std::vector<std::string>& script, int channel) {
   Plugin plugin(options.plugin);
   if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
-
-  HostSession session(STDOUT_FILENO);
+  if (const auto failure = endLoading()) return fail(kExitUnavailable, *failure);
+  if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
+  const UniqueFd signals = takeSignals();
+  if (!signals.valid()) {
+    return fail(kExitUnavailable, std::string("no signalfd: ") + std::strerror(errno));
+  }
+  const LogSink log(STDERR_FILENO, options.logFormat, options.logLevel);
+  HostSession session(STDOUT_FILENO, channel);
   EventLoop& loop = session.host().zanCom.hostSide().loop;
-  loop.watch(signalFd, signalReady, &loop, nullptr, POLLIN);
+  loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
+  if (!session.follow(options.wwan)) return kExitUnavailable;
   if (plugin.start(session.host()) != 0) {
     return fail(kExitUnavailable, "the plug-in refused to start: init_ct_mgr did not return 0");
   }
   CommandConsole console(
       loop, [&](const Command& command) { session.execute(command); },
       [](const std::string& error) { HOST_LOG(kHostError, "refused: %s", error.c_str()); });
+  ParentWatch parent(loop, channel, [&] { return console.finished(); });
+  console.whenFinished([&] { parent.stopIfAlone(); });
   if (options.script.empty()) console.readFrom(STDIN_FILENO);
   for (const std::string& line : script) console.add(line);
 
@@ -169,10 +191,8 @@ int main(int argc, char** argv) {
   if (!options.script.empty()) {
     if (const auto wrong = readScript(options.script, script)) return fail(kExitUsage, *wrong);
   }
+  if (const auto wrong = wrongInterfaceName(options)) return fail(kExitUsage, *wrong);
   if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
-  if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
-  const UniqueFd signals = takeSignals();
-  if (!signals.valid())
-    return fail(kExitUnavailable, std::string("no signalfd: ") + std::strerror(errno));
-  return runHost(options, script, signals.get());
+  return runUnderPrivilegedParent(options.logFormat, options.logLevel,
+                                  [&](int channel) { return runHost(options, script, channel); });
 }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
 #include <regex.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <sstream>
 
 #include "host/Properties.h"
 
@@ -24,9 +26,12 @@ RecordingHost& recorder() {
 auto& liveSockets = *new std::set<const ZanNetlinkSocket*>;
 
 template <typename... Arguments>
-void recordCall(std::string operation, Arguments... arguments) {
-  ((operation += " " + std::to_string(arguments)), ...);
-  recorder().record(std::move(operation));
+int recordCall(const char* operation, const Arguments&... arguments) {
+  std::ostringstream call;
+  call << operation;
+  ((call << ' ' << arguments), ...);
+  recorder().record(call.str());
+  return -1;
 }
 
 bool isIpv6(const std::string& address) {
@@ -60,6 +65,65 @@ int ZanCom::removeComEventHandler(int fd) {
 
 ZanDsm::ZanDsm() : side(std::make_unique<HostSide>()) {}
 ZanDsm::~ZanDsm() = default;
+
+std::map<std::string, _ZanDsmWwanInfoType> ZanDsm::getAllWwanInfo() {
+  recordCall("getAllWwanInfo");
+  return recorder().wwan;
+}
+
+_ZanDsmWwanInfoType ZanDsm::getWwanInfo(const char* ifaceName) {
+  recordCall("getWwanInfo", ifaceName);
+  return recorder().wwan[ifaceName];
+}
+
+struct ZanRix::HostSide {};
+ZanRix::ZanRix() = default;
+ZanRix::~ZanRix() = default;
+
+int ZanRix::regDormancyStatusChgEvent(std::string ifaceName, WdsCallback callback, void* cbData) {
+  recorder().dormancyListener = {callback, cbData};
+  return recordCall("regDormancyStatusChgEvent", ifaceName);
+}
+
+int ZanRix::deRegDormancyStatusChgEvent(std::string ifaceName, WdsCallback callback, void* cbData) {
+  const bool known = recorder().dormancyListener == std::pair(callback, cbData);
+  return recordCall("deRegDormancyStatusChgEvent", ifaceName, known);
+}
+
+int ZanRix::regFilteringStatusChgEvent(std::string ifaceName, DfsCallback callback, void* cbData) {
+  recorder().filteringListener = {callback, cbData};
+  return recordCall("regFilteringStatusChgEvent", ifaceName);
+}
+
+int ZanRix::deRegFilteringStatusChgEvent(std::string ifaceName, DfsCallback cb, void* cbData) {
+  const bool known = recorder().filteringListener == std::pair(cb, cbData);
+  return recordCall("deRegFilteringStatusChgEvent", ifaceName, known);
+}
+
+int ZanRix::getDormancyStatus(std::string ifaceName) {
+  recordCall("getDormancyStatus", ifaceName);
+  return recorder().dormancyStatus;
+}
+
+int ZanRix::setDfsFilterMode(std::string ifaceName, bool enabled) {
+  return recordCall("setDfsFilterMode", ifaceName, enabled);
+}
+
+int ZanRix::installFilters(HalFilterInfo info, int conntrackFd) {
+  recordCall("installFilters", info.ifaceName, info.wwanStatus, info.wwanText1, info.wwanText2,
+             info.icmpFilterDisabled, conntrackFd);
+  return recorder().filtersAnswer;
+}
+
+int ZanRix::uninstallFilters(std::string ifaceName) {
+  return recordCall("uninstallFilters", ifaceName);
+}
+
+int ZanRix::installListenFilters(HalFilterInfo info) {
+  recordCall("installListenFilters", info.ifaceName, info.wwanStatus, info.wwanText1,
+             info.wwanText2, info.icmpFilterDisabled);
+  return recorder().listenFiltersAnswer;
+}
 
 ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
     : socketFd(1000 + protocol), side(nullptr) {
@@ -100,6 +164,7 @@ std::string RecordingHost::take(const std::string& having) {
   regex_t wanted;
   regcomp(&wanted, having.c_str(), REG_EXTENDED | REG_NOSUB);
   const std::lock_guard<std::mutex> lock(mutex);
+  recordPieces();
   std::string taken = "\n";
   for (const std::string& entry : std::exchange(sequence, {})) {
     if (regexec(&wanted, entry.c_str(), 0, nullptr, 0) == 0) taken += entry + "\n";
@@ -134,6 +199,7 @@ int RecordingHost::deliver(NlMsgCallback callback, void* cbData) {
 
 void RecordingHost::record(std::string entry) {
   const std::lock_guard<std::mutex> lock(mutex);
+  recordPieces();
   sequence.push_back(std::move(entry));
 }
 
@@ -156,6 +222,34 @@ void RecordingHost::log(int level, int module, const char* format, ...) {
     text.resize(text.rfind(':'));
   }
   record(std::to_string(level) + " " + std::to_string(module) + " " + text);
+}
+
+void RecordingHost::connectParent(const std::string& answers, std::size_t room) {
+  std::array<int, 2> ends{-1, -1};
+  socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data());
+  close(std::exchange(zan.commandChannelFd, ends[0]));
+  close(std::exchange(parentFd, ends[1]));
+  for (const char answer : answers) {
+    const std::int32_t value = answer == '.' ? 0 : answer == '1' ? 1 : -1;
+    if (answer != 'x') send(parentFd, &value, answer == 's' ? 2 : sizeof(value), 0);
+  }
+  if (!answers.ends_with('x')) shutdown(parentFd, SHUT_WR);
+  if (room == kNoLimit) return;
+  while (send(zan.commandChannelFd, "", 0, 0) == 0) continue;
+  for (; room > 0; --room) recv(parentFd, ends.data(), sizeof(ends), 0);
+}
+
+void RecordingHost::recordPieces() {
+  std::string pieces;
+  std::array<char, 512> piece;
+  ssize_t length = 0;
+  while ((length = recv(parentFd, piece.data(), piece.size(), 0)) >= 0) {
+    std::int32_t number = 0;
+    std::memcpy(&number, piece.data(), sizeof(number));
+    const std::string text(piece.data(), static_cast<std::size_t>(length));
+    if (length != 0) pieces += ' ' + (length == sizeof(number) ? std::to_string(number) : text);
+  }
+  if (!pieces.empty()) sequence.push_back("parent" + pieces);
 }
 
 void TableFile::write(const std::string& text) const {

@@ -1,11 +1,14 @@
 // A host that carries nothing out but remembers, in order, whatever the plug-in asks of it.
 #pragma once
 
+#include <unistd.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +29,7 @@ using Bytes = std::vector<std::uint8_t>;
 class RecordingHost final : public ZanMsg {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t kNoLimit = ~std::size_t{0};
 
   struct Request {
     Bytes bytes;
@@ -33,7 +37,11 @@ class RecordingHost final : public ZanMsg {
   };
 
   RecordingHost() { zan_log_class_ptr = this; }
-  ~RecordingHost() { zan_log_class_ptr = nullptr; }
+  ~RecordingHost() {
+    close(parentFd);
+    close(zan.commandChannelFd);
+    zan_log_class_ptr = nullptr;
+  }
 
   /// What happened since the last call, as far as the extended regular expression |having| matches:
   /// a newline, then a line for each log line, "LEVEL MODULE TEXT", and each call, "operation
@@ -47,6 +55,16 @@ class RecordingHost final : public ZanMsg {
   /// Has the socket |fd| receive |messages| and its watcher be called.
   void receive(int fd, Bytes messages);
 
+  /// Connects the command channel to a privileged parent of which only the answers exist,
+  /// acknowledgements and results alike, a character each:
+  ///
+  ///   .  0        1  1        -  -1        s  two bytes, not four        x  none: reading fails
+  ///
+  /// After |answers| the stream ends. Writing fails after |room| pieces. The record has "parent"
+  /// and the pieces it was sent between two other entries: four bytes as a number, others as text
+  /// with its NUL.
+  void connectParent(const std::string& answers = "", std::size_t room = kNoLimit);
+
   /// The host's side of the calls above.
   void record(std::string entry);
   void recordRequest(const nlmsghdr* msg);
@@ -59,8 +77,19 @@ class RecordingHost final : public ZanMsg {
   Zan zan;
   const char* property = nullptr;  ///< value of every property, if it has one
   std::function<void()> onSend;    ///< called on the sender's thread before a request is recorded
+  std::map<std::string, _ZanDsmWwanInfoType> wwan;  ///< every WWAN interface
+  int dormancyStatus = 1;                           ///< of every link
+  int filtersAnswer = 1;                            ///< to installFilters()
+  int listenFiltersAnswer = 1;                      ///< to installListenFilters()
+
+  /// The modem listeners registered last, until they are deregistered: function and its cbData.
+  std::pair<ZanRix::WdsCallback, void*> dormancyListener;
+  std::pair<ZanRix::DfsCallback, void*> filteringListener;
 
  private:
+  void recordPieces();
+
+  int parentFd = -1;
   std::mutex mutex;  ///< guards the two records
   std::condition_variable requestRecorded;
   std::vector<std::string> sequence;

@@ -28,6 +28,7 @@ struct Utils : ZanConnTrackUtils {
   static constexpr auto kFd = &Utils::connTrackFd;
 };
 struct Manager : ZanConnTrackMgr {
+  static auto& trackers() { return gConnTrackMgr->*(&Manager::ifTrackers); }
   static int& fd() { return gConnTrackMgr->*(&Manager::connTrackUtils).*Utils::kFd; }
 };
 
@@ -87,6 +88,7 @@ TEST_F(ZanConnTrackMgrTest, ComesAndGoesInOrder) {
 0 10409 ZanConnTrackUtils::ZanConnTrackUtils(Zan &):83
 0 10409 ZanConnTrackMgr::ZanConnTrackMgr(Zan &))";
   EXPECT_EQ(host.take(), before + (mine == -1 ? failure : "") + R"(
+getAllWwanInfo
 property_get persist.vendor.zan.disable.sap.conntrack 0
 0 10401 ZanNetlinkMgr::ZanNetlinkMgr(ZanCom &, ZanDsm &, ZanConnTrackUtils &):50
 ZanNetlinkSocket 0 4
@@ -134,6 +136,49 @@ TEST_F(ZanConnTrackMgrTest, APropertySwitchesFlushesOff) {
 0 10409 ZanConnTrackMgr::dsmEventHandler event: 28
 0 10409 ZanConnTrackMgr::dsmEventHandler Lost IpAddresses Size 3
 )");
+}
+
+TEST_F(ZanConnTrackMgrTest, TracksInterfacesOnTheDefaultApn) {
+  const std::list<ZanApnType> on = {ZanApnType{3}, ZAN_APN_TYPE_DEFAULT, ZAN_APN_TYPE_DEFAULT};
+  host.property = "1";
+  host.wwan["b"] = {0, 0, 1, 0, on, {}};
+  host.wwan["c"] = {1, 1, 2, 1, {ZAN_APN_TYPE_DEFAULT}, {}};
+  init_ct_mgr(&host.zan);
+  EXPECT_EQ(host.take("Apn|Tracker ifaceName"), R"(
+3 10409 ConnTrack Apn list 3
+3 10409 ConnTrack Apn 3
+3 10409 ConnTrack Apn 0
+2 10409 ConnTracker Apn 0 ,Status 1
+0 10409 ZanConnTrackMgr::createIfConTracker ifaceName: b
+3 10409 ConnTrack Apn 0
+2 10409 ConnTracker Apn 0 ,Status 1
+3 10409 ConnTrack Apn list 1
+3 10409 ConnTrack Apn 0
+)");
+  const std::string longest(108, 'x');
+  // Status, name, APNs and the action.
+  const std::tuple<std::uint32_t, std::string, std::list<ZanApnType>, std::string> events[] = {
+      {1, "c", {ZanApnType{3}}, ""}, {2, "c", on, ""},        {1, "b", on, ""},
+      {1, longest, on, "create"},    {4, "c", on, "destroy"}, {4, "b", {}, "destroy"},
+      {1, "b", on, "create"}};
+  for (const auto& [status, name, apns, action] : events) {
+    ZanDsmWwanStatusInfo info{status, {}, apns};
+    name.copy(info.ifaceName, sizeof(info.ifaceName));
+    host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_WWAN_STATUS, &info);
+    const std::string log =
+        "\n0 10409 ZanConnTrackMgr::" + action + "IfConTracker ifaceName: " + name;
+    EXPECT_EQ(host.take("Tracker ifaceName"), (action.empty() ? "" : log) + "\n");
+  }
+  table.write("0");
+  ZanIfConnTracker::idleTimerExpiryHandler(table.fd(), Manager::trackers()["b"]);
+  const std::uint8_t active = 0;
+  ZanConnTrackMgr::idleTimerExpHdlr(&active, gConnTrackMgr, "b");
+  ZanConnTrackMgr::idleTimerExpHdlr(longest.data(), gConnTrackMgr, "c");
+  deinit_ct_mgr();
+  EXPECT_EQ(host.take("^(uni|i)nstall"), R"(
+installListenFilters b 1   0
+uninstallFilters b
+uninstallFilters )" + longest + "\n");
 }
 
 TEST_F(ZanConnTrackMgrTest, RejectsWhatItCannotHandle) {

@@ -212,14 +212,15 @@ TEST_F(HotspotFlush, SurvivesAFloodOfNeighbourNotifications) {
   hotspot.connect(0, 1);
   hotspot.reportClients({0});
   ASSERT_EQ(hotspot.deletions("requested"), 0);
-  ::kill(hotspot.host.pid(), SIGSTOP);
+  // The host is two processes, in a group of their own.
+  ::kill(-hotspot.host.pid(), SIGSTOP);
   std::string batch;
   for (int i = 0; i < 4000; ++i) {
     batch += "neigh replace 10.43.1." + std::to_string(i % 250 + 3) +
              " lladdr 02:00:00:01:00:" + (i / 250 % 2 == 0 ? "01" : "02") + " dev ap1\n";
   }
   lab::Process::runChecked({"ip", "-batch", "-"}, &hotspot.network.gateway(), batch);
-  ::kill(hotspot.host.pid(), SIGCONT);
+  ::kill(-hotspot.host.pid(), SIGCONT);
   EXPECT_TRUE(Hotspot::within(5s, [&] {
     return hotspot.host.status()["neighbours"]["overruns"].get<int>() > 0;
   })) << "the kernel had to drop some";

@@ -24,6 +24,16 @@ TEST(Command, UnderstandsEveryCommand) {
   EXPECT_EQ(std::get<UpstreamLostCommand>(*lost.command).addresses,
             (std::vector<std::string>{"203.0.113.1", "2001:db8::1"}));
 
+  EXPECT_TRUE(std::get<WwanCommand>(*parseCommand("wwan wwan0 connected").command).connected);
+  const auto apns = parseCommand("apns wwan0 0 -3");
+  EXPECT_EQ(std::get<ApnsCommand>(*apns.command).apns,
+            (std::list<ZanApnType>{ZAN_APN_TYPE_DEFAULT, static_cast<ZanApnType>(-3)}));
+  EXPECT_FALSE(std::get<TetheringCommand>(*parseCommand("tethering off").command).on);
+  EXPECT_TRUE(std::get<DormancyCommand>(*parseCommand("dormancy wwan0 dormant").command).dormant);
+  const auto answer = parseCommand("modem-answer wwan0 listen -7");
+  EXPECT_TRUE(std::get<ModemAnswerCommand>(*answer.command).listenFilters);
+  EXPECT_EQ(std::get<ModemAnswerCommand>(*answer.command).answer, -7);
+
   EXPECT_FALSE(std::get<StatusCommand>(*parseCommand("status").command).json);
   EXPECT_TRUE(std::get<StatusCommand>(*parseCommand("status json").command).json);
   EXPECT_EQ(std::get<WaitCommand>(*parseCommand("wait 2.5").command).time.count(), 2500);
@@ -37,7 +47,7 @@ TEST(Command, NamesWhatIsWrongAndWhatIsAccepted) {
     const char* named;     ///< what the error must point at
     const char* accepted;  ///< and what it must offer
   } cases[] = {
-      {"client 02:00:00:00:43:0a", "'client'", "clients, upstream-lost, status, wait"},
+      {"client 02:00:00:00:43:0a", "'client'", "clients, upstream-lost, wwan"},
       {"CLIENTS", "'CLIENTS'", "clients"},
       {"clients 02:00:00:00:43", "'02:00:00:00:43'", "such as 02:00:00:00:43:0a"},
       {"clients 02:00:00:00:43:0a 02-00-00-00-43-0b", "'02-00-00-00-43-0b'", "MAC"},
@@ -51,6 +61,17 @@ TEST(Command, NamesWhatIsWrongAndWhatIsAccepted) {
       {"wait 5s", "wait", "such as"},
       {"wait nan", "wait", "such as"},
       {"wait 90000", "wait", "86400"},
+      {"wwan wwan0", "wwan: ", "connected"},
+      {"wwan -t connected", "'-t'", "interface name"},
+      {"wwan wwan0 up", "wwan: ", "disconnected"},
+      {"apns", "apns: ", "interface"},
+      {"apns wwan0 0 default", "'default'", "0 is the default"},
+      {"tethering 1", "tethering: ", "on"},
+      {"dormancy wwan0 1", "dormancy: ", "active"},
+      {"dormancy a/b dormant", "'a/b'", "interface name"},
+      {"filtering-ended wwan0 1", "filtering-ended: ", "one interface"},
+      {"modem-answer wwan0 listen", "modem-answer: ", "1 is success"},
+      {"modem-answer wwan0 listen 99999999999", "modem-answer: ", "NUMBER"},
       {"quit now", "quit: 'now'", "takes no argument"},
   };
   for (const auto& test : cases) {

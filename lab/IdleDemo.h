@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lab/DemoReport.h"
+#include "lab/HostProcess.h"
+#include "lab/HotspotNetwork.h"
+#include "lab/MobileLink.h"
+
+namespace lab {
+
+/// The system's second job, for somebody who has never seen it: a mobile link falls asleep, the
+/// kernel's idle timer runs out, traffic sets it back, tethering ends it all. What it says of rules
+/// and timer was read from the kernel, what it says of filters from the host's modem.
+class IdleDemo {
+ public:
+  /// |wholeCycle|: let the timers run out up to the longest one, which takes almost three minutes.
+  IdleDemo(HostProcess::Options host, DemoReport& report, bool wholeCycle)
+      : hostOptions_(std::move(host)), report_(report), wholeCycle_(wholeCycle) {}
+  /// However the act ended: waits until the host has deleted its rules, and with them the timer,
+  /// which all of the machine can see.
+  ~IdleDemo();
+  IdleDemo(const IdleDemo&) = delete;
+  IdleDemo& operator=(const IdleDemo&) = delete;
+
+  /// Plays the act, about 15 seconds. Throws as Demo::run() does.
+  void run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Condition = std::function<bool(const LinkMoment&)>;
+
+  void introduce() const;
+  void raise();
+  void fallAsleep();
+  void idle();
+  void speak();
+  void finishCycle();
+  void tether();
+  void summarise();
+  void stopHost();
+
+  /// Looks at the link until |condition| holds for what it sees, at most for |limit|; says now and
+  /// then that it still waits. True when it came to hold.
+  bool await(const Condition& condition, Clock::duration limit);
+  LinkMoment look();
+
+  /// Waits for the timer of |timer| seconds to run out on the quiet link, and checks that it took
+  /// that long. |next|: the timer that has to follow; nothing for none.
+  void expire(int timer, std::optional<int> next);
+  void checkRules(std::size_t expected);
+
+  HostProcess::Options hostOptions_;
+  DemoReport& report_;
+  bool wholeCycle_;
+
+  // Torn down in reverse: the host first, the namespaces last.
+  std::unique_ptr<HotspotNetwork> network_;
+  std::unique_ptr<MobileLink> link_;
+  std::unique_ptr<HostProcess> host_;
+
+  std::vector<LinkMoment> moments_;
+  Clock::time_point lastFrame_;
+  /// When the timer was last seen to begin anew.
+  Clock::time_point timerStart_;
+};
+
+}  // namespace lab

@@ -1,0 +1,24 @@
+// Adds and deletes idle-timer rules with iptables and ip6tables.
+#pragma once
+
+#include <string>
+
+#include "refhost/IdleTimerRule.h"
+
+/// Runs the programs with an argument vector and a fixed environment, never through a shell, one
+/// after the other, and waits for each with a time limit.
+///
+/// Thread: one.
+class Firewall {
+ public:
+  /// Adds |rule| for both families, or for none: what was added is taken back when the other
+  /// family fails. Returns 0, or the failing program's exit status (124: it took too long, 125: it
+  /// was killed, 127: it could not be run); the log tells what it said.
+  int add(const IdleTimerRule& rule);
+
+  /// Deletes |rule| for both families; a failure of one does not keep the other. Results as above.
+  int remove(const IdleTimerRule& rule);
+
+  /// Whether |result| is the program's own word. Otherwise nobody knows whether the rule is there.
+  [[nodiscard]] static bool isDefinite(int result);
+};

@@ -1,0 +1,28 @@
+#include "refhost/IdleTimerRule.h"
+
+std::string IdleTimerRule::label() const {
+  return std::string("CT_") + interface.data();
+}
+
+std::vector<std::string> IdleTimerRule::command(const std::string& program, bool add) const {
+  const bool outgoing = direction == Direction::kOutgoing;
+  return {program,
+          "-w",
+          "-t",
+          "mangle",
+          add ? "-A" : "-D",
+          outgoing ? "POSTROUTING" : "PREROUTING",
+          outgoing ? "-o" : "-i",
+          interface.data(),
+          "-j",
+          "IDLETIMER",
+          "--timeout",
+          std::to_string(timeoutSeconds),
+          "--label",
+          label()};
+}
+
+std::string IdleTimerRule::text() const {
+  return label() + (direction == Direction::kOutgoing ? ", outgoing, " : ", incoming, ") +
+         std::to_string(timeoutSeconds) + " s";
+}

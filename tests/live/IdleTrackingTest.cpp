@@ -1,0 +1,176 @@
+// Idle tracking of mobile-data interfaces with the host program and the kernel's own timers.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <csignal>
+
+#include "lab/MobileLink.h"
+#include "lab/Process.h"
+#include "tests/live/LiveTest.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kRules = 4;  // two directions, two families
+
+/// A gateway with mobile-data links that the host follows.
+struct Mobile {
+  explicit Mobile(std::size_t count = 1) {
+    lab::HostProcess::Options options;
+    options.program = kHostProgram;
+    options.plugin = kPluginPath;
+    options.logLevel = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      links.emplace_back(network.gateway(), i);
+      options.arguments.insert(options.arguments.end(), {"--wwan", links.back().name()});
+    }
+    host = std::make_unique<lab::HostProcess>(options, network.gateway());
+  }
+
+  /// Brings link |i| up and has the modem report it dormant; what that starts is in place then.
+  void start(std::size_t i = 0) {
+    links[i].connect();
+    ASSERT_TRUE(awaitState(i, "connected", true));
+    command("dormancy", "dormant", i);
+    ASSERT_TRUE(Hotspot::within(3s, [&] { return links[i].rules() == kRules; }));
+    ASSERT_TRUE(Hotspot::within(1s, [&] { return links[i].remainingSeconds().has_value(); }));
+  }
+
+  void command(const std::string& word, const std::string& rest, std::size_t i = 0) {
+    host->command(word + " " + links[i].name() + " " + rest);
+  }
+
+  [[nodiscard]] nlohmann::json state(std::size_t i = 0) {
+    return host->status()["interfaces"][links[i].name()];
+  }
+  [[nodiscard]] bool awaitState(std::size_t i, const char* key, const nlohmann::json& value) {
+    return Hotspot::within(3s, [&] { return state(i)[key] == value; });
+  }
+  [[nodiscard]] bool awaitNothingLeft(std::size_t i = 0) {
+    return Hotspot::within(
+        5s, [&] { return links[i].rules() == 0 && !links[i].remainingSeconds().has_value(); });
+  }
+
+  lab::HotspotNetwork network{{.clients = 0, .ipv6Only = {}}};
+  std::vector<lab::MobileLink> links;
+  std::unique_ptr<lab::HostProcess> host;
+};
+
+class IdleTracking : public LiveTest {};
+
+TEST_F(IdleTracking, FollowsAnInterfaceThroughItsLife) {
+  Mobile mobile;
+  const lab::MobileLink& link = mobile.links[0];
+  for (const bool removed : {false, true}) {
+    mobile.start();
+    EXPECT_LE(*link.remainingSeconds(), 5);
+    EXPECT_EQ(mobile.state()["filters"]["text1"], link.ipv4());
+    EXPECT_EQ(mobile.state()["filterMode"], true);
+    link.loseIpv4();
+    EXPECT_TRUE(mobile.host->waitForLog(
+        [&](const auto& line) { return line.text == link.name() + " has lost " + link.ipv4(); },
+        1s));
+    EXPECT_EQ(link.rules(), kRules) << "an address is not the link";
+    if (removed) link.remove();
+    if (!removed) link.disconnect();
+    EXPECT_TRUE(mobile.awaitState(0, "connected", false));
+    EXPECT_TRUE(mobile.awaitNothingLeft());
+    EXPECT_EQ(mobile.state()["filters"], nullptr);
+    mobile.command("dormancy", "active");
+  }
+}
+
+TEST_F(IdleTracking, IsNotMisledByRenamesBridgesAndOverlappingPrefixes) {
+  Mobile mobile;
+  const lab::MobileLink& link = mobile.links[0];
+  const auto ip = [&](const std::string& lines) {
+    lab::Process::runChecked({"ip", "-batch", "-"}, &mobile.network.gateway(), lines);
+  };
+  mobile.start();
+  ip("link add br9 type bridge\nlink set " + link.name() + " master br9\nlink set " + link.name() +
+     " nomaster\naddr add " + link.ipv4() + "/30 dev " + link.name() + "\naddr del " + link.ipv4() +
+     "/30 dev " + link.name() + "\n");
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(mobile.state()["connected"], true);
+  EXPECT_FALSE(mobile.host->waitForLog(
+      [](const auto& line) { return line.text.find(" has lost ") != std::string::npos; }, 0s));
+
+  ip("link set " + link.name() + " name away9\n");
+  EXPECT_TRUE(mobile.awaitState(0, "connected", false));
+  EXPECT_TRUE(mobile.awaitNothingLeft());
+  ip("link set away9 name " + link.name() + "\n");
+  EXPECT_TRUE(mobile.awaitState(0, "connected", true)) << "its addresses were there all along";
+}
+
+TEST_F(IdleTracking, TetheringAndTheModemTakeItDownAndBringItBack) {
+  Mobile mobile;
+  mobile.start();
+  mobile.host->command("tethering on");
+  EXPECT_TRUE(mobile.awaitNothingLeft());
+  EXPECT_EQ(mobile.state()["filters"], nullptr);
+  mobile.host->command("tethering off");
+  EXPECT_TRUE(Hotspot::within(3s, [&] { return mobile.links[0].rules() == kRules; }));
+  mobile.host->command("filtering-ended " + mobile.links[0].name());
+  EXPECT_TRUE(mobile.awaitNothingLeft());
+  mobile.command("modem-answer", "install -3");
+  mobile.command("dormancy", "dormant");
+  EXPECT_TRUE(mobile.host->waitForLog(
+      [](const auto& line) { return line.text == "after installFilters ret: -3"; }, 1s));
+  EXPECT_TRUE(mobile.awaitNothingLeft());
+}
+
+TEST_F(IdleTracking, AnIdleInterfaceGetsListenFiltersAndABusyOneDoesNot) {
+  Mobile mobile(2);
+  mobile.start(0);
+  mobile.start(1);
+  const auto end = Hotspot::Clock::now() + 12s;
+  while (mobile.state(0)["listenFilters"] == nullptr && Hotspot::Clock::now() < end) {
+    mobile.links[1].sendIn(AF_INET6);
+    std::this_thread::sleep_for(200ms);
+  }
+  ASSERT_NE(mobile.state(0)["listenFilters"], nullptr);
+  EXPECT_TRUE(Hotspot::within(1s, [&] { return mobile.links[0].remainingSeconds() > 5; }));
+  EXPECT_EQ(mobile.links[0].rules(), kRules);
+  EXPECT_EQ(mobile.state(1)["listenFilters"], nullptr);
+  EXPECT_EQ(mobile.links[1].rules(), kRules);
+  mobile.links[0].disconnect();
+  EXPECT_TRUE(mobile.awaitNothingLeft(0));
+  EXPECT_EQ(mobile.links[1].rules(), kRules);
+}
+
+TEST_F(IdleTracking, LeavesNothingBehindHoweverTheHostEnds) {
+  for (const char* end : {"quit", "SIGTERM", "SIGKILL of the parent", "SIGKILL of the child",
+                          "SIGQUIT to all", "SIGKILL to all"}) {
+    SCOPED_TRACE(end);
+    Mobile mobile;
+    mobile.start();
+    const std::string how = end;
+    if (how == "quit") mobile.host->command("quit");
+    if (how == "SIGTERM") ::kill(mobile.host->pid(), SIGTERM);
+    if (how == "SIGKILL of the parent") ::kill(mobile.host->pid(), SIGKILL);
+    if (how == "SIGQUIT to all") ::kill(-mobile.host->pid(), SIGQUIT);
+    if (how == "SIGKILL to all") ::kill(-mobile.host->pid(), SIGKILL);
+    if (how == "SIGKILL of the child") {
+      ::kill(mobile.host->status()["privileges"]["pid"].get<pid_t>(), SIGKILL);
+    }
+    EXPECT_TRUE(mobile.awaitNothingLeft());
+  }
+}
+
+TEST_F(IdleTracking, LivesOnWhenItsParentIsKilledInTheMiddleOfAnExchange) {
+  Mobile mobile;
+  mobile.links[0].connect();
+  ASSERT_TRUE(mobile.awaitState(0, "connected", true));
+  ::kill(mobile.host->pid(), SIGSTOP);
+  mobile.command("dormancy", "dormant");
+  std::this_thread::sleep_for(200ms);  // it waits for an answer by now
+  ::kill(mobile.host->pid(), SIGKILL);
+  EXPECT_EQ(mobile.host->status()["privileges"]["capabilities"],
+            nlohmann::json::array({"CAP_NET_ADMIN"}));
+  EXPECT_TRUE(mobile.host->waitForLog(
+      [](const auto& line) { return line.text.rfind("send_and_recv_ack ", 0) == 0; }, 1s));
+  EXPECT_TRUE(mobile.awaitNothingLeft());
+}
+
+}  // namespace
