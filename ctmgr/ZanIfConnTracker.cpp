@@ -375,6 +375,7 @@ void ZanIfConnTracker::idleTimerExpiryHandler(int fd, void* cbData) {
     self->startListenFilterTracking(self->idleTimeOut);
     return;
   }
+  const int watched = self->idleTimerFd;
   const std::uint8_t status = std::atoi(buffer) == 0 ? 1 : 0;
   if (status != self->idleStatus) {
     ZAN_LOG(kModule, kLogNotice, "ZanIfConnTracker::idleTimerExpiryHandler - idleStatus = %d",
@@ -384,8 +385,8 @@ void ZanIfConnTracker::idleTimerExpiryHandler(int fd, void* cbData) {
       self->idleStatusCb(&status, self->idleStatusCbData, self->ifaceName);
     }
   }
-  // The listener may have closed the descriptor; its number may be anybody's by now.
-  if (fd == self->idleTimerFd) lseek(fd, 0, SEEK_SET);
+  // The listener may have closed the descriptor; its number may be anybody's then.
+  if (self->idleTimerFd == watched || self->idleTimerFd == fd) lseek(fd, 0, SEEK_SET);
 }
 
 int ZanIfConnTracker::readIcmpFilterInstallationProperty() {

@@ -36,17 +36,18 @@ bool readSets(CapabilitySets& sets) {
 bool limitSets(std::uint64_t kept) {
   CapabilitySets sets{};
   if (!readSets(sets)) return false;
-  for (std::size_t word = 0; word < sets.size(); ++word) {
-    sets[word].permitted &= static_cast<std::uint32_t>(kept >> (32 * word));
-    sets[word].effective = sets[word].permitted;
-    sets[word].inheritable = 0;
+  for (__user_cap_data_struct& set : sets) {  // the lower word comes first
+    set.permitted &= static_cast<std::uint32_t>(kept);
+    set.effective = set.permitted;
+    set.inheritable = 0;
+    kept >>= 32;
   }
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   return syscall(SYS_capset, &header, sets.data()) == 0;
 }
 
 void limitBoundingSet() {
-  for (unsigned int number = 0; prctl(PR_CAPBSET_READ, number) >= 0; ++number) {
+  for (unsigned int number = 0; number < 64 && prctl(PR_CAPBSET_READ, number) >= 0; ++number) {
     if ((kLoading >> number & 1U) == 0) prctl(PR_CAPBSET_DROP, number);
   }
 }

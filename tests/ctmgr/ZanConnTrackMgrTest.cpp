@@ -156,18 +156,23 @@ TEST_F(ZanConnTrackMgrTest, TracksInterfacesOnTheDefaultApn) {
 3 10409 ConnTrack Apn 0
 )");
   const std::string longest(108, 'x');
-  // Status, name, APNs and the action.
+  const std::string created = "\n0 10409 ZanConnTrackMgr::createIfConTracker ifaceName: ";
+  const std::string destroyed = "\n0 10409 ZanConnTrackMgr::destroyIfConTracker ifaceName: ";
+  // Status, name, APNs and what is done.
   const std::tuple<std::uint32_t, std::string, std::list<ZanApnType>, std::string> events[] = {
-      {1, "c", {ZanApnType{3}}, ""}, {2, "c", on, ""},        {1, "b", on, ""},
-      {1, longest, on, "create"},    {4, "c", on, "destroy"}, {4, "b", {}, "destroy"},
-      {1, "b", on, "create"}};
+      {1, "c", {ZanApnType{3}}, ""},
+      {2, "c", on, ""},
+      {1, "b", on, ""},
+      {1, longest, on, created + longest},
+      {4, "c", on, destroyed + "c"},
+      {4, "b", {}, destroyed + "b"},
+      {1, "b", on, created + "b"}};
   for (const auto& [status, name, apns, action] : events) {
     ZanDsmWwanStatusInfo info{status, {}, apns};
     name.copy(info.ifaceName, sizeof(info.ifaceName));
     host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_WWAN_STATUS, &info);
-    const std::string log =
-        "\n0 10409 ZanConnTrackMgr::" + action + "IfConTracker ifaceName: " + name;
-    EXPECT_EQ(host.take("Tracker ifaceName"), (action.empty() ? "" : log) + "\n");
+    std::string log = host.take("Tracker ifaceName");
+    EXPECT_EQ(log.erase(log.size() - 1), action);
   }
   table.write("0");
   ZanIfConnTracker::idleTimerExpiryHandler(table.fd(), Manager::trackers()["b"]);

@@ -46,6 +46,11 @@ struct ZanIfConnTrackerTest : testing::Test {
   std::string said() {
     return std::regex_replace(host.take(), std::regex("10409 ZanIfConnTracker::"), "~");
   }
+  static std::string heard(const std::string& event, const ZanRixStatusRecord& record) {
+    const std::string handler = "0 ~rix" + event + "EventHandler ";
+    return "\n" + handler + "event: 0\n" + handler + "iface: " + record.ifaceName +
+           " status: " + to_string(record.status) + "\n";
+  }
   /// What the parent is sent for the commands |first| and |first| + 1.
   static std::string rules(int first, int timeout) {
     const std::string rule = " w9\0 "s + to_string(timeout) + " CT\0 IDLETIMER\0 0"s;
@@ -114,17 +119,17 @@ TEST_F(ZanIfConnTrackerTest, FollowsDormancyFilteringAndTethering) {
     const ZanRixStatusRecord record{name, status};
     host.filtersAnswer = answer;
     host.zan.zanDsm.tetheringIndicator = host.dormancyStatus = state;
-    std::string entry = "0 ~rix" + event + "EventHandler ";
-    entry += "event: 0\n" + entry + "iface: " + name + " status: " + to_string(status) + "\n";
     if (event == "Wds") host.dormancyListener.first({}, &record, host.dormancyListener.second);
     if (event == "Dfs") host.filteringListener.first({}, &record, host.filteringListener.second);
     if (event == "Dsm") host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &status);
-    EXPECT_EQ(said(), "\n" + (event == "Dsm" ? "1 ~dsmEventHandler event:5\n" : entry) + log);
+    std::string entry = event == "Dsm" ? "\n1 ~dsmEventHandler event:5\n" : heard(event, record);
+    EXPECT_EQ(said(), entry.append(log));
   }
 }
 
 TEST_F(ZanIfConnTrackerTest, EndsAnExchangeAtTheFirstFailure) {
-  const std::string pieces[] = {" 8", " w9\0"s, " 0", " CT\0"s, " IDLETIMER\0"s, " 0"};
+  const std::string pieces = "\nparent 8 w9\0 0 CT\0 IDLETIMER\0 0"s;
+  constexpr std::size_t kEnds[] = {0, 9, 13, 15, 19, 30, 32};
   const std::string channel = "4 10409 send_and_recv_ack ";
   // The answer at each place from .. to; log; pieces sent beyond those that were answered before.
   using Case = std::tuple<char, std::size_t, std::size_t, std::string, std::size_t>;
@@ -141,9 +146,8 @@ TEST_F(ZanIfConnTrackerTest, EndsAnExchangeAtTheFirstFailure) {
       const auto room = answer == 'w' ? place : RecordingHost::kNoLimit;
       host.connectParent(std::string(place, '.') + (answer == 'w' ? '.' : answer), room);
       EXPECT_EQ(tracker->execCommand(ZAN_CMD_IDLETIMER_ADD_1), log.empty() ? 0 : -1);
-      std::string sent;
-      for (std::size_t i = 0; i < std::min<std::size_t>(place + more, 6); ++i) sent += pieces[i];
-      EXPECT_EQ(host.take(), "\n" + (sent.empty() ? "" : "parent" + sent + "\n") + log);
+      std::string sent = pieces.substr(0, kEnds[std::min<std::size_t>(place + more, 6)]);
+      EXPECT_EQ(host.take(), sent.append("\n").append(log));
     }
   }
   tracker->startListenFilterTracking(0);
@@ -214,7 +218,7 @@ removeComEventHandler 900
 
 TEST_F(ZanIfConnTrackerTest, DoesNothingWithoutAUsableNameOrTable) {
   Tracker nameless(host.zan, utils, host.zan.zanRix, "");
-  Tracker endless(host.zan, utils, host.zan.zanRix, std::string(300, 'n'));
+  Tracker endless(host.zan, utils, host.zan.zanRix, std::string(5000, 'n'));
   endless.startListenFilterTracking(6);
   EXPECT_NE(host.take("open fail = 2$"), "\n");  // the path is cut
   EXPECT_EQ(nameless.installFilters(), -1);
