@@ -29,9 +29,6 @@ constexpr unsigned int kIdleTimerMaxSeconds = 80;
 
 constexpr char kIcmpProperty[] = "persist.vendor.zan.vndr.ctmgr.disable.icmp";
 
-/// Where the second text of a WWAN record's character field starts.
-constexpr std::size_t kSecondTextOffset = 62;
-
 /// Label and target of the idle-timer rules: they make the kernel create a timer CT_<interface>.
 constexpr char kLabelPrefix[] = "CT";
 constexpr char kTarget[] = "IDLETIMER";
@@ -205,8 +202,8 @@ int ZanIfConnTracker::regIdleStatusChgEvt(IdleStatusCallback cb, void* cbData) {
 /// What the modem is told, from the monitor's record of the interface as it is now.
 HalFilterInfo ZanIfConnTracker::filterInfo(std::int32_t icmpDisabled) {
   const _ZanDsmWwanInfoType record = zanDsm->getWwanInfo(ifaceName.c_str());
-  return {ifaceName, record.status, textAt(record.text, 0), textAt(record.text, kSecondTextOffset),
-          icmpDisabled};
+  return {ifaceName, record.status, textAt(record.text, 0),
+          textAt(record.text, kWwanSecondTextOffset), icmpDisabled};
 }
 
 int ZanIfConnTracker::installFilters() {

@@ -4,6 +4,7 @@
 // a standard list is 12 bytes (libc++) and 4-byte aligned.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -37,6 +38,9 @@ struct ZanDsmWwanStatusInfo {
   std::list<ZanApnType> apnList;  ///< offset 112 on the target
 };
 
+/// Where the second text of a record's character field starts; the first is at its start.
+inline constexpr std::size_t kWwanSecondTextOffset = 62;
+
 /// What the monitor knows of one WWAN interface. 160 bytes on the target.
 struct _ZanDsmWwanInfoType {
   std::int32_t word0 = 0;         ///< offset 0: the monitor's own
@@ -44,5 +48,5 @@ struct _ZanDsmWwanInfoType {
   std::int32_t status = 5;        ///< offset 8: connection status, 1 = connected
   std::int32_t word3 = 0;         ///< offset 12: the monitor's own
   std::list<ZanApnType> apnList;  ///< offset 16
-  char text[131] = {};            ///< offset 28: NUL-terminated texts, at 0 and at 62 bytes in
+  char text[131] = {};            ///< offset 28: NUL-terminated texts, see kWwanSecondTextOffset
 };

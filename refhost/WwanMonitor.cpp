@@ -20,9 +20,7 @@ namespace {
 
 constexpr unsigned int kGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
 
-/// Where the texts of a record's character field start, and the room of each.
-constexpr std::size_t kFirstText = 0;
-constexpr std::size_t kSecondText = 62;
+/// Room of each text in a record's character field.
 constexpr std::size_t kTextSize = INET6_ADDRSTRLEN;
 
 using Addresses = std::set<std::pair<std::string, int>>;
@@ -218,8 +216,8 @@ void WwanMonitor::forget(Link link) {
 void WwanMonitor::update(const Link& link) {
   if (dumping_) return;
   _ZanDsmWwanInfoType& info = record(link.name);
-  setText(info.text + kFirstText, firstOf(link.addresses, AF_INET));
-  setText(info.text + kSecondText, firstOf(link.addresses, AF_INET6));
+  setText(info.text, firstOf(link.addresses, AF_INET));
+  setText(info.text + kWwanSecondTextOffset, firstOf(link.addresses, AF_INET6));
   const bool connected = info.status == ZAN_WWAN_STATUS_CONNECTED;
   if (!connected && link.up && !link.addresses.empty()) {
     report(link.name, ZAN_WWAN_STATUS_CONNECTED);

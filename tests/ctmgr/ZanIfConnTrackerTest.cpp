@@ -231,4 +231,32 @@ TEST_F(ZanIfConnTrackerTest, DoesNothingWithoutAUsableNameOrTable) {
             "4 ~Failed to get Nf_connTrack Descriptor\n");
 }
 
+TEST_F(ZanIfConnTrackerTest, KeepsItsListenerAndItsOddsAndEnds) {
+  std::vector<int> reports;
+  const auto listener = [](const void* status, void* data, std::string name) {
+    EXPECT_EQ(name, "w9");
+    static_cast<std::vector<int>*>(data)->push_back(*static_cast<const std::uint8_t*>(status));
+  };
+  EXPECT_EQ(tracker->regIdleStatusChgEvt(listener, &reports), 0);
+  EXPECT_EQ(tracker->regIdleStatusChgEvt(nullptr, nullptr), -1);
+  TableFile expired;
+  expired.write("0\n");
+  Tracker::idleTimerExpiryHandler(expired.fd(), tracker.get());
+  EXPECT_EQ(reports, std::vector<int>{1}) << "the refused listener has not replaced the first";
+  host.take();
+
+  EXPECT_EQ(tracker->startNlSockEvents(), -1);
+  tracker->stopNlSockEvents();
+  tracker->startListenFilterTracking(0);
+  EXPECT_EQ(tracker->idleTimeOut, 0U);
+  EXPECT_EQ(said(), R"(
+0 ~startNlSockEvents:: registering nlsock for ifaceName w9
+0 10409 ZanConnTrackUtils::ZOLV flag enabled , ZAN netlink functionality is disabled.
+0 ~stopNlSockEvents: deregistering nlsock for ifaceName w9
+0 10409 ZanConnTrackUtils::deRegNlSockEvents nothing to dereg
+0 ~startTracking 0
+2 ~startTracking idleTimeOut <= 0
+)");
+}
+
 }  // namespace
