@@ -16,6 +16,7 @@
 
 #include "lab/Error.h"
 #include "lab/NetNamespace.h"
+#include "refhost/ArgumentVector.h"
 
 // The numbers are the same on every architecture; older C libraries lack the wrappers.
 #ifndef SYS_pidfd_open
@@ -74,14 +75,6 @@ std::vector<std::string> childEnvironment() {
   // The legacy iptables locks a file under /run, which an unprivileged user may not create.
   // Nobody else works in the lab's namespaces, so any file that opens will do.
   result.emplace_back("XTABLES_LOCKFILE=/dev/null");
-  return result;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  result.reserve(texts.size() + 1);
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
   return result;
 }
 
@@ -182,8 +175,8 @@ Process::Process(const std::vector<std::string>& argv, const NetNamespace* where
   const std::string program = findProgram(argv.at(0));
   std::vector<std::string> arguments = argv;
   std::vector<std::string> environment = childEnvironment();
-  std::vector<char*> argumentPointers = pointers(arguments);
-  std::vector<char*> environmentPointers = pointers(environment);
+  std::vector<char*> argumentPointers = argumentVector(arguments);
+  std::vector<char*> environmentPointers = argumentVector(environment);
 
   Pipe in = makePipe();
   Pipe out = makePipe();

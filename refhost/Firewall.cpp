@@ -13,6 +13,7 @@
 #include <csignal>
 #include <ctime>
 
+#include "refhost/ArgumentVector.h"
 #include "refhost/HostLog.h"
 #include "refhost/UniqueFd.h"
 
@@ -44,14 +45,6 @@ std::string findProgram(const std::string& name) {
     if (access(path.c_str(), X_OK) == 0) return path;
   }
   return kDirectories.front() + name;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  result.reserve(texts.size() + 1);
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
 }
 
 /// Never returns: becomes the program, its standard error going to |errors|. Everything that
@@ -117,13 +110,13 @@ int run(std::vector<std::string> words, const IdleTimerRule& rule, Complain comp
   UniqueFd writing(ends[1]);
   const std::string path = findProgram(words.front());
   std::vector<std::string> variables = environment();
-  const std::vector<char*> argumentVector = pointers(words);
-  const std::vector<char*> environmentVector = pointers(variables);
+  const std::vector<char*> arguments = argumentVector(words);
+  const std::vector<char*> environmentVector = argumentVector(variables);
   const pid_t self = getpid();
   const pid_t child = fork();
   if (child == -1) return kNotRun;
   if (child == 0) {
-    become(path.c_str(), argumentVector.data(), environmentVector.data(), writing.get(), self);
+    become(path.c_str(), arguments.data(), environmentVector.data(), writing.get(), self);
   }
   writing.reset();
   const auto deadline = Clock::now() + kTimeLimit;
@@ -153,7 +146,7 @@ int Firewall::remove(const IdleTimerRule& rule) {
   int result = 0;
   for (const char* program : kPrograms) {
     const int failure = run(rule.command(program, false), rule, Complain::kYes);
-    if (result == 0 || !isDefinite(failure)) result = failure == 0 ? result : failure;
+    if (failure != 0 && (result == 0 || !isDefinite(failure))) result = failure;
   }
   return result;
 }

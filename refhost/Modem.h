@@ -36,7 +36,7 @@ class Modem {
   /// The modem stops filtering; filtering listeners of |name| hear of it.
   void endFiltering(const std::string& name);
 
-  /// Listeners, by the triple that registered them; 0, or -1 for one that is not there.
+  /// A listener, identified by the triple that registered it.
   template <typename Callback>
   struct Listener {
     std::string ifaceName;

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "refhost/CommandServer.h"
 #include "refhost/EventLoop.h"

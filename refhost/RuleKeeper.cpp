@@ -1,6 +1,5 @@
 #include "refhost/RuleKeeper.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
