@@ -9,6 +9,10 @@
 
 #include "ctmgr/Log.h"
 
+#ifdef __BIONIC__
+#include <android/fdsan.h>
+#endif
+
 namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_NET;
@@ -131,6 +135,20 @@ void fillRecord(const DirectionText& direction, ZanConnTrackFilter_s& record) {
   }
 }
 
+/// Leaves |stream| behind with its descriptor open: whoever opened that will close it. Without
+/// unread bytes nobody will want to seek on it at exit, when it may be somebody else's; and Android
+/// holds the stream for its owner, and closing it for a fault, unless told otherwise.
+void abandonStream(std::FILE* stream) {
+  __fpurge(stream);
+#ifdef __BIONIC__
+  android_fdsan_exchange_owner_tag(
+      fileno(stream),
+      android_fdsan_create_owner_tag(ANDROID_FDSAN_OWNER_TYPE_FILE,
+                                     reinterpret_cast<std::uintptr_t>(stream)),
+      0);
+#endif
+}
+
 int logNoMatch() {
   ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackLine: No Match found");
   return ZanConnTrackParser::kNotOfInterest;
@@ -144,9 +162,7 @@ ZanConnTrackParser::ZanConnTrackParser(ZanConnTrackUtils& connTrackUtils) : util
 
 ZanConnTrackParser::~ZanConnTrackParser() {
   ZAN_LOG_ENTRY(kModule, "ZanConnTrackParser::~ZanConnTrackParser()", 55);
-  // The stream is left behind, so that the manager's descriptor stays open. Without unread bytes
-  // nobody will want to seek on that descriptor at exit, when it may be somebody else's.
-  if (stream != nullptr) __fpurge(stream);
+  if (stream != nullptr) abandonStream(stream);
   stream = nullptr;
 }
 
