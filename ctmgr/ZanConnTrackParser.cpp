@@ -135,20 +135,6 @@ void fillRecord(const DirectionText& direction, ZanConnTrackFilter_s& record) {
   }
 }
 
-/// Leaves |stream| behind with its descriptor open: whoever opened that will close it. Without
-/// unread bytes nobody will want to seek on it at exit, when it may be somebody else's; and Android
-/// holds the stream for its owner, and closing it for a fault, unless told otherwise.
-void abandonStream(std::FILE* stream) {
-  __fpurge(stream);
-#ifdef __BIONIC__
-  android_fdsan_exchange_owner_tag(
-      fileno(stream),
-      android_fdsan_create_owner_tag(ANDROID_FDSAN_OWNER_TYPE_FILE,
-                                     reinterpret_cast<std::uintptr_t>(stream)),
-      0);
-#endif
-}
-
 int logNoMatch() {
   ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackLine: No Match found");
   return ZanConnTrackParser::kNotOfInterest;
@@ -162,7 +148,9 @@ ZanConnTrackParser::ZanConnTrackParser(ZanConnTrackUtils& connTrackUtils) : util
 
 ZanConnTrackParser::~ZanConnTrackParser() {
   ZAN_LOG_ENTRY(kModule, "ZanConnTrackParser::~ZanConnTrackParser()", 55);
-  if (stream != nullptr) abandonStream(stream);
+  // The stream is left behind, so that the manager's descriptor stays open. Without unread bytes
+  // nobody will want to seek on that descriptor at exit, when it may be somebody else's.
+  if (stream != nullptr) __fpurge(stream);
   stream = nullptr;
 }
 
@@ -177,6 +165,11 @@ int ZanConnTrackParser::setPrivilegeParams(int fd) {
     ZAN_LOG(kModule, kLogError, "ZanConnTrackParser::setPrivilegeParams: %d", errno);
     return -1;
   }
+#ifdef __BIONIC__
+  // Android takes a stream for the owner of its descriptor, and a close by anybody else for a
+  // fault.
+  android_fdsan_exchange_owner_tag(fd, android_fdsan_get_owner_tag(fd), 0);
+#endif
   std::setvbuf(stream, streamBuffer.data(), _IOFBF, streamBuffer.size());
   return 0;
 }

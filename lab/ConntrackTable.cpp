@@ -55,6 +55,7 @@ ConntrackEntry parseLine(const std::string& line) {
   std::string familyNumber;
   std::string protocolNumber;
   ConntrackEntry entry;
+  entry.line = line;
   words >> family >> familyNumber >> entry.protocol >> protocolNumber;
   if (family != "ipv4" && family != "ipv6") throw Error("strange conntrack line: " + line);
   entry.family = family == "ipv4" ? 4 : 6;

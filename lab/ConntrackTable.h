@@ -34,6 +34,8 @@ struct ConntrackEntry {
   std::string state;
   ConntrackTuple original;
   ConntrackTuple reply;
+  /// As the kernel printed it.
+  std::string line;
 
   /// Whether |address| (canonical spelling) is the source of either direction: for a hotspot
   /// client that is an entry of a connection of its own or of one made to it.

@@ -3,9 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 namespace lab {
 namespace {
+
+constexpr const char* kTimerFolder = "/sys/class/xt_idletimer/timers";
 
 /// TCP/IPv4, UDP/IPv4, TCP/IPv6, UDP/IPv6.
 using Counts = std::array<std::size_t, 4>;
@@ -133,6 +137,22 @@ void DemoReport::table(const HotspotNetwork& network,
                 counts[0] + counts[1] + counts[2] + counts[3]);
   }
   std::fflush(stdout);
+  if (!kernelText_) return;
+  say("   /proc/net/nf_conntrack:");
+  for (const ConntrackEntry& entry : entries) say("   | " + entry.line);
+}
+
+void DemoReport::timers() const {
+  if (!kernelText_) return;
+  say(std::string("   ") + kTimerFolder + ":");
+  std::error_code error;
+  for (const auto& file : std::filesystem::directory_iterator(kTimerFolder, error)) {
+    const std::string name = file.path().filename();
+    if (name.rfind("CT_", 0) != 0) continue;
+    std::string content;
+    std::getline(std::ifstream(file.path()), content);
+    say("   | " + name + " reads " + content);
+  }
 }
 
 void DemoReport::observe(Clock::time_point when, const std::string& what) {

@@ -40,6 +40,9 @@ class DemoReport {
  public:
   using Clock = std::chrono::steady_clock;
 
+  /// With |kernelText| tables and timers are also shown in the kernel's own words.
+  explicit DemoReport(bool kernelText = false) : kernelText_(kernelText) {}
+
   /// A paragraph's line; flushed, so that it appears when it happens.
   void say(const std::string& line) const;
   /// Starts the next act.
@@ -52,6 +55,9 @@ class DemoReport {
 
   /// One row for each client of |network|: its TCP and UDP entries in |entries|.
   void table(const HotspotNetwork& network, const std::vector<ConntrackEntry>& entries) const;
+
+  /// The idle timers that the kernel has, machine-wide; nothing unless its own words are wanted.
+  void timers() const;
 
   void observe(Clock::time_point when, const std::string& what);
   /// All observations in order of time, in milliseconds from |zero|.
@@ -68,6 +74,7 @@ class DemoReport {
     std::string what;
   };
 
+  bool kernelText_;
   unsigned act_ = 0;
   std::size_t checks_ = 0;
   std::vector<Observation> observations_;

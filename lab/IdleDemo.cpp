@@ -96,7 +96,7 @@ void IdleDemo::run() {
   fallAsleep();
   idle();
   speak();
-  if (wholeCycle_) finishCycle();
+  if (timers_ > 1) quieten();
   tether();
   summarise();
   stopHost();
@@ -127,6 +127,7 @@ void IdleDemo::raise() {
                 "before it does, there is nothing", "not connected, no filters, no timer",
                 std::string(before.connected ? "connected" : "not connected") +
                     ", filters: " + filterText(before) + ", " + timerText(before));
+  report_.timers();
   const Clock::time_point begin = Clock::now();
   link_->connect();
   const bool connected = await([](const LinkMoment& now) { return now.connected; }, kReaction);
@@ -151,6 +152,7 @@ void IdleDemo::fallAsleep() {
   report_.check(now.timer && *now.timer <= kFirstTimer,
                 "the kernel runs the timer CT_" + link_->name(),
                 "at most " + std::to_string(kFirstTimer) + " s left", timerText(now));
+  report_.timers();
   checkRules(kRules);
 }
 
@@ -160,6 +162,7 @@ void IdleDemo::idle() {
   const LinkMoment now = look();
   report_.check(now.filters && now.listenFilters, "the modem has its listen filters too",
                 "filters and listen filters", filterText(now));
+  report_.timers();
   checkRules(kRules);
 }
 
@@ -177,17 +180,20 @@ void IdleDemo::speak() {
                 std::to_string(kSecondTimer) + " s left, or just below",
                 timerText(moments_.back()) + ", " + inSeconds(moments_.back().when - sent) +
                     " after the datagram");
-  if (!wholeCycle_) await([](const LinkMoment&) { return false; }, seconds(2));
+  if (timers_ == 1) await([](const LinkMoment&) { return false; }, seconds(2));
 }
 
-void IdleDemo::finishCycle() {
+void IdleDemo::quieten() {
   report_.act("Quiet again: each timer runs out in turn");
   report_.say(
       "   The kernel may let a timer run an eighth longer than asked. ARP does not set it back.");
-  for (int timer = kSecondTimer; timer < kLongestTimer; timer *= 2) {
+  int timer = kSecondTimer;
+  for (int left = timers_ - 1; left > 0 && timer < kLongestTimer; --left, timer *= 2) {
     expire(timer, timer * 2);
+    report_.timers();
     checkRules(kRules);
   }
+  if (timers_ < kTimers) return;
   expire(kLongestTimer, std::nullopt);
   checkRules(0);
   const bool changed =
@@ -205,6 +211,7 @@ void IdleDemo::tether() {
   report_.check(now.tethering && filterText(now) == "none", "the modem has no filters any more",
                 "none", filterText(now));
   report_.check(!now.timer, "the kernel's timer is gone", "no timer", timerText(now));
+  report_.timers();
   checkRules(0);
   await([](const LinkMoment&) { return false; }, seconds(1));
 }

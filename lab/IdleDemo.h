@@ -19,16 +19,19 @@ namespace lab {
 /// and timer was read from the kernel, what it says of filters from the host's modem.
 class IdleDemo {
  public:
-  /// |wholeCycle|: let the timers run out up to the longest one, which takes almost three minutes.
-  IdleDemo(HostProcess::Options host, DemoReport& report, bool wholeCycle)
-      : hostOptions_(std::move(host)), report_(report), wholeCycle_(wholeCycle) {}
+  static constexpr int kTimers = 5;
+
+  /// Lets the first |timers| of the timers run out: 1, in 5 seconds, to kTimers, which takes almost
+  /// three minutes.
+  IdleDemo(HostProcess::Options host, DemoReport& report, int timers)
+      : hostOptions_(std::move(host)), report_(report), timers_(timers) {}
   /// However the act ended: waits until the host has deleted its rules, and with them the timer,
   /// which all of the machine can see.
   ~IdleDemo();
   IdleDemo(const IdleDemo&) = delete;
   IdleDemo& operator=(const IdleDemo&) = delete;
 
-  /// Plays the act, about 15 seconds. Throws as Demo::run() does.
+  /// Plays the act, about 15 seconds with one timer. Throws as Demo::run() does.
   void run();
 
  private:
@@ -40,7 +43,7 @@ class IdleDemo {
   void fallAsleep();
   void idle();
   void speak();
-  void finishCycle();
+  void quieten();
   void tether();
   void summarise();
   void stopHost();
@@ -57,7 +60,7 @@ class IdleDemo {
 
   HostProcess::Options hostOptions_;
   DemoReport& report_;
-  bool wholeCycle_;
+  int timers_;
 
   // Torn down in reverse: the host first, the namespaces last.
   std::unique_ptr<HotspotNetwork> network_;

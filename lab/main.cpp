@@ -14,7 +14,7 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: zandemo --host PROGRAM --plugin LIBRARY [--long]\n"
+    "usage: zandemo --host PROGRAM --plugin LIBRARY [--timers N] [--kernel-text]\n"
     "\n"
     "Shows the two jobs of the plug-in LIBRARY, run by the host PROGRAM, on the kernel of this\n"
     "machine, and checks each in the kernel's own state:\n"
@@ -24,7 +24,9 @@ constexpr const char* kUsage =
     "Takes about half a minute. Needs root or unprivileged user namespaces, and the programs ip,\n"
     "iptables and ip6tables. Nothing outside the namespaces is touched.\n"
     "\n"
-    "  --long   let the idle timer run through all its times: three minutes\n"
+    "  --timers N      let the first N of the five idle timers run out, 1 unless given; all take\n"
+    "                  three minutes more\n"
+    "  --kernel-text   also print the kernel's own lines of tables and timers\n"
     "\n"
     "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
     "arguments, 130 interrupted.\n";
@@ -36,10 +38,15 @@ constexpr int kInterrupted = 130;
 struct Arguments {
   std::string host;
   std::string plugin;
-  bool wholeCycle = false;
+  int timers = 1;
+  bool kernelText = false;
   bool help = false;
   bool valid = true;
 };
+
+bool isCount(const std::string& word) {
+  return word.size() == 1 && word[0] >= '1' && word[0] <= '0' + lab::IdleDemo::kTimers;
+}
 
 Arguments parse(int argc, char** argv) {
   Arguments result;
@@ -47,14 +54,16 @@ Arguments parse(int argc, char** argv) {
     const std::string word = argv[i];
     if (word == "--help" || word == "-h") {
       result.help = true;
-    } else if (word == "--long") {
-      result.wholeCycle = true;
+    } else if (word == "--timers" && i + 1 < argc && isCount(argv[i + 1])) {
+      result.timers = argv[++i][0] - '0';
+    } else if (word == "--kernel-text") {
+      result.kernelText = true;
     } else if (word == "--host" && i + 1 < argc) {
       result.host = argv[++i];
     } else if (word == "--plugin" && i + 1 < argc) {
       result.plugin = argv[++i];
     } else {
-      std::fprintf(stderr, "zandemo: unknown or incomplete argument '%s'\n", word.c_str());
+      std::fprintf(stderr, "zandemo: unknown, incomplete or wrong argument '%s'\n", word.c_str());
       result.valid = false;
     }
   }
@@ -76,9 +85,9 @@ void play(const Arguments& arguments) {
   lab::HostProcess::Options host;
   host.program = arguments.host;
   host.plugin = arguments.plugin;
-  lab::DemoReport report;
+  lab::DemoReport report(arguments.kernelText);
   lab::Demo(host, report).run();
-  lab::IdleDemo(host, report, arguments.wholeCycle).run();
+  lab::IdleDemo(host, report, arguments.timers).run();
   report.say("\nAll " + std::to_string(report.checks()) + " claims held.");
 }
 

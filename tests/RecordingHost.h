@@ -1,15 +1,14 @@
 // A host that carries nothing out but remembers, in order, whatever the plug-in asks of it.
 #pragma once
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -18,6 +17,7 @@
 #include "host/Zan.h"
 #include "host/ZanMsg.h"
 #include "host/ZanNetlinkSocket.h"
+#include "refhost/UniqueFd.h"
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -102,10 +102,10 @@ class TableFile {
  public:
   /// Replaces what the table holds.
   void write(const std::string& text) const;
-  [[nodiscard]] int fd() const { return fileno(file.get()); }
+  [[nodiscard]] int fd() const { return file.get(); }
 
  private:
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file{std::tmpfile(), std::fclose};
+  UniqueFd file{memfd_create("table", MFD_CLOEXEC)};
 };
 
 /// A connection of |client|, IPv4 or IPv6, from |port| to a server, translated to |upstream|.

@@ -29,6 +29,9 @@ TEST_F(HotspotFlush, TakesTheEntriesOfWhoLeavesAndOfNobodyElse) {
       {"one without IPv4", 2, {0}, {0}},
       {"the last one", 1, {}, {0}},
   };
+  // Before 6.16 the kernel counts its way through the table: the scan for a second client, while
+  // the entries of the first are deleted, can miss some, which the repeated flush finds.
+  const auto limit = kernelIsAtLeast(6, 16) ? 1s : 7s;
   for (const auto& test : cases) {
     SCOPED_TRACE(test.name);
     Hotspot hotspot({.clients = test.clients, .ipv6Only = test.ipv6Only});
@@ -53,7 +56,7 @@ TEST_F(HotspotFlush, TakesTheEntriesOfWhoLeavesAndOfNobodyElse) {
 
     hotspot.reportClients(staying);
     for (const std::size_t i : test.leaving) {
-      EXPECT_TRUE(Hotspot::within(1s, [&] { return hotspot.entriesOf(i).empty(); }));
+      EXPECT_TRUE(Hotspot::within(limit, [&] { return hotspot.entriesOf(i).empty(); }));
     }
     for (const std::size_t i : staying) {
       EXPECT_TRUE(sameConnections(hotspot.entriesOf(i), before[i]));
@@ -61,7 +64,7 @@ TEST_F(HotspotFlush, TakesTheEntriesOfWhoLeavesAndOfNobodyElse) {
     }
     // The table is empty of them a moment before the last acknowledgement is counted.
     EXPECT_TRUE(Hotspot::within(
-        1s, [&] { return hotspot.deletions("deleted") == static_cast<int>(doomed); }));
+        limit, [&] { return hotspot.deletions("deleted") == static_cast<int>(doomed); }));
     EXPECT_EQ(hotspot.deletions("requested"), static_cast<int>(doomed));
     EXPECT_EQ(hotspot.deletions("refused"), 0);
   }
@@ -191,7 +194,7 @@ TEST_F(HotspotFlush, TakesThousandsFromALargeTable) {
   ConntrackInserter(hotspot.network.gateway()).insert(entries);
   hotspot.network.detachClient(0);
   hotspot.reportClients({});
-  EXPECT_TRUE(Hotspot::within(5s, [&] { return hotspot.entriesOf(0).empty(); }));
+  EXPECT_TRUE(Hotspot::within(60s, [&] { return hotspot.entriesOf(0).empty(); }));
   EXPECT_EQ(hotspot.table().size(), kEntries - kEntries / 4);
 }
 

@@ -96,10 +96,16 @@ TEST_F(IdleTracking, IsNotMisledByRenamesBridgesAndOverlappingPrefixes) {
   EXPECT_FALSE(mobile.host->waitForLog(
       [](const auto& line) { return line.text.find(" has lost ") != std::string::npos; }, 0s));
 
-  ip("link set " + link.name() + " name away9\n");
+  // Older kernels rename an interface only while it is down.
+  const bool live = kernelIsAtLeast(6, 2);
+  const auto rename = [&](const std::string& from, const std::string& to) {
+    ip((live ? "" : "link set " + from + " down\n") + "link set " + from + " name " + to + "\n" +
+       (live ? "" : "link set " + to + " up\n"));
+  };
+  rename(link.name(), "away9");
   EXPECT_TRUE(mobile.awaitState(0, "connected", false));
   EXPECT_TRUE(mobile.awaitNothingLeft());
-  ip("link set away9 name " + link.name() + "\n");
+  rename("away9", link.name());
   EXPECT_TRUE(mobile.awaitState(0, "connected", true)) << "its addresses were there all along";
 }
 

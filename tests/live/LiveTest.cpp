@@ -1,15 +1,28 @@
 #include "tests/live/LiveTest.h"
 
+#include <sys/utsname.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
+#include <utility>
 
 #include "lab/Error.h"
 #include "lab/UserNamespace.h"
 
-// Given by the build.
-const std::string kHostProgram = ZANHOST_PATH;
-const std::string kPluginPath = PLUGIN_PATH;
+namespace {
+
+std::string builtFile(const char* name) {
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / name;
+}
+
+}  // namespace
+
+// Beside the test program, in the folders of the build, wherever that was copied to.
+const std::string kHostProgram = builtFile("refhost/zanhost");
+const std::string kPluginPath = builtFile("ctmgr/vendor.libzanctmgr.so");
 
 namespace {
 
@@ -37,6 +50,15 @@ void prepareForLiveTests() {
   } catch (const lab::Error& error) {
     obstacle() = error.what();
   }
+}
+
+bool kernelIsAtLeast(int version, int patchLevel) {
+  utsname name{};
+  uname(&name);
+  int major = 0;
+  int minor = 0;
+  std::sscanf(name.release, "%d.%d", &major, &minor);
+  return std::pair(major, minor) >= std::pair(version, patchLevel);
 }
 
 void LiveTest::SetUp() {
