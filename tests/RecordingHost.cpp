@@ -138,8 +138,7 @@ ZanNetlinkSocket::~ZanNetlinkSocket() {
 
 int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
   if (recorder().onSend) recorder().onSend();
-  recordCall("sendConntrackNetlinkMsg", socketFd);
-  recorder().recordRequest(msg);
+  recorder().recordRequest(socketFd, msg);
   return -ENOENT;
 }
 
@@ -203,7 +202,8 @@ void RecordingHost::record(std::string entry) {
   sequence.push_back(std::move(entry));
 }
 
-void RecordingHost::recordRequest(const nlmsghdr* msg) {
+void RecordingHost::recordRequest(int fd, const nlmsghdr* msg) {
+  recordCall("sendConntrackNetlinkMsg", fd);
   const std::lock_guard<std::mutex> lock(mutex);
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(msg);
   requests.push_back({Bytes(bytes, bytes + msg->nlmsg_len), Clock::now()});

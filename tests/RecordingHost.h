@@ -26,7 +26,7 @@ using Bytes = std::vector<std::uint8_t>;
 /// Sockets have the descriptor 1000 + protocol. Every request is refused as "no such entry".
 ///
 /// Thread: any for what the plug-in calls, take() and awaitRequests(); else the test's own.
-class RecordingHost final : public ZanMsg {
+class RecordingHost : public ZanMsg {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t kNoLimit = ~std::size_t{0};
@@ -37,7 +37,7 @@ class RecordingHost final : public ZanMsg {
   };
 
   RecordingHost() { zan_log_class_ptr = this; }
-  ~RecordingHost() {
+  virtual ~RecordingHost() {
     close(parentFd);
     close(zan.commandChannelFd);
     zan_log_class_ptr = nullptr;
@@ -67,7 +67,7 @@ class RecordingHost final : public ZanMsg {
 
   /// The host's side of the calls above.
   void record(std::string entry);
-  void recordRequest(const nlmsghdr* msg);
+  virtual void recordRequest(int fd, const nlmsghdr* msg);
   int deliver(NlMsgCallback callback, void* cbData);
 
   void setThreshold(int /*level*/) override {}
