@@ -75,6 +75,7 @@ class RecordingHost : public ZanMsg {
   [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
 
   Zan zan;
+  bool forgetful = false;          ///< what happens is formatted and then dropped
   const char* property = nullptr;  ///< value of every property, if it has one
   std::function<void()> onSend;    ///< called on the sender's thread before a request is recorded
   std::map<std::string, _ZanDsmWwanInfoType> wwan;  ///< every WWAN interface
