@@ -146,13 +146,15 @@ void DemoReport::timers() const {
   if (!kernelText_) return;
   say(std::string("   ") + kTimerFolder + ":");
   std::error_code error;
+  std::string all;
   for (const auto& file : std::filesystem::directory_iterator(kTimerFolder, error)) {
     const std::string name = file.path().filename();
     if (name.rfind("CT_", 0) != 0) continue;
     std::string content;
     std::getline(std::ifstream(file.path()), content);
-    say("   | " + name + " reads " + content);
+    all.append("   | ").append(name).append(" reads ").append(content);
   }
+  say(all.empty() ? "   | no timer" : all);
 }
 
 void DemoReport::observe(Clock::time_point when, const std::string& what) {
