@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <thread>
 
 #include "lab/Error.h"
@@ -248,6 +249,15 @@ void Demo::stopHost(HostProcess& host, DemoReport& report) {
   report.act("The host is stopped (SIGTERM)");
   const ExitStatus status = host.stop(SIGTERM);
   report.check(status.success(), "it ended in order", "exit code 0", status.text());
+}
+
+void Demo::endHost(HostProcess* host) {
+  if (host == nullptr || !host->running()) return;
+  try {
+    host->stop(SIGTERM);
+  } catch (const Error& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+  }
 }
 
 Demo::Entries Demo::entriesOf(std::size_t i, Entries* all) const {

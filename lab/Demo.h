@@ -52,6 +52,10 @@ class Demo {
   /// Ends |host| as a service manager would, and checks that it ended in order.
   static void stopHost(HostProcess& host, DemoReport& report);
 
+  /// However an act ended: waits until |host|, if there is one and it runs, has deleted its rules
+  /// and with them its idle timers, which all of the machine can see.
+  static void endHost(HostProcess* host);
+
  private:
   using Entries = std::vector<ConntrackEntry>;
 

@@ -141,25 +141,32 @@ void EchoServer::echoStream(int fd, std::uint32_t events) {
     std::array<char, kChunk> buffer;
     const ssize_t got = ::read(fd, buffer.data(), buffer.size());
     if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-      streams_.erase(fd);
+      drop(fd);
       return;
     }
     if (got > 0) stream.pending.assign(buffer.data(), static_cast<std::size_t>(got));
   }
   if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
-    streams_.erase(fd);
+    drop(fd);
     return;
   }
   if (stream.pending.empty()) return;
 
   const ssize_t sent = ::send(fd, stream.pending.data(), stream.pending.size(), MSG_NOSIGNAL);
   if (sent < 0 && errno != EAGAIN && errno != EINTR) {
-    streams_.erase(fd);
+    drop(fd);
     return;
   }
   if (sent > 0) stream.pending.erase(0, static_cast<std::size_t>(sent));
   // Read on only when everything is echoed.
   watch(fd, stream.pending.empty() ? EPOLLIN : EPOLLOUT, EPOLL_CTL_MOD);
+}
+
+// A child that has been forked but has not begun its program yet still holds the socket: closed
+// alone, it would go on to be reported.
+void EchoServer::drop(int fd) {
+  watch(fd, 0, EPOLL_CTL_DEL);
+  streams_.erase(fd);
 }
 
 }  // namespace lab

@@ -38,6 +38,7 @@ class EchoServer {
   void acceptAll(int listener);
   void echoDatagrams(int fd) const;
   void echoStream(int fd, std::uint32_t events);
+  void drop(int fd);
 
   std::uint16_t port_;
   UniqueFd tcp4_;

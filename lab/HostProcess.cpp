@@ -66,7 +66,9 @@ bool isComplaint(const HostProcess::LogLine& line) {
 }  // namespace
 
 HostProcess::HostProcess(const Options& options, const NetNamespace& where)
-    : process_(commandLine(options), &where), stopCollecting_(::eventfd(0, EFD_CLOEXEC)) {
+    : process_(commandLine(options), &where),
+      keepLine_(options.keepLine),
+      stopCollecting_(::eventfd(0, EFD_CLOEXEC)) {
   if (!stopCollecting_.valid()) throw systemError("cannot create an eventfd");
   collector_ = std::thread([this] { collect(); });
   if (waitForLog(isReady, options.readyLimit)) return;
@@ -214,6 +216,7 @@ void HostProcess::fileAnswer(const std::string& line) {
 }
 
 void HostProcess::fileLogLine(const std::string& line) {
+  if (keepLine_ && !keepLine_(line)) return;
   LogLine parsed = parseLogLine(line);
   const std::lock_guard lock(mutex_);
   log_.push_back(std::move(parsed));

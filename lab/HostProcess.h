@@ -33,6 +33,9 @@ class HostProcess {
     std::vector<std::string> properties;
     /// Lines below this level are not logged: 0 all to 4 errors only.
     int logLevel = 2;
+    /// Says of each log line, as the host wrote it, whether it is kept; empty keeps all. Called on
+    /// the collecting thread.
+    std::function<bool(const std::string& line)> keepLine;
     /// Further command line words.
     std::vector<std::string> arguments;
     /// How long loading the plug-in may take.
@@ -95,6 +98,7 @@ class HostProcess {
   [[nodiscard]] std::string logTail() const;
 
   Process process_;
+  std::function<bool(const std::string&)> keepLine_;
   UniqueFd stopCollecting_;
 
   mutable std::mutex mutex_;

@@ -1,7 +1,5 @@
 #include "lab/HotspotNetwork.h"
 
-#include <unistd.h>
-
 #include <array>
 #include <cstdio>
 
@@ -38,10 +36,6 @@ HotspotNetwork::Client describeClient(std::size_t i, bool ipv6Only) {
   return client;
 }
 
-void runIpBatch(const NetNamespace& where, const std::string& lines) {
-  Process::runChecked({"ip", "-batch", "-"}, &where, lines);
-}
-
 // Defaults come from the machine's own settings, so each one that matters is set. Without
 // duplicate address detection an IPv6 address is usable at once.
 void prepareNamespace(const NetNamespace& where, bool router) {
@@ -56,11 +50,6 @@ void prepareNamespace(const NetNamespace& where, bool router) {
   if (!router) return;
   where.setSysctl("ipv4/ip_forward", "1");
   where.setSysctl("ipv6/conf/all/forwarding", "1");
-}
-
-/// What ip calls |where|: a path through this process, which a child may follow.
-std::string namespacePath(const NetNamespace& where) {
-  return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(where.fd());
 }
 
 std::string clientAddressing(const HotspotNetwork::Client& client, std::size_t i) {
@@ -106,29 +95,30 @@ void HotspotNetwork::detachClient(std::size_t i) const {
 
 void HotspotNetwork::attachClient(std::size_t i) const {
   // IPv6 addresses and all routes went with the link.
-  runIpBatch(clientNamespace(i), clientAddressing(clients_.at(i), i));
+  Process::runIpBatch(clientNamespace(i), clientAddressing(clients_.at(i), i));
 }
 
 void HotspotNetwork::buildUpstream() const {
   const std::string gateway4 = kGatewayIpv4;
   const std::string gateway6 = kGatewayIpv6;
-  runIpBatch(gateway_, "link set lo up\nlink add wan0 type veth peer name eth0 netns " +
-                           namespacePath(upstream_) + "\nlink set wan0 up\naddr add " + gateway4 +
-                           "/24 dev wan0\naddr add " + gateway6 + "/64 dev wan0 nodad\n");
-  runIpBatch(upstream_, std::string("link set lo up\nlink set eth0 up\naddr add ") + kUpstreamIpv4 +
-                            "/24 dev eth0\naddr add " + kUpstreamIpv6 +
-                            "/64 dev eth0 nodad\nroute add 2001:db8:43::/48 via " + gateway6 +
-                            "\n");
+  Process::runIpBatch(gateway_, "link set lo up\nlink add wan0 type veth peer name eth0 netns " +
+                                    upstream_.path() + "\nlink set wan0 up\naddr add " + gateway4 +
+                                    "/24 dev wan0\naddr add " + gateway6 + "/64 dev wan0 nodad\n");
+  Process::runIpBatch(upstream_, std::string("link set lo up\nlink set eth0 up\naddr add ") +
+                                     kUpstreamIpv4 + "/24 dev eth0\naddr add " + kUpstreamIpv6 +
+                                     "/64 dev eth0 nodad\nroute add 2001:db8:43::/48 via " +
+                                     gateway6 + "\n");
 }
 
 void HotspotNetwork::buildClient(std::size_t i) const {
   const Client& client = clients_.at(i);
   const std::string& ap = client.gatewayInterface;
-  runIpBatch(gateway_, "link add " + ap + " type veth peer name eth0 address " + client.mac +
-                           " netns " + namespacePath(clientNamespaces_.at(i)) + "\nlink set " + ap +
-                           " up\naddr add " + ipv4Net(i) + "1/24 dev " + ap + "\naddr add " +
-                           ipv6Net(i) + "1/64 dev " + ap + " nodad\n");
-  runIpBatch(clientNamespaces_.at(i), "link set lo up\n" + clientAddressing(client, i));
+  Process::runIpBatch(gateway_, "link add " + ap + " type veth peer name eth0 address " +
+                                    client.mac + " netns " + clientNamespaces_.at(i).path() +
+                                    "\nlink set " + ap + " up\naddr add " + ipv4Net(i) +
+                                    "1/24 dev " + ap + "\naddr add " + ipv6Net(i) + "1/64 dev " +
+                                    ap + " nodad\n");
+  Process::runIpBatch(clientNamespaces_.at(i), "link set lo up\n" + clientAddressing(client, i));
 }
 
 // The IPv6 rule lets nothing through that would not pass anyway: it is there because a

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -82,12 +81,7 @@ std::uint64_t framesOf(const NetNamespace& where, const std::string& name) {
 }  // namespace
 
 IdleDemo::~IdleDemo() {
-  if (!host_ || !host_->running()) return;
-  try {
-    host_->stop(SIGTERM);
-  } catch (const Error& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-  }
+  Demo::endHost(host_.get());
 }
 
 void IdleDemo::run() {

@@ -25,9 +25,7 @@ class IdleDemo {
   /// three minutes.
   IdleDemo(HostProcess::Options host, DemoReport& report, int timers)
       : hostOptions_(std::move(host)), report_(report), timers_(timers) {}
-  /// However the act ended: waits until the host has deleted its rules, and with them the timer,
-  /// which all of the machine can see.
-  ~IdleDemo();
+  ~IdleDemo();  ///< see Demo::endHost()
   IdleDemo(const IdleDemo&) = delete;
   IdleDemo& operator=(const IdleDemo&) = delete;
 

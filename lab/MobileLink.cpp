@@ -16,10 +16,6 @@ namespace {
 
 constexpr std::uint16_t kPort = 9;  // discard (RFC 863)
 
-void runIpBatch(const NetNamespace& where, const std::string& lines) {
-  Process::runChecked({"ip", "-batch", "-"}, &where, lines);
-}
-
 /// Different in all processes, and for each link of this one.
 std::string uniqueName() {
   static std::atomic<unsigned> count{0};
@@ -56,28 +52,30 @@ MobileLink::MobileLink(const NetNamespace& gateway, std::size_t index)
       ipv6Net_("2001:db8:51:" + std::to_string(index) + "::") {
   network_.setSysctl("ipv6/conf/default/accept_dad", "0");
   network_.setSysctl("ipv6/conf/default/accept_ra", "0");
-  runIpBatch(gateway_, "link add name " + name_ + " type veth peer name net0 netns /proc/" +
-                           std::to_string(::getpid()) + "/fd/" + std::to_string(network_.fd()) +
-                           "\nlink set " + name_ + " addrgenmode none\n");
-  runIpBatch(network_, "link set net0 addrgenmode none\nlink set net0 up\naddr add " + ipv4Net_ +
-                           "2/24 dev net0\naddr add " + ipv6Net_ + "2/64 dev net0 nodad\n");
+  Process::runIpBatch(gateway_, "link add name " + name_ + " type veth peer name net0 netns " +
+                                    network_.path() + "\nlink set " + name_ +
+                                    " addrgenmode none\n");
+  Process::runIpBatch(network_, "link set net0 addrgenmode none\nlink set net0 up\naddr add " +
+                                    ipv4Net_ + "2/24 dev net0\naddr add " + ipv6Net_ +
+                                    "2/64 dev net0 nodad\n");
 }
 
 void MobileLink::connect() const {
-  runIpBatch(gateway_, "link set " + name_ + " up\naddr replace " + ipv4() + "/24 dev " + name_ +
-                           "\naddr replace " + ipv6Net_ + "1/64 dev " + name_ + " nodad\n");
+  Process::runIpBatch(gateway_, "link set " + name_ + " up\naddr replace " + ipv4() + "/24 dev " +
+                                    name_ + "\naddr replace " + ipv6Net_ + "1/64 dev " + name_ +
+                                    " nodad\n");
 }
 
 void MobileLink::loseIpv4() const {
-  runIpBatch(gateway_, "addr del " + ipv4() + "/24 dev " + name_ + "\n");
+  Process::runIpBatch(gateway_, "addr del " + ipv4() + "/24 dev " + name_ + "\n");
 }
 
 void MobileLink::disconnect() const {
-  runIpBatch(gateway_, "link set " + name_ + " down\n");
+  Process::runIpBatch(gateway_, "link set " + name_ + " down\n");
 }
 
 void MobileLink::remove() const {
-  runIpBatch(gateway_, "link del " + name_ + "\n");
+  Process::runIpBatch(gateway_, "link del " + name_ + "\n");
 }
 
 void MobileLink::sendOut(int family) const {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <exception>
@@ -39,6 +40,10 @@ NetNamespace::NetNamespace() {
       throw systemError("cannot open /proc/thread-self/ns/net", errno, "is /proc mounted?");
     }
   });
+}
+
+std::string NetNamespace::path() const {
+  return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(fd_.get());
 }
 
 void NetNamespace::setSysctl(const char* path, const char* value) const {

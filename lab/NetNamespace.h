@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 #include <type_traits>
 
 #include "refhost/UniqueFd.h"
@@ -20,6 +21,9 @@ class NetNamespace {
 
   /// For setns(); owned by this object.
   [[nodiscard]] int fd() const { return fd_.get(); }
+
+  /// What ip(8) calls it: a path through this process, which a child may follow.
+  [[nodiscard]] std::string path() const;
 
   /// Calls |work| on a thread of its own inside the namespace, waits for it and returns its
   /// result; an exception of |work| comes out of here. Sockets that |work| creates belong to

@@ -243,6 +243,10 @@ std::string Process::runChecked(const std::vector<std::string>& argv, const NetN
               result.output + (input.empty() ? "" : "\nits input was:\n" + input));
 }
 
+void Process::runIpBatch(const NetNamespace& where, const std::string& lines) {
+  runChecked({"ip", "-batch", "-"}, &where, lines);
+}
+
 void Process::pump(const std::string& input, std::chrono::milliseconds limit,
                    CommandResult& result) {
   const Clock::time_point deadline = Clock::now() + limit;

@@ -54,6 +54,9 @@ class Process {
   static std::string runChecked(const std::vector<std::string>& argv, const NetNamespace* where,
                                 const std::string& input = {});
 
+  /// Runs |lines|, commands of ip(8) without the "ip", in |where|. Throws Error as runChecked().
+  static void runIpBatch(const NetNamespace& where, const std::string& lines);
+
   /// Writes all of |text| to the child's standard input. False if the child no longer reads.
   bool write(const std::string& text);
   void closeInput() { input_.reset(); }

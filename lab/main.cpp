@@ -1,15 +1,13 @@
 // zandemo: two acts that show the system at work. See Demo and IdleDemo.
 
-#include <csignal>
 #include <cstdio>
-#include <exception>
 #include <string>
 
 #include "lab/Demo.h"
 #include "lab/DemoReport.h"
 #include "lab/HostProcess.h"
 #include "lab/IdleDemo.h"
-#include "lab/UserNamespace.h"
+#include "lab/Program.h"
 
 namespace {
 
@@ -31,9 +29,7 @@ constexpr const char* kUsage =
     "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
     "arguments, 130 interrupted.\n";
 
-constexpr int kFailed = 1;
 constexpr int kWrongArguments = 2;
-constexpr int kInterrupted = 130;
 
 struct Arguments {
   std::string host;
@@ -70,17 +66,6 @@ Arguments parse(int argc, char** argv) {
   return result;
 }
 
-void handleSignal(int) {
-  lab::Demo::requestStop();
-}
-
-void catchSignals() {
-  struct sigaction action {};
-  action.sa_handler = handleSignal;
-  action.sa_flags = SA_RESTART;
-  for (const int number : {SIGINT, SIGTERM}) ::sigaction(number, &action, nullptr);
-}
-
 void play(const Arguments& arguments) {
   lab::HostProcess::Options host;
   host.program = arguments.host;
@@ -103,16 +88,5 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stderr);
     return kWrongArguments;
   }
-  try {
-    lab::UserNamespace::enterIfNeeded();
-    catchSignals();
-    play(arguments);
-    return 0;
-  } catch (const std::exception& error) {
-    // A terminal interrupts the host too, so its end may be what is noticed first.
-    const bool interrupted = lab::Demo::stopIsRequested();
-    const std::string why = interrupted ? lab::Demo::Interrupted().what() : error.what();
-    std::fprintf(stderr, "\nzandemo: %s\n", why.c_str());
-    return interrupted ? kInterrupted : kFailed;
-  }
+  return lab::runProgram("zandemo", [&arguments] { play(arguments); });
 }
