@@ -22,7 +22,7 @@ RecordingHost& recorder() {
   return *static_cast<RecordingHost*>(ZanMsg::zan_log_class_ptr);
 }
 
-/// Sockets that nobody frees are no leaks as long as they stand here, to the end of the process.
+/// Those that the plug-in leaves behind are freed with the host.
 auto& liveSockets = *new std::set<const ZanNetlinkSocket*>;
 
 template <typename... Arguments>
@@ -159,6 +159,13 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
   return std::snprintf(value, kPropertyValueMax, "%s", property ? property : default_value);
 }
 
+RecordingHost::~RecordingHost() {
+  while (!liveSockets.empty()) delete *liveSockets.begin();
+  close(parentFd);
+  close(zan.commandChannelFd);
+  zan_log_class_ptr = nullptr;
+}
+
 std::string RecordingHost::take(const std::string& having) {
   regex_t wanted;
   regcomp(&wanted, having.c_str(), REG_EXTENDED | REG_NOSUB);
@@ -225,19 +232,16 @@ void RecordingHost::log(int level, int module, const char* format, ...) {
   record(std::to_string(level) + " " + std::to_string(module) + " " + text);
 }
 
-void RecordingHost::connectParent(const std::string& answers, std::size_t room) {
+void RecordingHost::connectParent(const std::string& answers) {
   std::array<int, 2> ends{-1, -1};
   socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data());
   close(std::exchange(zan.commandChannelFd, ends[0]));
   close(std::exchange(parentFd, ends[1]));
   for (const char answer : answers) {
     const std::int32_t value = answer == '.' ? 0 : answer == '1' ? 1 : -1;
-    if (answer != 'x') send(parentFd, &value, answer == 's' ? 2 : sizeof(value), 0);
+    send(parentFd, &value, answer == 's' ? 2 : sizeof(value), 0);
   }
-  if (!answers.ends_with('x')) shutdown(parentFd, SHUT_WR);
-  if (room == kNoLimit) return;
-  while (send(zan.commandChannelFd, "", 0, 0) == 0) continue;
-  for (; room > 0; --room) recv(parentFd, ends.data(), sizeof(ends), 0);
+  shutdown(parentFd, SHUT_WR);
 }
 
 void RecordingHost::recordPieces() {

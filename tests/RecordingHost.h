@@ -2,7 +2,6 @@
 #pragma once
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -29,7 +28,6 @@ using Bytes = std::vector<std::uint8_t>;
 class RecordingHost : public ZanMsg {
  public:
   using Clock = std::chrono::steady_clock;
-  static constexpr std::size_t kNoLimit = ~std::size_t{0};
 
   struct Request {
     Bytes bytes;
@@ -58,12 +56,11 @@ class RecordingHost : public ZanMsg {
   /// Connects the command channel to a privileged parent of which only the answers exist,
   /// acknowledgements and results alike, a character each:
   ///
-  ///   .  0        1  1        -  -1        s  two bytes, not four        x  none: reading fails
+  ///   .  0        1  1        -  -1        s  two bytes, not four
   ///
-  /// After |answers| the stream ends. Writing fails after |room| pieces. The record has "parent"
-  /// and the pieces it was sent between two other entries: four bytes as a number, others as text
-  /// with its NUL.
-  void connectParent(const std::string& answers = "", std::size_t room = kNoLimit);
+  /// After |answers| the stream ends. The record has "parent" and the pieces it was sent between
+  /// two other entries: four bytes as a number, others as text with its NUL.
+  void connectParent(const std::string& answers = "");
 
   /// The host's side of the calls above.
   void record(std::string entry);

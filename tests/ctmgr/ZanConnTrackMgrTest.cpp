@@ -243,17 +243,6 @@ TEST_F(ZanConnTrackMgrTest, RequestsTheEntriesOfEachFlush) {
   EXPECT_EQ(ports(0), (Ports{101, 102, 102, 103, 105}));
 }
 
-TEST_F(ZanConnTrackMgrTest, WithoutTheTableThereAreNoFlushes) {
-  start();
-  close(std::exchange(Manager::fd(), -1));
-  clients({kA});
-  clients({});
-  lose({"7.7.7.7"});
-  deinit_ct_mgr();
-  const std::string line = "4 10409 ZanConnTrackMgr::Failed to get Nf_connTrack Descriptor\n";
-  EXPECT_EQ(host.take("^4|parse|send"), "\n" + line + line);
-}
-
 TEST_F(ZanConnTrackMgrTest, FlushesInARowRequestEveryEntryOnce) {
   host.onSend = [] { std::this_thread::sleep_for(1ms); };
   std::string entries;

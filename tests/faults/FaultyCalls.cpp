@@ -1,0 +1,149 @@
+#include "tests/faults/FaultyCalls.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "host/ZanNetlinkSocket.h"
+
+namespace {
+
+std::atomic<long> live = 0;
+
+bool fails(const char* kind) {
+  return FaultyCalls::instance().fails(kind);
+}
+
+bool isChannel(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+}  // namespace
+
+FaultyCalls& FaultyCalls::instance() {
+  static FaultyCalls calls;
+  return calls;
+}
+
+void FaultyCalls::fail(int number, int error, bool stays) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  number_ = number;
+  error_ = error;
+  stays_ = stays;
+  counting_ = true;
+}
+
+std::string FaultyCalls::stop() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  counting_ = false;
+  return std::exchange(kind_, {});
+}
+
+bool FaultyCalls::fails(const char* kind) {
+  if (!counting_) return false;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (--number_ != 0 && (!stays_ || kind_ != kind)) return false;
+  kind_ = kind;
+  errno = error_;
+  return true;
+}
+
+long FaultyCalls::allocations() {
+  return live;
+}
+
+void* operator new(std::size_t size) {
+  ++live;
+  void* const memory = std::malloc(size + 1);
+  if (memory == nullptr) std::abort();
+  return memory;
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return fails("new") ? nullptr : operator new(size);
+}
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) --live;
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  operator delete(memory);
+}
+
+extern "C" {
+
+int __real_open(const char* path, int flags, ...);
+ssize_t __real_read(int fd, void* buffer, std::size_t size);
+ssize_t __real_write(int fd, const void* data, std::size_t size);
+off64_t __real_lseek64(int fd, off64_t offset, int whence);
+int __real_close(int fd);
+std::FILE* __real_fdopen(int fd, const char* mode);
+int __real_property_get(const char* key, char* value, const char* otherwise);
+int __real__ZN16ZanNetlinkSocket23sendConntrackNetlinkMsgEP8nlmsghdr(ZanNetlinkSocket*, nlmsghdr*);
+
+/// Nobody here creates files, so that there is no mode.
+int __wrap_open(const char* path, int flags, ...) {
+  const FaultyCalls& calls = FaultyCalls::instance();
+  const bool timer = std::strstr(path, "xt_idletimer") != nullptr;
+  if (!timer && std::strstr(path, "nf_conntrack") == nullptr) return __real_open(path, flags);
+  const std::string link = "/proc/self/fd/" + std::to_string(timer ? calls.timer : calls.table);
+  return fails(timer ? "timer" : "table") ? -1 : __real_open(link.c_str(), flags);
+}
+[[gnu::alias("__wrap_open")]] int __wrap_open64(const char* path, int flags, ...);
+
+ssize_t __wrap_read(int fd, void* buffer, std::size_t size) {
+  return fails(isChannel(fd) ? "read" : "timer") ? -1 : __real_read(fd, buffer, size);
+}
+ssize_t __wrap___read_chk(int fd, void* buffer, std::size_t size, std::size_t /*room*/) {
+  return __wrap_read(fd, buffer, size);
+}
+ssize_t __wrap_write(int fd, const void* data, std::size_t size) {
+  return fails("write") ? -1 : __real_write(fd, data, size);
+}
+off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
+  return fails("lseek") ? -1 : __real_lseek64(fd, offset, whence);
+}
+off_t __wrap_lseek(int fd, off_t offset, int whence) {
+  return static_cast<off_t>(__wrap_lseek64(fd, offset, whence));
+}
+
+/// The kernel frees the number also when it reports an error.
+int __wrap_close(int fd) {
+  const int result = __real_close(fd);
+  return fails("close") ? -1 : result;
+}
+
+static ssize_t readTable(void* table, char* buffer, std::size_t size) {
+  return fails("scan") ? -1 : __real_read(*static_cast<int*>(table), buffer, size);
+}
+static int seekTable(void* table, off64_t* offset, int whence) {
+  *offset = fails("rewind") ? -1 : __real_lseek64(*static_cast<int*>(table), *offset, whence);
+  return *offset == -1 ? -1 : 0;
+}
+std::FILE* __wrap_fdopen(int fd, const char* mode) {
+  if (*mode != 'r') return __real_fdopen(fd, mode);
+  if (fails("fdopen")) return nullptr;
+  static std::array<int, 1024> tables;  // each at its own index
+  int& table = tables.at(static_cast<std::size_t>(fd));
+  table = fd;
+  return fopencookie(&table, mode, {readTable, nullptr, seekTable, nullptr});
+}
+
+int __wrap_property_get(const char* key, char* value, const char* otherwise) {
+  return fails("property_get") ? -1 : __real_property_get(key, value, otherwise);
+}
+int __wrap__ZN16ZanNetlinkSocket23sendConntrackNetlinkMsgEP8nlmsghdr(ZanNetlinkSocket* socket,
+                                                                     nlmsghdr* msg) {
+  if (fails("send")) return -1;
+  return __real__ZN16ZanNetlinkSocket23sendConntrackNetlinkMsgEP8nlmsghdr(socket, msg);
+}
+
+}  // extern "C"
