@@ -35,11 +35,7 @@ class RecordingHost : public ZanMsg {
   };
 
   RecordingHost() { zan_log_class_ptr = this; }
-  virtual ~RecordingHost() {
-    close(parentFd);
-    close(zan.commandChannelFd);
-    zan_log_class_ptr = nullptr;
-  }
+  virtual ~RecordingHost();
 
   /// What happened since the last call, as far as the extended regular expression |having| matches:
   /// a newline, then a line for each log line, "LEVEL MODULE TEXT", and each call, "operation
