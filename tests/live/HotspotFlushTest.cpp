@@ -179,7 +179,7 @@ TEST_F(HotspotFlush, LostUpstreamAddressTakesTheClientsTranslatedEntriesOnly) {
 }
 
 TEST_F(HotspotFlush, TakesThousandsFromALargeTable) {
-  constexpr std::size_t kEntries = 20000;
+  constexpr std::size_t kEntries = 8000;
   Hotspot hotspot;
   hotspot.connect(0, 1);
   hotspot.reportClients({0});
