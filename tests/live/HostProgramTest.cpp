@@ -1,5 +1,4 @@
 // The host program as a whole: how it starts, refuses and stops.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,25 +10,32 @@
 namespace {
 
 using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
 
 class HostProgram : public LiveTest {
  protected:
+  /// A file that holds |content|, until the test is over.
   std::string write(const std::string& content) {
-    std::string path = testing::TempDir() + "/zanhostXXXXXX";
-    close(mkstemp(path.data()));
-    std::ofstream(path) << content;
-    files.push_back(path);
-    return path;
+    files.push_back(testing::TempDir() + "/zanhostXXXXXX");
+    close(mkstemp(files.back().data()));
+    std::ofstream(files.back()) << content;
+    return files.back();
   }
   void TearDown() override {
     for (const std::string& file : files) unlink(file.c_str());
+  }
+
+  /// Runs the host on a gateway of its own.
+  lab::CommandResult run(const std::vector<std::string>& command, const std::string& input = {}) {
+    const lab::HotspotNetwork network({.clients = 0, .ipv6Only = {}});
+    return lab::Process::run(command, &network.gateway(), input, 15s);
   }
 
   std::vector<std::string> files;
 };
 
 TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
-  const lab::HotspotNetwork network({.clients = 1, .ipv6Only = {}});
   const std::string library = write("no library");
   const std::string script = write("clients\nwait soon\nquit\n");
   const std::string properties = write("a=1\nmistake\n");
@@ -53,11 +59,10 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
        "run as root"},
   };
   for (const auto& test : cases) {
-    const auto result = lab::Process::run(test.command, &network.gateway());
+    const auto result = run(test.command);
     EXPECT_EQ(result.status.code, test.exitCode) << result.errors;
-    EXPECT_NE((result.errors + result.output).find(test.said), std::string::npos)
-        << test.said << " is not in: " << result.errors << result.output;
-    EXPECT_EQ(result.errors.find("ready"), std::string::npos) << result.errors;
+    EXPECT_THAT(result.errors + result.output, HasSubstr(test.said));
+    EXPECT_THAT(result.errors, Not(HasSubstr("ready")));
   }
 }
 
@@ -71,31 +76,25 @@ TEST_F(HostProgram, StopsInOrderAlsoWhileACleanUpSleeps) {
     const auto status = hotspot.host.stop(signal);
     EXPECT_TRUE(status.success()) << status.text();
     EXPECT_LT(Hotspot::Clock::now() - start, 1s) << "the clean-up sleeps for five";
-    EXPECT_TRUE(hotspot.host.waitForLog(
-        [](const auto& line) { return line.text == "stopped: deinit_ct_mgr returned 0"; }, 1s));
+    EXPECT_TRUE(logs(hotspot.host, "stopped: deinit_ct_mgr returned 0"));
   }
 }
 
 TEST_F(HostProgram, RunsAScriptAndReportsWrongCommandsWithoutActing) {
-  const lab::HotspotNetwork network({.clients = 1, .ipv6Only = {}});
   const std::string script =
       write("# two clients\nclients 02:00:00:00:43:0A 02:00:00:00:43:0b\nstatus json\nquit\n");
-  const auto result = lab::Process::run({kHostProgram, "--plugin", kPluginPath, "--script", script},
-                                        &network.gateway());
+  const auto result = run({kHostProgram, "--plugin", kPluginPath, "--script", script});
   EXPECT_TRUE(result.status.success()) << result.errors;
-  EXPECT_NE(result.output.find(R"("clients":["02:00:00:00:43:0a","02:00:00:00:43:0b"])"),
-            std::string::npos)
-      << result.output;
+  EXPECT_THAT(result.output, HasSubstr(R"("clients":["02:00:00:00:43:0a","02:00:00:00:43:0b"])"));
 
-  const auto typed = lab::Process::run({kHostProgram, "--plugin", kPluginPath}, &network.gateway(),
-                                       "clients 02:00:00:00:43:0a\nclients x\nstatus json\nquit\n");
+  const auto typed = run({kHostProgram, "--plugin", kPluginPath},
+                         "clients 02:00:00:00:43:0a\nclients x\nstatus json\nquit\n");
   EXPECT_TRUE(typed.status.success()) << typed.errors;
-  EXPECT_NE(typed.output.find(R"("clients":["02:00:00:00:43:0a"])"), std::string::npos);
-  EXPECT_NE(typed.errors.find("'x' is no MAC address"), std::string::npos) << typed.errors;
+  EXPECT_THAT(typed.output, HasSubstr(R"("clients":["02:00:00:00:43:0a"])"));
+  EXPECT_THAT(typed.errors, HasSubstr("'x' is no MAC address"));
 }
 
 TEST_F(HostProgram, StopsInOrderWhateverItsStandardStreamsAre) {
-  const lab::HotspotNetwork network({.clients = 1, .ipv6Only = {}});
   // Closed, and open to somebody who never reads: more answers and lines than a pipe holds.
   const std::string flood = "yes status | head -n 2000 |";
   const std::string host = "'" + kHostProgram + "' --log-level 0 --plugin '" + kPluginPath + "'";
@@ -107,8 +106,7 @@ TEST_F(HostProgram, StopsInOrderWhateverItsStandardStreamsAre) {
           "test ${PIPESTATUS[2]} = 124",
   };
   for (const std::string& command : commands) {
-    const auto result = lab::Process::run({"bash", "-c", command}, &network.gateway(), {},
-                                          std::chrono::seconds(15));
+    const auto result = run({"bash", "-c", command});
     EXPECT_TRUE(result.status.success()) << command << ": " << result.status.text();
   }
 }

@@ -1,12 +1,12 @@
 #include "tests/live/LiveTest.h"
 
+#include <sched.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <optional>
 #include <utility>
 
 #include "lab/Error.h"
@@ -14,8 +14,23 @@
 
 namespace {
 
+/// Why live tests cannot run here, if they cannot.
+std::string obstacle;
+
 std::string builtFile(const char* name) {
   return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / name;
+}
+
+/// Before the process has threads.
+void prepareForLiveTests() {
+  try {
+    lab::UserNamespace::enterIfNeeded();
+    const lab::HotspotNetwork probe({.clients = 1, .ipv6Only = {}});
+    static_cast<void>(lab::ConntrackTable::read(probe.gateway()));
+  } catch (const lab::Error& error) {
+    obstacle = error.what();
+  }
+  unshare(CLONE_NEWNET);  // a conntrack table of our own: it is read under /proc/self
 }
 
 }  // namespace
@@ -24,11 +39,10 @@ std::string builtFile(const char* name) {
 const std::string kHostProgram = builtFile("refhost/zanhost");
 const std::string kPluginPath = builtFile("ctmgr/vendor.libzanctmgr.so");
 
-namespace {
-
-std::optional<std::string>& obstacle() {
-  static std::optional<std::string> reason;
-  return reason;
+int main(int argc, char** argv) {
+  prepareForLiveTests();
+  testing::InitGoogleMock(&argc, argv);
+  return RUN_ALL_TESTS();
 }
 
 lab::HostProcess::Options hostOptions(std::vector<std::string> properties) {
@@ -40,16 +54,9 @@ lab::HostProcess::Options hostOptions(std::vector<std::string> properties) {
   return options;
 }
 
-}  // namespace
-
-void prepareForLiveTests() {
-  try {
-    lab::UserNamespace::enterIfNeeded();
-    const lab::HotspotNetwork probe({.clients = 1, .ipv6Only = {}});
-    static_cast<void>(lab::ConntrackTable::read(probe.gateway()));
-  } catch (const lab::Error& error) {
-    obstacle() = error.what();
-  }
+bool logs(lab::HostProcess& host, const std::string& text, std::chrono::milliseconds limit) {
+  const auto holdsIt = [&](const auto& line) { return line.text.find(text) != std::string::npos; };
+  return host.waitForLog(holdsIt, limit).has_value();
 }
 
 bool kernelIsAtLeast(int version, int patchLevel) {
@@ -62,10 +69,10 @@ bool kernelIsAtLeast(int version, int patchLevel) {
 }
 
 void LiveTest::SetUp() {
-  if (!obstacle()) return;
+  if (obstacle.empty()) return;
   const char* ci = std::getenv("CI");
-  if (ci != nullptr && std::string(ci) == "true") FAIL() << "cannot run here: " << *obstacle();
-  GTEST_SKIP() << "cannot run here: " << *obstacle();
+  if (ci != nullptr && std::string(ci) == "true") FAIL() << "cannot run here: " << obstacle;
+  GTEST_SKIP() << "cannot run here: " << obstacle;
 }
 
 Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> properties)
@@ -73,24 +80,29 @@ Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> 
       server(network.upstream()),
       host(hostOptions(std::move(properties)), network.gateway()) {}
 
-void Hotspot::connect(std::size_t i, std::size_t perKind) {
+void Hotspot::open(std::size_t i, std::size_t perKind) {
   connections[i] = std::make_unique<lab::ClientConnections>(network, i, perKind, server.port());
+}
+
+void Hotspot::connect(std::size_t i, std::size_t perKind) {
+  open(i, perKind);
   const auto& client = network.client(i);
-  const auto heardOf = [&](const std::string& address) {
-    return host
-        .waitForLog([&](const auto& line) { return line.text == address; }, std::chrono::seconds(5))
-        .has_value();
+  const auto heardOf = [&](const std::string& text) {
+    return logs(host, text, std::chrono::seconds(5));
   };
-  if (!client.ipv4.empty()) {
-    EXPECT_TRUE(heardOf("ZanNetlinkMgr::Ipv4 neighbor Address " + client.ipv4));
-  }
-  EXPECT_TRUE(heardOf("ZanNetlinkMgr::Ipv6 neighbor Address " + client.ipv6));
+  EXPECT_TRUE(client.ipv4.empty() || heardOf("Ipv4 neighbor Address " + client.ipv4));
+  EXPECT_TRUE(heardOf("Ipv6 neighbor Address " + client.ipv6));
 }
 
 void Hotspot::reportClients(const std::set<std::size_t>& present) {
   std::string command = "clients";
   for (const std::size_t i : present) command += " " + network.client(i).mac;
   host.command(command);
+}
+
+void Hotspot::lose(std::size_t i) {
+  network.detachClient(i);
+  reportClients({});
 }
 
 Hotspot::Entries Hotspot::entriesOf(std::size_t i) const {

@@ -1,7 +1,7 @@
 // What every live test needs: a kernel that lets us, and a hotspot with the host on its gateway.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include <chrono>
@@ -15,9 +15,6 @@
 #include "lab/EchoServer.h"
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
-
-/// Prepares the process, before it has threads. Call it first thing in main().
-void prepareForLiveTests();
 
 /// Whether the running kernel has this version or a later one.
 [[nodiscard]] bool kernelIsAtLeast(int version, int patchLevel);
@@ -33,6 +30,13 @@ class LiveTest : public testing::Test {
 extern const std::string kHostProgram;
 extern const std::string kPluginPath;
 
+/// The built host with the plug-in; it logs everything.
+lab::HostProcess::Options hostOptions(std::vector<std::string> properties = {});
+
+/// Whether |host| logs a line that holds |text|, or has done so.
+[[nodiscard]] bool logs(lab::HostProcess& host, const std::string& text,
+                        std::chrono::milliseconds limit = std::chrono::seconds(1));
+
 /// A hotspot whose gateway runs the host; connections are opened on demand.
 class Hotspot {
  public:
@@ -42,16 +46,25 @@ class Hotspot {
   explicit Hotspot(lab::HotspotNetwork::Options options = {},
                    std::vector<std::string> properties = {});
 
-  /// Opens |perKind| connections of each kind from client |i| and returns when the plug-in has
-  /// heard of all its addresses.
+  /// Opens |perKind| connections of each kind from client |i|.
+  void open(std::size_t i, std::size_t perKind);
+  /// The same, and returns when the plug-in has heard of all its addresses.
   void connect(std::size_t i, std::size_t perKind);
 
   /// Tells the host that exactly these clients are left.
   void reportClients(const std::set<std::size_t>& present);
+  /// Client |i|, the last one, walks away.
+  void lose(std::size_t i);
 
   /// The TCP and UDP entries of client |i| now.
   [[nodiscard]] Entries entriesOf(std::size_t i) const;
   [[nodiscard]] Entries table() const { return lab::ConntrackTable::read(network.gateway()); }
+
+  /// Whether the table has no TCP and UDP entries of client |i| within |limit|.
+  [[nodiscard]] bool forgets(std::size_t i,
+                             std::chrono::milliseconds limit = std::chrono::seconds(1)) const {
+    return within(limit, [&] { return entriesOf(i).empty(); });
+  }
 
   /// Polls until |condition| holds; false when |limit| has passed first.
   template <typename Condition>

@@ -6,132 +6,106 @@
 #include <array>
 #include <functional>
 
-#include "host/ZanCom.h"
 #include "refhost/EventLoop.h"
-#include "refhost/HostSides.h"
 #include "refhost/UniqueFd.h"
 
 namespace {
 
-/// A connected pair: what is written to |far| makes |near| readable.
-struct Pair {
-  Pair() {
+/// One end of a connected pair, watched by a handler that counts its calls and may do more.
+struct Watched {
+  Watched() {
     std::array<int, 2> ends{};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     near = UniqueFd(ends[0]);
     far = UniqueFd(ends[1]);
   }
+  void watchIn(EventLoop& loop, unsigned int events, EventLoop::Handler second = nullptr) {
+    EXPECT_EQ(loop.watch(near.get(), called, this, second, events), 0);
+  }
   void poke() const { EXPECT_EQ(write(far.get(), "x", 1), 1); }
+
+  static void called(int /*fd*/, void* cbData) {
+    auto* self = static_cast<Watched*>(cbData);
+    ++self->calls;
+    self->also();
+  }
 
   UniqueFd near;
   UniqueFd far;
-};
-
-/// A handler that counts its calls and may do more.
-struct Counter {
   int calls = 0;
-  std::function<void()> also;
-
-  static void called(int /*fd*/, void* cbData) {
-    auto* self = static_cast<Counter*>(cbData);
-    ++self->calls;
-    if (self->also) self->also();
-  }
+  std::function<void()> also = [] {};
 };
 
-TEST(EventLoop, ReportsOnlyWhatTheMaskAsksFor) {
-  EventLoop loop;
-  Pair pair;
-  Counter readable;
-  Counter urgent;
-  ASSERT_EQ(loop.watch(pair.near.get(), Counter::called, &readable, nullptr, POLLIN), 0);
-  ASSERT_EQ(loop.watch(pair.far.get(), Counter::called, &urgent, nullptr, POLLPRI | POLLERR), 0);
-  loop.turn(0);
-  EXPECT_EQ(readable.calls, 0);
-  pair.poke();
-  EXPECT_EQ(write(pair.near.get(), "y", 1), 1);
-  loop.turn(0);
-  EXPECT_EQ(readable.calls, 1);
-  EXPECT_EQ(urgent.calls, 0) << "readable, but only POLLPRI | POLLERR were asked for";
-}
-
-TEST(EventLoop, HangUpGoesToTheSecondHandlerIfThereIsOne) {
+TEST(EventLoop, ReportsWhatTheMaskAsksForAndAHangUpToTheSecondHandlerIfThereIsOne) {
   for (const bool withSecond : {true, false}) {
     EventLoop loop;
-    Pair pair;
-    Counter ready;
-    loop.watch(pair.near.get(), Counter::called, &ready, withSecond ? [](int fd, void* cbData) {
-      Counter::called(fd, cbData);
-      static_cast<Counter*>(cbData)->calls += 100;
-    } : EventLoop::Handler{nullptr}, POLLPRI);
-    pair.far = UniqueFd();
+    Watched readable;
+    Watched urgent;
+    readable.watchIn(loop, POLLIN);
+    urgent.watchIn(loop, POLLPRI,
+                   withSecond
+                       ? [](int, void* cbData) { static_cast<Watched*>(cbData)->calls += 100; }
+                       : EventLoop::Handler{nullptr});
     loop.turn(0);
-    EXPECT_EQ(ready.calls, withSecond ? 101 : 1);
+    EXPECT_EQ(readable.calls, 0);
+    readable.poke();
+    urgent.poke();
+    loop.turn(0);
+    EXPECT_EQ(readable.calls, 1);
+    EXPECT_EQ(urgent.calls, 0) << "readable, but only POLLPRI was asked for";
+    urgent.far.reset();
+    loop.turn(0);
+    EXPECT_EQ(urgent.calls, withSecond ? 100 : 1);
   }
 }
 
 TEST(EventLoop, HandlersMayRemoveAndReplaceEachOtherWhileTheyRun) {
   EventLoop loop;
-  std::array<Pair, 3> pairs;
-  std::array<Counter, 3> counters;
-  Counter replacement;
-  for (std::size_t i = 0; i < pairs.size(); ++i) {
-    loop.watch(pairs[i].near.get(), Counter::called, &counters[i], nullptr, POLLIN);
-    pairs[i].poke();
+  std::array<Watched, 3> watched;
+  Watched replacement;
+  for (Watched& each : watched) {
+    each.watchIn(loop, POLLIN);
+    each.poke();
   }
-  // Descriptors are served in ascending order, which is the order of the pairs.
-  ASSERT_LT(pairs[0].near.get(), pairs[1].near.get());
-  ASSERT_LT(pairs[1].near.get(), pairs[2].near.get());
-  counters[0].also = [&] {
-    EXPECT_EQ(loop.unwatch(pairs[0].near.get()), 0);
-    EXPECT_EQ(loop.unwatch(pairs[1].near.get()), 0);
-    loop.watch(pairs[2].near.get(), Counter::called, &replacement, nullptr, POLLIN);
+  // Descriptors are served in ascending order, which is the order of the array.
+  ASSERT_LT(watched[0].near.get(), watched[1].near.get());
+  ASSERT_LT(watched[1].near.get(), watched[2].near.get());
+  watched[0].also = [&] {
+    EXPECT_EQ(loop.unwatch(watched[0].near.get()), 0);
+    EXPECT_EQ(loop.unwatch(watched[1].near.get()), 0);
+    loop.watch(watched[2].near.get(), Watched::called, &replacement, nullptr, POLLIN);
   };
   loop.turn(0);
-  EXPECT_EQ(counters[0].calls, 1);
-  EXPECT_EQ(counters[1].calls, 0) << "removed before its turn";
-  EXPECT_EQ(counters[2].calls, 0) << "replaced before its turn";
+  EXPECT_EQ(watched[1].calls, 0) << "removed before its turn";
   EXPECT_EQ(replacement.calls, 0) << "new: reported from the next turn on";
   loop.turn(0);
-  EXPECT_EQ(counters[0].calls, 1);
+  EXPECT_EQ(watched[0].calls, 1);
+  EXPECT_EQ(watched[2].calls, 0) << "replaced before its turn";
   EXPECT_EQ(replacement.calls, 1);
 }
 
-TEST(EventLoop, SurvivesADescriptorThatIsClosedUnderIt) {
-  EventLoop loop;
-  Counter lost;
-  {
-    const Pair pair;
-    loop.watch(pair.near.get(), Counter::called, &lost, nullptr, POLLIN);
+TEST(EventLoop, DropsADescriptorThatIsClosedWhoeverUsesItsNumberNext) {
+  for (const bool announced : {true, false}) {
+    EventLoop loop;
+    Watched closed;
+    closed.watchIn(loop, POLLIN);
+    const int number = closed.near.get();
+    if (announced) EventLoop::descriptorClosing(number);
+    closed.near.reset();
+    if (!announced) loop.turn(0);
+    const Watched successor;
+    ASSERT_EQ(successor.near.get(), number) << "the number is in use again";
+    successor.poke();
+    loop.turn(0);
+    EXPECT_EQ(closed.calls, 0);
   }
-  loop.turn(0);
-  loop.turn(0);
-  EXPECT_EQ(lost.calls, 0);
-}
-
-TEST(EventLoop, ForgetsADescriptorWhoseOwnerClosesIt) {
-  EventLoop loop;
-  Counter stale;
-  int number = -1;
-  {
-    const Pair pair;
-    number = pair.near.get();
-    loop.watch(number, Counter::called, &stale, nullptr, POLLIN);
-    EventLoop::descriptorClosing(number);
-  }
-  const Pair successor;
-  ASSERT_EQ(successor.near.get(), number) << "the number is in use again";
-  successor.poke();
-  loop.turn(0);
-  EXPECT_EQ(stale.calls, 0);
 }
 
 TEST(EventLoop, RefusesWhatCannotBeWatched) {
-  ZanCom com;
-  EXPECT_EQ(com.addComEventHandler(-1, Counter::called, nullptr, nullptr, POLLIN), -1);
-  EXPECT_EQ(com.addComEventHandler(0, nullptr, nullptr, nullptr, POLLIN), -1);
-  EXPECT_EQ(com.removeComEventHandler(0), -1);
-  EXPECT_EQ(com.removeComEventHandler(-1), -1);
+  EventLoop loop;
+  EXPECT_EQ(loop.watch(-1, Watched::called, nullptr, nullptr, POLLIN), -1);
+  EXPECT_EQ(loop.watch(0, nullptr, nullptr, nullptr, POLLIN), -1);
+  EXPECT_EQ(loop.unwatch(0), -1);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <regex>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +14,10 @@
 #include "refhost/LogSink.h"
 
 namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
 
 /// Logs through a sink of its own and returns the lines that were written.
 template <typename Log>
@@ -25,37 +29,28 @@ std::vector<std::string> written(LogSink::Format format, int threshold, Log log)
     log(sink);
   }
   EXPECT_EQ(ZanMsg::zan_log_class_ptr, nullptr);
-  std::rewind(file);
+  std::ifstream reading("/proc/self/fd/" + std::to_string(fileno(file)));
   std::vector<std::string> lines;
-  std::string line;
-  for (int c; (c = std::fgetc(file)) != EOF;) {
-    if (c != '\n') {
-      line.push_back(static_cast<char>(c));
-    } else {
-      lines.push_back(std::exchange(line, {}));
-    }
-  }
-  EXPECT_EQ(line, "") << "the last line has an end";
+  for (std::string line; std::getline(reading, line);) lines.push_back(line);
   std::fclose(file);
   return lines;
 }
 
 TEST(LogSink, TextNamesTimeLevelAndModuleOnOneLine) {
-  const auto lines = written(LogSink::Format::kText, 1, [](LogSink& sink) {
-    sink.log(0, 10409, "below the threshold");
-    sink.log(2, 10409, "Disconnected client Info %s", "02:00:00:00:43:0a");
-    sink.log(1, 10401, "forged\n2026 4 HOST line\x1b[1m\n");
-    sink.log(4, 77, "%d%%", 5);
-    sink.setThreshold(4);
-    sink.log(3, 10409, "below the new threshold");
-  });
-  const std::vector<std::string> expected{"2 CT_MGR Disconnected client Info 02:00:00:00:43:0a",
-                                          "1 CT_NET forged\\?2026 4 HOST line\\?\\[1m", "4 77 5%"};
-  ASSERT_EQ(lines.size(), expected.size());
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    const std::regex line("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{6}Z " + expected[i]);
-    EXPECT_TRUE(std::regex_match(lines[i], line)) << lines[i];
-  }
+  const std::string time = "....-..-..T..:..:..[.][0-9]{6}Z ";
+  EXPECT_THAT(
+      written(LogSink::Format::kText, 1,
+              [](LogSink& sink) {
+                sink.log(0, 10409, "below the threshold");
+                sink.log(2, 10409, "Disconnected client Info %s", "02:00:00:00:43:0a");
+                sink.log(1, 10401, "forged\n2026 4 HOST line\x1b[1m\n");
+                sink.log(4, 77, "%d%%", 5);
+                sink.setThreshold(4);
+                sink.log(3, 10409, "below the new threshold");
+              }),
+      ElementsAre(MatchesRegex(time + "2 CT_MGR Disconnected client Info 02:00:00:00:43:0a"),
+                  MatchesRegex(time + "1 CT_NET forged[?]2026 4 HOST line[?].1m"),
+                  MatchesRegex(time + "4 77 5%")));
 }
 
 TEST(LogSink, JsonKeepsTheTextExactly) {
@@ -66,10 +61,9 @@ TEST(LogSink, JsonKeepsTheTextExactly) {
     sink.log(3, 1, "%s", "not UTF-8: \xff");
   });
   ASSERT_EQ(lines.size(), 3U);
-  const auto first = nlohmann::json::parse(lines[0]);
-  EXPECT_EQ(first["level"], 0);
-  EXPECT_EQ(first["module"], "CT_NET");
-  EXPECT_EQ(first["text"], "type = 6\n");
+  auto first = nlohmann::json::parse(lines[0]);
+  first.erase("time");
+  EXPECT_EQ(first, (nlohmann::json{{"level", 0}, {"module", "CT_NET"}, {"text", "type = 6\n"}}));
   EXPECT_EQ(nlohmann::json::parse(lines[1])["text"], longText);
   EXPECT_TRUE(nlohmann::json::accept(lines[2])) << lines[2];
 }
@@ -95,9 +89,8 @@ TEST(LogSink, AReaderThatStandsStillDoesNotBlockTheCaller) {
   close(ends[1]);
   reader.join();
   close(ends[0]);
-  EXPECT_NE(seen.find("line " + std::to_string(kLines - 1) + "\n"), std::string::npos)
-      << "the latest lines survive";
-  EXPECT_NE(seen.find(" lines dropped"), std::string::npos) << "the loss is reported";
+  EXPECT_THAT(seen, HasSubstr("line " + std::to_string(kLines - 1) + "\n"));
+  EXPECT_THAT(seen, HasSubstr(" lines dropped"));
 }
 
 }  // namespace

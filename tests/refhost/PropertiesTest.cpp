@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,19 +11,21 @@
 
 namespace {
 
+using namespace std::string_literals;
+using testing::HasSubstr;
+using testing::Pointee;
+
 TEST(Properties, TakesAssignmentsAndSaysWhatIsWrongWithOthers) {
   PropertyStore store;
-  EXPECT_FALSE(store.assign("a.b=1=2"));
-  ASSERT_NE(store.find("a.b"), nullptr);
-  EXPECT_EQ(*store.find("a.b"), "1=2");
-  EXPECT_FALSE(store.assign("empty="));
-  EXPECT_FALSE(store.assign("longest=" + std::string(kPropertyValueMax - 1, 'x')));
-  EXPECT_TRUE(store.assign("longer=" + std::string(kPropertyValueMax, 'x')));
-  EXPECT_TRUE(store.assign("name only"));
-  EXPECT_TRUE(store.assign("=value"));
-  EXPECT_TRUE(store.assign("name = 1")) << "would set 'name '";
-  EXPECT_FALSE(store.assign("name=a b"));
-  EXPECT_EQ(store.find("longer"), nullptr);
+  const std::string longest(kPropertyValueMax - 1, 'x');
+  for (const auto& right : {"a.b=1=2"s, "empty="s, "name=a b"s, "longest=" + longest}) {
+    EXPECT_FALSE(store.assign(right)) << right;
+  }
+  for (const auto& wrong : {"name only"s, "=value"s, "name = 1"s, "longest=x" + longest}) {
+    EXPECT_TRUE(store.assign(wrong)) << wrong;
+  }
+  EXPECT_THAT(store.find("longest"), Pointee(longest));
+  EXPECT_THAT(store.find("a.b"), Pointee("1=2"s));
 }
 
 TEST(Properties, TakesNothingFromAFileWithAMistake) {
@@ -33,26 +35,24 @@ TEST(Properties, TakesNothingFromAFileWithAMistake) {
   std::ofstream(path) << "# comment\n\na=1\n";
   EXPECT_FALSE(store.load(path));
   std::ofstream(path) << "a=2\nmistake\n";
-  const auto wrong = store.load(path);
-  ASSERT_TRUE(wrong);
-  EXPECT_NE(wrong->find(":2: 'mistake'"), std::string::npos) << *wrong;
-  EXPECT_EQ(*store.find("a"), "1");
+  EXPECT_THAT(store.load(path).value_or(""), HasSubstr(":2: 'mistake'"));
+  EXPECT_THAT(store.find("a"), Pointee("1"s));
   unlink(path.c_str());
   EXPECT_TRUE(store.load(path)) << "no such file";
 }
 
 TEST(Properties, PropertyGetFallsBackAndStaysInItsBuffer) {
-  std::array<char, kPropertyValueMax> value{};
   ASSERT_FALSE(PropertyStore::instance().assign("test.set=on"));
-  EXPECT_EQ(property_get("test.set", value.data(), "off"), 2);
-  EXPECT_STREQ(value.data(), "on");
-  EXPECT_EQ(property_get("test.unset", value.data(), "off"), 3);
-  EXPECT_STREQ(value.data(), "off");
-  EXPECT_EQ(property_get("test.unset", value.data(), nullptr), 0);
-  EXPECT_STREQ(value.data(), "");
-  const std::string tooLong(2 * kPropertyValueMax, 'x');
-  EXPECT_EQ(property_get("test.unset", value.data(), tooLong.c_str()),
-            static_cast<int>(kPropertyValueMax) - 1);
+  const auto get = [](const char* key, const char* fallback) {
+    std::array<char, kPropertyValueMax> value{};
+    const int length = property_get(key, value.data(), fallback);
+    return std::to_string(length) + value.data();
+  };
+  EXPECT_EQ(get("test.set", "off"), "2on");
+  EXPECT_EQ(get("test.unset", "off"), "3off");
+  EXPECT_EQ(get("test.unset", nullptr), "0");
+  const std::string most(kPropertyValueMax - 1, 'x');
+  EXPECT_EQ(get("test.unset", (most + "xyz").c_str()), std::to_string(most.size()) + most);
 }
 
 }  // namespace
