@@ -141,6 +141,30 @@ TEST_F(IdleTracking, AnIdleInterfaceGetsListenFiltersAndABusyOneDoesNot) {
   EXPECT_EQ(mobile.links[1].rules(), kRules);
 }
 
+TEST_F(IdleTracking, ReportsIdleOnceAndOnTime) {
+  Mobile mobile;
+  const auto reports = [&mobile] {
+    std::vector<Hotspot::Clock::time_point> times;
+    for (const auto& line : mobile.host->log()) {
+      if (line.text.find("ExpiryHandler - idleStatus = 1") == line.text.npos) continue;
+      times.push_back(line.received);
+    }
+    return times;
+  };
+  mobile.start();
+  ASSERT_TRUE(Hotspot::within(20s, [&] { return reports().size() == 1; }))
+      << "the link's own chatter is over by then";
+  const auto before = Hotspot::Clock::now();
+  mobile.host->command("tethering on");
+  mobile.host->command("tethering off");
+  const auto started = Hotspot::Clock::now();
+  ASSERT_TRUE(Hotspot::within(8s, [&] { return reports().size() == 2; }));
+  std::this_thread::sleep_for(1s);
+  ASSERT_EQ(reports().size(), 2U);
+  EXPECT_GE(reports().back() - before, 5s);
+  EXPECT_LE(reports().back() - started, 5500ms);
+}
+
 TEST_F(IdleTracking, LeavesNothingBehindHoweverTheHostEnds) {
   using Signal = std::pair<std::string, int>;
   for (const auto& [who, signal] : {Signal("nobody", 0),
