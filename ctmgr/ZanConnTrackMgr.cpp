@@ -339,6 +339,7 @@ void ZanConnTrackMgr::deleteV6ConntrackEntries(std::list<ZanConnTrackFilter_s>& 
 bool ZanConnTrackMgr::sendDeleteRequest(ctTuple& tuple) {
   alignas(nlmsghdr) unsigned char buffer[DELETE_MSG_MAX_LEN] = {};
   auto* msg = reinterpret_cast<nlmsghdr*>(buffer);
+  const std::lock_guard<std::mutex> lock(requestMutex);
   fillNetlinkHeader(msg, tuple.l3protonum);
   if (fillTupleInfo(msg, &tuple) == 0) return false;
   conntrackSocket->sendConntrackNetlinkMsg(msg);

@@ -3,11 +3,11 @@
 
 #include <linux/netlink.h>
 
-#include <atomic>
 #include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -100,7 +100,7 @@ class ZanConnTrackMgr {
   int fillTupleInfo(nlmsghdr* msg, ctTuple* tuple);
 
   /// Makes |msg| a delete request for |family| without a tuple yet, with the next sequence
-  /// number. Returns 0.
+  /// number, which one caller at a time may take. Returns 0.
   int fillNetlinkHeader(nlmsghdr* msg, std::uint8_t family);
 
  protected:
@@ -125,9 +125,10 @@ class ZanConnTrackMgr {
   std::vector<std::string> disconnectedSapClients;
   std::map<std::string, ZanIfConnTracker*> ifTrackers;  ///< owned
   ZanNetlinkSocket* conntrackSocket = nullptr;          ///< lives until the process ends
-  std::atomic<std::uint32_t> deleteSeq{0};              ///< sequence number of the last request
+  std::uint32_t deleteSeq = 0;                          ///< sequence number of the last request
 
-  HandOver deleteLists;  ///< guards the two lists
+  HandOver deleteLists;     ///< guards the two lists
+  std::mutex requestMutex;  ///< guards deleteSeq; held over the send: numbers go out in order
   std::shared_ptr<WorkerGate> workers = std::make_shared<WorkerGate>();
 };
 

@@ -168,26 +168,34 @@ void ZanNetlinkMgr::nlDecodeRtmNeigh(nlmsghdr* msg, unsigned int len, zanNlNeigh
 
 void ZanNetlinkMgr::handleNewNeighEvent(_NetlinkInfo* info) {
   if (isNullMac(info->macAddr)) return;
-  const std::lock_guard<std::mutex> lock(tableMutex);
-  const auto [entry, isNew] = neighInfoMap.try_emplace(info->macAddr);
-  _ZanNeighInfoType& neighbour = entry->second;
-  if (isNew) {
+  if (updateTable(*info)) {
     ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr:: New Neighbor Entry received");
-    copyText(neighbour.macAddr, info->macAddr);
   } else {
     ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr::Existing Neighbor Entry. Update Map");
   }
-  if (info->isIpv6) {
-    copyText(neighbour.ipv6Addr, info->ipv6Addr);
+}
+
+bool ZanNetlinkMgr::updateTable(const _NetlinkInfo& info) {
+  const std::lock_guard<std::mutex> lock(tableMutex);
+  const auto [entry, isNew] = neighInfoMap.try_emplace(info.macAddr);
+  _ZanNeighInfoType& neighbour = entry->second;
+  copyText(neighbour.macAddr, info.macAddr);
+  if (info.isIpv6) {
+    copyText(neighbour.ipv6Addr, info.ipv6Addr);
   } else {
-    copyText(neighbour.ipv4Addr, info->ipv4Addr);
+    copyText(neighbour.ipv4Addr, info.ipv4Addr);
   }
+  return isNew;
+}
+
+bool ZanNetlinkMgr::isKnown(const _NetlinkInfo& info) {
+  const std::lock_guard<std::mutex> lock(tableMutex);
+  return neighInfoMap.count(info.macAddr) != 0;
 }
 
 void ZanNetlinkMgr::handleDelNeighEvent(_NetlinkInfo* info) {
   if (isNullMac(info->macAddr)) return;
-  const std::lock_guard<std::mutex> lock(tableMutex);
-  if (neighInfoMap.count(info->macAddr) != 0) {
+  if (isKnown(*info)) {
     ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr::Ignore neighbour lost ip address.");
   } else {
     ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr::Neighbor lost event received on unknown client");

@@ -80,9 +80,13 @@ class ZanNetlinkMgr {
   void getExpandedIpV6Address(char* addr);
 
  protected:
+  /// True when |info| is about a neighbour that was not in the table.
+  bool updateTable(const _NetlinkInfo& info);
+  [[nodiscard]] bool isKnown(const _NetlinkInfo& info);
+
   ZanNetlinkSocket* nlSocket;
   ZanCom& com;
   ZanConnTrackUtils& connTrackUtils;
   std::map<std::string, _ZanNeighInfoType> neighInfoMap;
-  std::mutex tableMutex;  ///< guards neighInfoMap
+  std::mutex tableMutex;  ///< guards neighInfoMap; never held over a call of the host
 };
