@@ -137,7 +137,6 @@ ZanNetlinkSocket::~ZanNetlinkSocket() {
 }
 
 int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
-  if (recorder().onSend) recorder().onSend();
   recorder().recordRequest(socketFd, msg);
   return -ENOENT;
 }
@@ -239,7 +238,7 @@ void RecordingHost::connectParent(const std::string& answers) {
   close(std::exchange(parentFd, ends[1]));
   for (const char answer : answers) {
     const std::int32_t value = answer == '.' ? 0 : answer == '1' ? 1 : -1;
-    send(parentFd, &value, answer == 's' ? 2 : sizeof(value), 0);
+    send(parentFd, &value, sizeof(value), 0);
   }
   shutdown(parentFd, SHUT_WR);
 }

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -52,7 +51,7 @@ class RecordingHost : public ZanMsg {
   /// Connects the command channel to a privileged parent of which only the answers exist,
   /// acknowledgements and results alike, a character each:
   ///
-  ///   .  0        1  1        -  -1        s  two bytes, not four
+  ///   .  0        1  1        -  -1
   ///
   /// After |answers| the stream ends. The record has "parent" and the pieces it was sent between
   /// two other entries: four bytes as a number, others as text with its NUL.
@@ -68,9 +67,8 @@ class RecordingHost : public ZanMsg {
   [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
 
   Zan zan;
-  bool forgetful = false;          ///< what happens is formatted and then dropped
-  const char* property = nullptr;  ///< value of every property, if it has one
-  std::function<void()> onSend;    ///< called on the sender's thread before a request is recorded
+  bool forgetful = false;                           ///< what happens is formatted and then dropped
+  const char* property = nullptr;                   ///< value of every property, if it has one
   std::map<std::string, _ZanDsmWwanInfoType> wwan;  ///< every WWAN interface
   int dormancyStatus = 1;                           ///< of every link
   int filtersAnswer = 1;                            ///< to installFilters()

@@ -1,4 +1,4 @@
-// The registry of conntrack event listeners and the expansion of addresses.
+// The registry of conntrack event listeners.
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 
@@ -32,14 +32,10 @@ void leave(void* data, nlmsghdr* msg, unsigned int len) {
   static_cast<Registry*>(data)->deRegNlSockEvents(leave, data);
 }
 
-struct ZanConnTrackUtilsTest : testing::Test {
+TEST(ZanConnTrackUtilsTest, RefusesListenersAndLetsThemGo) {
   RecordingHost host;
   Registry registry{host.zan};
-};
-
-TEST_F(ZanConnTrackUtilsTest, RefusesListeners) {
   EXPECT_EQ(registry.regNlSockEvents(stay, this), -1);
-  EXPECT_TRUE(registry.listeners.empty());
   EXPECT_EQ(registry.deRegNlSockEvents(stay, this), -1);
   registry.nlSockRegistered = true;
   EXPECT_EQ(registry.deRegNlSockEvents(stay, this), -1);
@@ -48,66 +44,30 @@ TEST_F(ZanConnTrackUtilsTest, RefusesListeners) {
 0 10409 ZanConnTrackUtils::ZOLV flag enabled , ZAN netlink functionality is disabled.
 0 10409 ZanConnTrackUtils::deRegNlSockEvents nothing to dereg
 )");
-}
-
-TEST_F(ZanConnTrackUtilsTest, TheLastListenerTakesTheSocketAlong) {
-  int a = 0;
-  registry.open({{stay, &a}, {stay, &a}});
-  EXPECT_FALSE(registry.checkIfConnObjectPresent(stay, this));
-  EXPECT_FALSE(registry.checkIfConnObjectPresent(leave, &a));
-  host.take();
-  EXPECT_EQ(registry.deRegNlSockEvents(stay, &a), 0);
-  EXPECT_TRUE(registry.checkIfConnObjectPresent(stay, &a));
-  EXPECT_EQ(registry.deRegNlSockEvents(leave, &a), 0);
-  EXPECT_EQ(registry.deRegNlSockEvents(stay, &a), 0);
-  EXPECT_EQ(registry.deRegNlSockEvents(stay, &a), -1);
-  EXPECT_EQ(host.take(), R"(
-0 10409 ZanConnTrackUtils::deRegNlSockEvents: iterator address : %p
-0 10409 ZanConnTrackUtils::deRegNlSockEvents deleting nlsock, list size = 1
-0 10409 ZanConnTrackUtils::deRegNlSockEvents: iterator address : %p
-0 10409 ZanConnTrackUtils::deRegNlSockEvents deleting nlsock, list size = 1
-0 10409 ZanConnTrackUtils::deRegNlSockEvents: iterator address : %p
-0 10409 ZanConnTrackUtils::deRegNlSockEvents deleting nlsock, list size = 0
-0 10409 ZanConnTrackUtils::stopNlSockEvents: 1012
-removeComEventHandler 1012
-~ZanNetlinkSocket 1012
-0 10409 ZanConnTrackUtils::deRegNlSockEvents nothing to dereg
-)");
-  registry.open({});  // without any listener, anybody takes it down
-  EXPECT_EQ(registry.deRegNlSockEvents(stay, this), 0);
-  EXPECT_EQ(registry.nlSocket, nullptr);
-}
-
-TEST_F(ZanConnTrackUtilsTest, FansOutToListenersThatMayLeaveMeanwhile) {
   Registry::HandleNlMsg(nullptr, nullptr, 0);
+  // Listeners may leave meanwhile, and the last one takes the socket along.
   registry.open({{leave, &registry}, {nullptr, nullptr}, {stay, &registry}});
   host.take();
   host.receive(1012, neighbourMessage(RTM_NEWNEIGH, 0, {}));
-  EXPECT_EQ(host.take("HandleNl|NetlinkRecv|^0 0"), R"(
-0 10409 ZanConnTrackUtils::netLinkEventHandler: Calling NetlinkRecvSocketEvent
-NetlinkRecvSocketEvent 0
-0 10409 ZanConnTrackUtils::HandleNlmsg: iterator address : %p
-0 0 28 28
-0 10409 ZanConnTrackUtils::HandleNlmsg: iterator address : %p
-0 10409 ZanConnTrackUtils::HandleNlmsg: iterator address : %p
-0 0 28 28
-)");
-}
-
-TEST_F(ZanConnTrackUtilsTest, ExpandsIpv6Addresses) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"fe80::1", "fe80:0000:0000:0000:0000:0000:0000:0001"},
-      {"::", "0000:0000:0000:0000:0000:0000:0000:0000"},
-      {"2001:DB8:12:345::ABCD", "2001:0db8:0012:0345:0000:0000:0000:abcd"},
-      {"::ffff:192.0.2.1", "0000:0000:0000:0000:0000:ffff:c000:0201"},
-      {"1.2.3.4", "1.2.3.4"},
-      {"abc", "abc"},
-      {"fe80::1%eth0", "fe80::1%eth0"}};
-  for (auto [text, expanded] : cases) {
-    text.resize(kAddressTextSize);
-    ZanConnTrackUtils::getIpV6Address(text.data());
-    EXPECT_EQ(text.c_str(), expanded);
-  }
+  registry.deRegNlSockEvents(nullptr, nullptr);
+  EXPECT_TRUE(registry.checkIfConnObjectPresent(stay, &registry));
+  EXPECT_FALSE(registry.checkIfConnObjectPresent(stay, this));
+  EXPECT_FALSE(registry.checkIfConnObjectPresent(leave, &registry));
+  EXPECT_EQ(registry.deRegNlSockEvents(stay, this), 0);
+  EXPECT_EQ(registry.deRegNlSockEvents(stay, &registry), 0);
+  EXPECT_EQ(registry.nlSocket, nullptr);
+  const std::string says = "0 10409 ZanConnTrackUtils::";
+  const std::string heard = says + "HandleNlmsg: iterator address : %p\n";
+  const std::string tried = says + "deRegNlSockEvents: iterator address : %p\n";
+  const std::string left = says + "deRegNlSockEvents deleting nlsock, list size = ";
+  EXPECT_EQ(host.take(), "\n" + says + "netLinkEventHandler: Calling NetlinkRecvSocketEvent\n" +
+                             "NetlinkRecvSocketEvent 0\n" + heard + "0 0 28 28\n" + tried + left +
+                             "2\n" + heard + heard + "0 0 28 28\n" + tried + left + "1\n" + tried +
+                             left + "1\n" + tried + left + "0\n" + says +
+                             "stopNlSockEvents: 1012\nremoveComEventHandler 1012\n" +
+                             "~ZanNetlinkSocket 1012\n");
+  registry.open({});  // without any listener, anybody takes it down
+  EXPECT_EQ(registry.deRegNlSockEvents(stay, this), 0);
 }
 
 }  // namespace

@@ -15,9 +15,7 @@ using namespace std::string_literals;
 using std::to_string;
 
 const std::string kText = "w9 7 first " + std::string(69, 's');
-const std::string kFailed = "4 10409 ZanIfConnTracker parent process failed to execute command\n\n";
 const std::string kUninstalled = "uninstallFilters w9\nsetDfsFilterMode w9 0\n";
-const std::string kNoRules = "2 10409 ZanIfConnTracker::startTracking fail to add ipTable rules\n";
 
 struct Utils : ZanConnTrackUtils {
   explicit Utils(Zan& zan) : ZanConnTrackUtils(zan) { connTrackFd = 901; }
@@ -46,15 +44,13 @@ struct ZanIfConnTrackerTest : testing::Test {
   std::string said() {
     return std::regex_replace(host.take(), std::regex("10409 ZanIfConnTracker::"), "~");
   }
-  static std::string heard(const std::string& event, const ZanRixStatusRecord& record) {
-    const std::string handler = "0 ~rix" + event + "EventHandler ";
-    return "\n" + handler + "event: 0\n" + handler + "iface: " + record.ifaceName +
-           " status: " + to_string(record.status) + "\n";
-  }
-  /// What the parent is sent for the commands |first| and |first| + 1.
-  static std::string rules(int first, int timeout) {
-    const std::string rule = " w9\0 "s + to_string(timeout) + " CT\0 IDLETIMER\0 0"s;
-    return "parent " + to_string(first) + rule + " " + to_string(first + 1) + rule + "\n";
+  /// What the parent is sent for |commands| commands from |first| on.
+  static std::string rules(int first, int timeout, int commands = 2) {
+    std::string text = "parent";
+    for (int command = first; command < first + commands; ++command) {
+      text += " " + to_string(command) + " w9\0 "s + to_string(timeout) + " CT\0 IDLETIMER\0 0"s;
+    }
+    return text + "\n";
   }
   static std::string stopped(int timeout) {
     return "0 ~stopTracking\n0 ~removeComEventHandler fd -1\nremoveComEventHandler -1\n" +
@@ -98,8 +94,7 @@ TEST_F(ZanIfConnTrackerTest, FollowsDormancyFilteringAndTethering) {
   const std::string refused = asked + "4 ~installFilters: Failed to add filters for iface w9\n";
   const std::string installed = asked + "setDfsFilterMode w9 1\n" + started(5);
   // Event, its interface and status; state of tethering and of the link; the modem's answer; log.
-  using Step = std::tuple<std::string, std::string, std::int32_t, int, int, std::string>;
-  const Step steps[] = {
+  const std::tuple<std::string, std::string, std::int32_t, int, int, std::string> steps[] = {
       {"Wds", "w", 1, 0, 1, ""},
       {"Wds", "w9", 2, 0, 1, ""},
       {"Wds", "w9", 1, -1, 1, ""},
@@ -122,37 +117,27 @@ TEST_F(ZanIfConnTrackerTest, FollowsDormancyFilteringAndTethering) {
     if (event == "Wds") host.dormancyListener.first({}, &record, host.dormancyListener.second);
     if (event == "Dfs") host.filteringListener.first({}, &record, host.filteringListener.second);
     if (event == "Dsm") host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &status);
-    std::string entry = event == "Dsm" ? "\n1 ~dsmEventHandler event:5\n" : heard(event, record);
-    EXPECT_EQ(said(), entry.append(log));
+    const std::string handler = "0 ~rix" + event + "EventHandler ";
+    std::string heard = handler + "event: 0\n";
+    heard.append(handler).append("iface: " + name + " status: " + to_string(status) + "\n");
+    EXPECT_EQ(said(), "\n" + (event == "Dsm" ? "1 ~dsmEventHandler event:5\n" : heard) + log);
   }
 }
 
-TEST_F(ZanIfConnTrackerTest, EndsAnExchangeAtTheFirstRefusal) {
-  const std::string pieces = "\nparent 8 w9\0 0 CT\0 IDLETIMER\0 0"s;
-  constexpr std::size_t kEnds[] = {0, 9, 13, 15, 19, 30, 32};
-  // The answer at each place from .. to; log; pieces sent beyond those that were answered before.
-  using Case = std::tuple<char, std::size_t, std::size_t, std::string, std::size_t>;
-  const Case cases[] = {{'.', 0, 5, "", 6},
-                        {'s', 0, 5, "", 6},
-                        {'1', 5, 5, kFailed, 6},
-                        {'-', 0, 4, "4 10409 send_and_recv_ack ret corrupted\n", 1}};
+TEST_F(ZanIfConnTrackerTest, EndsAStartAtTheFirstRefusal) {
+  const std::string failed =
+      "4 10409 ZanIfConnTracker parent process failed to execute command\n\n";
+  const std::pair<const char*, std::string> cases[] = {
+      {"-", "parent 8\n4 10409 send_and_recv_ack ret corrupted\n"},
+      {".....1", rules(8, 6, 1) + failed},
+      {"...........1", rules(8, 6) + failed}};
   host.take();
-  for (const auto& [answer, from, to, log, more] : cases) {
-    for (std::size_t place = from; place <= to; ++place) {
-      host.connectParent(std::string(place, '.') + answer);
-      EXPECT_EQ(tracker->execCommand(ZAN_CMD_IDLETIMER_ADD_1), log.empty() ? 0 : -1);
-      std::string sent = pieces.substr(0, kEnds[std::min<std::size_t>(place + more, 6)]);
-      EXPECT_EQ(host.take(), sent.append("\n").append(log));
-    }
-  }
-  tracker->startListenFilterTracking(0);
-  for (const char* answers : {".....1", "...........1"}) {  // to the first rule, to the second
+  for (const auto& [answers, log] : cases) {
     host.connectParent(answers);
     tracker->startListenFilterTracking(6);
+    EXPECT_EQ(said(), "\n0 ~startTracking 6\n0 ~runIpTableAddCommands\n" + log +
+                          "2 ~startTracking fail to add ipTable rules\n");
   }
-  EXPECT_EQ(host.take("^2|^parent"),
-            "\n2 10409 ZanIfConnTracker::startTracking idleTimeOut <= 0\n" +
-                rules(8, 6).erase(31, 25) + kNoRules + rules(8, 6) + kNoRules);
 }
 
 TEST_F(ZanIfConnTrackerTest, RestartsTheTimerWithTwiceItsLength) {
@@ -179,13 +164,13 @@ TEST_F(ZanIfConnTrackerTest, RestartsTheTimerWithTwiceItsLength) {
 
 TEST_F(ZanIfConnTrackerTest, ReportsEachChangeOfTheTimer) {
   const auto listener = [](const void* status, void* cbData, std::string name) {
-    const char idle = static_cast<const char*>(status)[0] == 1 ? '1' : '0';
-    static_cast<RecordingHost*>(cbData)->record(std::string("report ") + idle + " " + name);
+    const int idle = *static_cast<const std::uint8_t*>(status);
+    static_cast<RecordingHost*>(cbData)->record("report " + to_string(idle) + " " + name);
   };
   const TableFile file;
   tracker->idleTimerFd = dup2(file.fd(), 900);
-  tracker->regIdleStatusChgEvt(listener, &host);
-  tracker->regIdleStatusChgEvt(nullptr, nullptr);
+  EXPECT_EQ(tracker->regIdleStatusChgEvt(listener, &host), 0);
+  EXPECT_EQ(tracker->regIdleStatusChgEvt(nullptr, nullptr), -1);
   host.take();
   for (const char* text : {"0\n", "0\n", "5555555555\n", "", "1\n", "0000000005"}) {
     file.write(text);
@@ -211,7 +196,7 @@ removeComEventHandler 900
             "\nreport 1 w9\nremoveComEventHandler 900\nremoveComEventHandler -1\n");
 }
 
-TEST_F(ZanIfConnTrackerTest, DoesNothingWithoutAUsableNameOrTable) {
+TEST_F(ZanIfConnTrackerTest, DoesNothingWithoutANameATableOrATimeout) {
   Tracker nameless(host.zan, utils, host.zan.zanRix, "");
   Tracker endless(host.zan, utils, host.zan.zanRix, std::string(5000, 'n'));
   endless.startListenFilterTracking(6);
@@ -220,37 +205,21 @@ TEST_F(ZanIfConnTrackerTest, DoesNothingWithoutAUsableNameOrTable) {
   nameless.instalListenFilters();
   utils.connTrackFd = -1;
   EXPECT_EQ(tracker->installFilters(), -1);
-  EXPECT_EQ(said(),
-            "\n4 ~installFilters Entering\n4 ~installFilters Iface Name is Empty\n"
-            "0 ~install listen filters \n4 ~install listen Filters Iface Name is Empty\n"
-            "4 ~Failed to get Nf_connTrack Descriptor\n");
-}
-
-TEST_F(ZanIfConnTrackerTest, KeepsItsListenerAndItsOddsAndEnds) {
-  std::vector<int> reports;
-  const auto listener = [](const void* status, void* data, std::string name) {
-    EXPECT_EQ(name, "w9");
-    static_cast<std::vector<int>*>(data)->push_back(*static_cast<const std::uint8_t*>(status));
-  };
-  EXPECT_EQ(tracker->regIdleStatusChgEvt(listener, &reports), 0);
-  EXPECT_EQ(tracker->regIdleStatusChgEvt(nullptr, nullptr), -1);
-  TableFile expired;
-  expired.write("0\n");
-  Tracker::idleTimerExpiryHandler(expired.fd(), tracker.get());
-  EXPECT_EQ(reports, std::vector<int>{1}) << "the refused listener has not replaced the first";
-  host.take();
-
+  tracker->startListenFilterTracking(0);
   EXPECT_EQ(tracker->startNlSockEvents(), -1);
   tracker->stopNlSockEvents();
-  tracker->startListenFilterTracking(0);
-  EXPECT_EQ(tracker->idleTimeOut, 0U);
   EXPECT_EQ(said(), R"(
+4 ~installFilters Entering
+4 ~installFilters Iface Name is Empty
+0 ~install listen filters 
+4 ~install listen Filters Iface Name is Empty
+4 ~Failed to get Nf_connTrack Descriptor
+0 ~startTracking 0
+2 ~startTracking idleTimeOut <= 0
 0 ~startNlSockEvents:: registering nlsock for ifaceName w9
 0 10409 ZanConnTrackUtils::ZOLV flag enabled , ZAN netlink functionality is disabled.
 0 ~stopNlSockEvents: deregistering nlsock for ifaceName w9
 0 10409 ZanConnTrackUtils::deRegNlSockEvents nothing to dereg
-0 ~startTracking 0
-2 ~startTracking idleTimeOut <= 0
 )");
 }
 

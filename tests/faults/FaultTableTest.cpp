@@ -23,8 +23,6 @@ namespace {
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
-FaultyCalls& calls = FaultyCalls::instance();
-
 struct Tracker : ZanIfConnTracker {
   static constexpr auto kFd = &Tracker::idleTimerFd;
 };
@@ -41,10 +39,11 @@ struct World {
   TableFile timer;
 
   World() {
-    calls.table = table.fd();
-    calls.timer = timer.fd();
+    faults::table = table.fd();
+    faults::timer = timer.fd();
     host.wwan["w9"] = {0, 0, 1, 0, {ZAN_APN_TYPE_DEFAULT}, "first"};
     host.connectParent();
+    faults::channel = host.zan.commandChannelFd;
     table.write(tableEntry("10.0.0.1", 101) + std::string(3900, '.') + "\n" +
                 tableEntry("10.0.0.1", 102) +
                 tableEntry("2001:0db8:0000:0000:0000:0000:0000:0001", 103));
@@ -188,11 +187,10 @@ std::string changes(const Lines& before, const Lines& now) {
 
 /// True when |text| is what a failed call of |kind| may change.
 bool isStated(const std::string& text, const std::string& kind, int error) {
-  const auto outcome = kOutcomes.find(kind);
-  if (outcome == kOutcomes.end()) return text.empty();
+  if (kOutcomes.count(kind) == 0) return text.empty();
   const std::string number = std::to_string(error);
-  return std::regex_match(text,
-                          std::regex(std::regex_replace(outcome->second, std::regex("#"), number)));
+  const std::string stated = std::regex_replace(kOutcomes.at(kind), std::regex("#"), number);
+  return std::regex_match(text, std::regex(stated));
 }
 
 auto count(const Lines& lines, const std::string& text) {
@@ -206,10 +204,10 @@ bool failOne(Step prepare, Step run, int number, int error, bool stays, Lines& c
   World world;
   prepare(world);
   world.taken();
-  calls.fail(number, error, stays);
+  faults::fail(number, error, stays);
   run(world);
   const Lines lines = world.taken();
-  const std::string kind = calls.stop();
+  const std::string kind = faults::stop();
   if (number == 0) clean = lines;
   if (number != 0 && kind.empty()) return false;
   const std::string changed = changes(clean, lines);
@@ -244,13 +242,13 @@ TEST(FaultTable, EveryCallFailsInTurn) {
   alarm(50);
   int failed = failAll("what the libraries keep", kStopped, kStopped);
   for (const auto& [name, prepare, run] : kOperations) {
-    const long before = FaultyCalls::allocations();
+    const long before = faults::allocations;
     failed += failAll(name, prepare, run);
     // A clean-up whose manager has gone sleeps on for 5 seconds.
-    for (int i = 0; i < 600 && FaultyCalls::allocations() != before; ++i) {
+    for (int i = 0; i < 600 && faults::allocations != before; ++i) {
       std::this_thread::sleep_for(10ms);
     }
-    EXPECT_EQ(FaultyCalls::allocations(), before) << name;
+    EXPECT_EQ(faults::allocations, before) << name;
   }
   alarm(0);
   std::cout << std::size(kOperations) << " operations, " << failed << " calls failed\n";

@@ -1,68 +1,67 @@
 #include "tests/faults/FaultyCalls.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "host/ZanNetlinkSocket.h"
 
 namespace {
 
-std::atomic<long> live = 0;
+std::mutex mutex;  // guards what follows
+std::atomic<bool> counting = false;
+int callsLeft = 0;  // until the one that fails
+int errorOfCall = 0;
+bool repeats = false;
+std::string_view failed;
 
-bool fails(const char* kind) {
-  return FaultyCalls::instance().fails(kind);
-}
-
-bool isChannel(int fd) {
-  struct stat status {};
-  return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+/// Sets errno when this call of |kind| is to fail.
+bool fails(std::string_view kind) {
+  if (!counting) return false;
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (--callsLeft != 0 && (!repeats || failed != kind)) return false;
+  failed = kind;
+  errno = errorOfCall;
+  return true;
 }
 
 }  // namespace
 
-FaultyCalls& FaultyCalls::instance() {
-  static FaultyCalls calls;
-  return calls;
+namespace faults {
+
+int table = -1;
+int timer = -1;
+int channel = -1;
+std::atomic<long> allocations = 0;
+
+void fail(int number, int error, bool stays) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  callsLeft = number;
+  errorOfCall = error;
+  repeats = stays;
+  counting = true;
 }
 
-void FaultyCalls::fail(int number, int error, bool stays) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  number_ = number;
-  error_ = error;
-  stays_ = stays;
-  counting_ = true;
+std::string stop() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  counting = false;
+  return std::string(std::exchange(failed, {}));
 }
 
-std::string FaultyCalls::stop() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  counting_ = false;
-  return std::exchange(kind_, {});
-}
-
-bool FaultyCalls::fails(const char* kind) {
-  if (!counting_) return false;
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (--number_ != 0 && (!stays_ || kind_ != kind)) return false;
-  kind_ = kind;
-  errno = error_;
-  return true;
-}
-
-long FaultyCalls::allocations() {
-  return live;
-}
+}  // namespace faults
 
 void* operator new(std::size_t size) {
-  ++live;
+  ++faults::allocations;
   void* const memory = std::malloc(size + 1);
   if (memory == nullptr) std::abort();
   return memory;
@@ -71,7 +70,7 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   return fails("new") ? nullptr : operator new(size);
 }
 void operator delete(void* memory) noexcept {
-  if (memory != nullptr) --live;
+  if (memory != nullptr) --faults::allocations;
   std::free(memory);
 }
 void operator delete(void* memory, std::size_t /*size*/) noexcept {
@@ -91,16 +90,15 @@ int __real__ZN16ZanNetlinkSocket23sendConntrackNetlinkMsgEP8nlmsghdr(ZanNetlinkS
 
 /// Nobody here creates files, so that there is no mode.
 int __wrap_open(const char* path, int flags, ...) {
-  const FaultyCalls& calls = FaultyCalls::instance();
   const bool timer = std::strstr(path, "xt_idletimer") != nullptr;
   if (!timer && std::strstr(path, "nf_conntrack") == nullptr) return __real_open(path, flags);
-  const std::string link = "/proc/self/fd/" + std::to_string(timer ? calls.timer : calls.table);
+  const std::string link = "/proc/self/fd/" + std::to_string(timer ? faults::timer : faults::table);
   return fails(timer ? "timer" : "table") ? -1 : __real_open(link.c_str(), flags);
 }
 [[gnu::alias("__wrap_open")]] int __wrap_open64(const char* path, int flags, ...);
 
 ssize_t __wrap_read(int fd, void* buffer, std::size_t size) {
-  return fails(isChannel(fd) ? "read" : "timer") ? -1 : __real_read(fd, buffer, size);
+  return fails(fd == faults::channel ? "read" : "timer") ? -1 : __real_read(fd, buffer, size);
 }
 ssize_t __wrap___read_chk(int fd, void* buffer, std::size_t size, std::size_t /*room*/) {
   return __wrap_read(fd, buffer, size);
