@@ -16,7 +16,8 @@ class ZanMsg {
   [[nodiscard]] virtual bool enabled(int level) const = 0;
 
   /// Writes one line. |level| runs from 0 (routine) to 4 (error), |module| says whose line it is,
-  /// |format| and what follows are those of printf(3). Any thread; never blocks for long.
+  /// |format| and what follows are those of printf(3). Any thread; never blocks for long, and never
+  /// on the event thread.
   [[gnu::format(printf, 4, 5)]] virtual void log(int level, int module, const char* format,
                                                  ...) = 0;
 

@@ -25,6 +25,8 @@ class ZanNetlinkSocket {
   ///                           no group is joined, the socket only carries requests
   /// After a failure socketFd is -1 and the other operations fail.
   ZanNetlinkSocket(int protocol, unsigned int argument);
+
+  /// Takes the descriptor out of the event loop, whose users need not, and closes it.
   ~ZanNetlinkSocket();
   ZanNetlinkSocket(const ZanNetlinkSocket&) = delete;
   ZanNetlinkSocket& operator=(const ZanNetlinkSocket&) = delete;

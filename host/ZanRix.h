@@ -39,7 +39,8 @@ class ZanRix {
   using DfsCallback = void (*)(ZanRixDfsEventType event, const void* evtData, void* cbData);
 
   /// Starts / stops delivering dormancy events of |ifaceName| to |callback|. |cbData| stays the
-  /// caller's and must live until it is deregistered. The results are for the framework's log.
+  /// caller's and must live until it is deregistered. A listener that is registered again is
+  /// still one, and gone after one deregistration. The results are for the framework's log.
   int regDormancyStatusChgEvent(std::string ifaceName, WdsCallback callback, void* cbData);
   int deRegDormancyStatusChgEvent(std::string ifaceName, WdsCallback callback, void* cbData);
 
