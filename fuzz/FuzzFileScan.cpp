@@ -89,7 +89,7 @@ Reading readTable(ZanConnTrackParser& parser, const std::string& table, const Te
     const std::size_t toEnd = std::min<std::size_t>(511, table.find('\n', start) - start);
     const std::string piece = table.substr(start, toEnd + 1);
     start += piece.size();
-    const std::string line = piece.c_str();
+    const std::string line = piece.substr(0, piece.find('\0'));
     const std::string& client = clients[line.find(clients[0]) == std::string::npos];
     const bool mentioned = line.find(client) != std::string::npos;
     for (auto address = lost.begin(); address != lost.end() && all.result == 1; ++address) {
@@ -120,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (std::string* address : {&clients[0], &clients[1], &lost[0], &lost[1]}) {
     const std::string line = once.substr(0, once.find('\n'));
     once.erase(0, line.size() + 1);
-    *address = expanded(line.c_str());
+    *address = expanded(line.substr(0, line.find('\0')));
   }
   std::string table;
   for (int i = 0; i <= data[0] % 8; ++i) table += once;

@@ -74,7 +74,7 @@ TEST_F(PluginLibrary, LoadsAndUnloadsAThousandTimesWithoutGrowing) {
   for (int i = 0; i < kRounds; ++i) round();
   const Footprint after;
   EXPECT_LT(after.heapBytes - before.heapBytes, kRounds * kLeftBehindBytes);
-  EXPECT_LT(after.residentBytes - before.residentBytes, 2 * kRounds * kLeftBehindBytes);
+  EXPECT_LT(after.residentBytes - before.residentBytes, 2L * kRounds * kLeftBehindBytes);
   EXPECT_EQ(after.descriptors - before.descriptors, kRounds * kLeftBehindDescriptors);
 }
 

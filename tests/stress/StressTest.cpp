@@ -31,7 +31,7 @@ constexpr int kClients = kLeaving + kStaying;
 constexpr int kEntries = 6;  ///< of each client; of one that stays, each over another upstream
 constexpr int kTable = kEntries * kClients;
 constexpr std::size_t kLosses = 2 * kLeaving / kEntries;  ///< of each upstream address
-constexpr std::size_t kRequests = 3 * 2 * kLeaving * kEntries + kLosses * kStaying * kEntries;
+constexpr std::size_t kRequests = 3UL * 2 * kLeaving * kEntries + kLosses * kStaying * kEntries;
 
 /// What of the host the workers call does without the recorder's lock.
 class StressHost final : public RecordingHost {
