@@ -97,6 +97,10 @@ class Round {
     check();
   }
 
+  /// Of all clients that left, and of all upstream addresses that were lost.
+  [[nodiscard]] std::size_t flushes() const { return flushes_ + kLeaving; }
+  [[nodiscard]] std::size_t requests() const { return host_.requests.size(); }
+
  private:
   /// Unlike every other of this round and of those around it; the servers' ports are lower.
   [[nodiscard]] int port(int entry) const { return 1000 + number_ % 300 * kTable + entry; }
@@ -140,7 +144,7 @@ class Round {
 
   /// Every tuple was requested once for each flush that selected it, and the sequence numbers went
   /// out one after the other.
-  void check() const {
+  void check() {
     std::map<StressHost::Tuple, std::size_t> counts;
     for (const StressHost::Tuple& tuple : host_.requests) ++counts[tuple];
     EXPECT_EQ(host_.outOfOrder, 0U);
@@ -148,6 +152,7 @@ class Round {
       const int client = entry % kClients;
       const bool stays = client >= kLeaving;
       const std::size_t flushes = counts[{72, port(client)}];
+      if (entry < kLeaving) flushes_ += flushes;
       ASSERT_GE(flushes, stays ? kLosses : whole_ ? 3U : 1U);
       ASSERT_LE(flushes, stays ? kLosses : 3U);
       ASSERT_EQ((counts[{72, port(entry)}]), flushes) << "a part of a flush, client " << client;
@@ -156,6 +161,7 @@ class Round {
     EXPECT_EQ(counts.size(), 2U * kTable) << "a tuple of another round";
   }
 
+  std::size_t flushes_ = 0;
   const int number_;
   const bool whole_ = number_ % 2 == 1;
   StressHost host_;
@@ -166,10 +172,17 @@ TEST(StressTest, EveryFlushIsCarriedOutOnceAndNothingOutlivesItsManager) {
   const char* wanted = std::getenv("ZAN_STRESS_SECONDS");
   const auto end = Clock::now() + std::chrono::seconds(wanted ? std::atoi(wanted) : 10);
   int rounds = 0;
+  std::size_t flushes = 0;
+  std::size_t requests = 0;
   while (!HasFailure() && (Clock::now() < end || rounds % 2 == 1)) {
-    std::make_unique<Round>(rounds++)->run();
+    const auto round = std::make_unique<Round>(rounds++);
+    round->run();
+    flushes += round->flushes();
+    requests += round->requests();
   }
-  std::printf("%d rounds, %u sleeps\n", rounds, sleeps.load(kRelaxed));
+  std::printf("%d rounds: %d events 27, %d events 28; %zu flushes, %zu requests, %zu threads\n",
+              rounds, 2 * kLeaving * rounds, kLeaving * rounds, flushes, requests,
+              flushes + std::size_t{kLeaving} * static_cast<std::size_t>(rounds));
 }
 
 }  // namespace
