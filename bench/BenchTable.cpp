@@ -1,0 +1,59 @@
+#include "bench/BenchTable.h"
+
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <sched.h>
+
+#include "lab/Error.h"
+
+namespace bench {
+namespace {
+
+constexpr char kUpstreamAddress[] = "100.64.7.7";
+constexpr std::uint32_t kTimeoutSeconds = 3600;
+constexpr std::size_t kFirstPort = 1024;
+constexpr std::size_t kPorts = 60000;
+
+}  // namespace
+
+BenchTable::BenchTable(const TableShape& shape) : shape_(shape), inserter_(where_) {
+  if (setns(where_.fd(), CLONE_NEWNET) != 0) {
+    throw lab::systemError("cannot enter the namespace of the table");
+  }
+  for (std::size_t number = 0; number < shape_.clients; ++number) refill(number);
+}
+
+Client BenchTable::client(std::size_t number) {
+  const std::size_t host = 2 + number;
+  return {fmt::format("02:00:00:00:43:{:02x}", host), fmt::format("192.168.43.{}", host),
+          fmt::format("2001:db8:43::{:x}", host),
+          fmt::format("2001:0db8:0043:0000:0000:0000:0000:{:04x}", host)};
+}
+
+std::vector<lab::ConntrackInserter::Entry> BenchTable::entriesOf(std::size_t number) const {
+  const Client owner = client(number);
+  std::vector<lab::ConntrackInserter::Entry> entries;
+  for (std::size_t i = 0; i < shape_.entries / shape_.clients; ++i) {
+    const auto port = static_cast<std::uint16_t>(kFirstPort + i % kPorts);
+    const std::size_t server = 1 + i / kPorts;
+    lab::ConntrackInserter::Entry entry;
+    entry.protocol = i % 2 == 0 ? IPPROTO_TCP : IPPROTO_UDP;
+    entry.timeoutSeconds = kTimeoutSeconds;
+    if (shape_.ipv6 && i % 8 >= 6) {
+      entry.original = {owner.ipv6, fmt::format("2001:db8:5e::{:x}:{:x}", number, server), port,
+                        443};
+    } else {
+      const std::string address = fmt::format("198.18.{}.{}", number, server);
+      entry.original = {owner.ipv4, address, port, 443};
+      entry.reply = {address, kUpstreamAddress, 443, port};
+    }
+    entries.push_back(std::move(entry));
+  }
+  return entries;
+}
+
+void BenchTable::refill(std::size_t number) {
+  inserter_.insert(entriesOf(number));
+}
+
+}  // namespace bench

@@ -1,0 +1,54 @@
+// A conntrack table of made-up entries, in a network namespace of its own.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "lab/ConntrackInserter.h"
+#include "lab/NetNamespace.h"
+
+namespace bench {
+
+/// A hotspot client, as the plug-in knows one.
+struct Client {
+  std::string mac;
+  std::string ipv4;
+  std::string ipv6;          ///< in the spelling of inet_ntop(3)
+  std::string expandedIpv6;  ///< as the parser compares it
+};
+
+/// What a table is made of: every client owns as many entries as every other.
+struct TableShape {
+  std::size_t entries;
+  std::size_t clients;  ///< 200 at most
+  bool ipv6 = true;     ///< a quarter of the entries are IPv6
+};
+
+/// Half of the entries are TCP, half UDP; those of IPv4 are translated to one upstream address.
+class BenchTable {
+ public:
+  /// Fills the table and moves the calling thread, the main thread, into its namespace, where
+  /// /proc/net is that table's. Throws lab::Error.
+  explicit BenchTable(const TableShape& shape);
+
+  /// Client |number|, from 0. None of the first eight addresses after the tenth is contained in
+  /// another's text.
+  [[nodiscard]] static Client client(std::size_t number);
+
+  /// The entries of client |number|.
+  [[nodiscard]] std::vector<lab::ConntrackInserter::Entry> entriesOf(std::size_t number) const;
+
+  /// Puts back the entries of client |number|, which somebody has deleted.
+  void refill(std::size_t number);
+
+  [[nodiscard]] const TableShape& shape() const { return shape_; }
+  [[nodiscard]] const lab::NetNamespace& where() const { return where_; }
+
+ private:
+  TableShape shape_;
+  lab::NetNamespace where_;
+  lab::ConntrackInserter inserter_;
+};
+
+}  // namespace bench

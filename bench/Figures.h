@@ -1,0 +1,40 @@
+// What is measured: one function a subject, each in the file that is called like it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+class Report;
+
+struct Options {
+  std::string plugin;                   ///< path of the plug-in as it ships
+  int rounds = 9;                       ///< of each measurement
+  std::vector<std::size_t> tableSizes;  ///< entries, ascending
+};
+
+/// A scan through the parser's public interface against read(2) to the end of the same descriptor,
+/// and how it grows with the table (ScanFigures.cpp).
+void measureScans(const Options& options, Report& report);
+
+/// A line that matches, away from the kernel (LineFigures.cpp).
+void measureLines(const Options& options, Report& report);
+
+/// Instructions that a matching line takes, as callgrind counts them in this very program.
+[[nodiscard]] double instructionsOfMatchingLine(bool ipv6);
+
+/// Has the parser read |count| matching lines: the run whose instructions are counted.
+void readMatchingLines(int count, bool ipv6);
+
+/// Event 27 to the last acknowledgement, and deletions a second (FlushFigures.cpp).
+void measureFlushes(const Options& options, Report& report);
+
+/// Neighbour notifications a second (NeighbourFigures.cpp).
+void measureNeighbours(const Options& options, Report& report);
+
+/// Memory, and loading and unloading (FootprintFigures.cpp).
+void measureFootprint(const Options& options, Report& report);
+
+}  // namespace bench

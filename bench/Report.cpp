@@ -1,0 +1,107 @@
+#include "bench/Report.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <utility>
+
+#include "lab/Error.h"
+
+namespace bench {
+namespace {
+
+/// Three digits that count, without a trailing point.
+std::string shortNumber(double value) {
+  if (value >= 1e6) return fmt::format("{:.1f}M", value / 1e6);
+  if (value >= 100) return fmt::format("{:.0f}", value);
+  if (value >= 10) return fmt::format("{:.1f}", value);
+  return fmt::format("{:.3f}", value);
+}
+
+std::string targetText(const Figure& figure) {
+  if (!figure.target) return "-";
+  const bool most = figure.target->bound == Target::Bound::kAtMost;
+  return fmt::format("{} {:g}", most ? "<=" : ">=", figure.target->value);
+}
+
+const char* verdict(const Figure& figure) {
+  if (!figure.target) return "";
+  return figure.target->reachedBy(figure.value.median) ? "ok" : "MISSED";
+}
+
+void printRow(const std::string& name, const std::string& value, const std::string& spread,
+              const std::string& target, const std::string& verdict, const std::string& detail) {
+  fmt::print("{:<48} {:>10} {:>15} {:>8} {:<6}  {}\n", name, value, spread, target, verdict,
+             detail);
+  std::fflush(stdout);
+}
+
+std::string machineModel() {
+  std::ifstream info("/proc/cpuinfo");
+  for (std::string line; std::getline(info, line);) {
+    if (line.starts_with("model name")) return line.substr(line.find(':') + 2);
+  }
+  return "unknown";
+}
+
+}  // namespace
+
+Report::Report() {
+  printRow("figure", "median", "least..most", "target", "", "");
+}
+
+void Report::add(Figure figure) {
+  const std::string unit = figure.unit == "x" ? "" : " " + figure.unit;
+  printRow(figure.name, shortNumber(figure.value.median) + unit,
+           shortNumber(figure.value.least) + ".." + shortNumber(figure.value.most),
+           targetText(figure), verdict(figure), figure.detail);
+  figures_.push_back(std::move(figure));
+}
+
+std::vector<std::string> Report::missed() const {
+  std::vector<std::string> names;
+  for (const Figure& figure : figures_) {
+    if (!figure.target || figure.target->reachedBy(figure.value.median)) continue;
+    names.push_back(fmt::format("{}: {} instead of {}", figure.name,
+                                shortNumber(figure.value.median), targetText(figure)));
+  }
+  return names;
+}
+
+void Report::writeJson(const std::string& path) const {
+  utsname system{};
+  uname(&system);
+  nlohmann::ordered_json all{{"machine",
+                              {{"processor", machineModel()},
+                               {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
+                               {"kernel", system.release},
+                               {"architecture", system.machine}}},
+                             {"figures", nlohmann::ordered_json::array()}};
+  for (const Figure& figure : figures_) {
+    nlohmann::ordered_json entry{{"name", figure.name},         {"against", figure.against},
+                                 {"unit", figure.unit},         {"median", figure.value.median},
+                                 {"least", figure.value.least}, {"most", figure.value.most},
+                                 {"detail", figure.detail}};
+    if (figure.target) {
+      entry["target"] = targetText(figure);
+      entry["reached"] = figure.target->reachedBy(figure.value.median);
+    }
+    all["figures"].push_back(std::move(entry));
+  }
+  std::ofstream file(path);
+  file << all.dump(2) << '\n';
+  file.close();
+  if (!file) throw lab::systemError("cannot write " + path);
+}
+
+std::string grouped(std::size_t number) {
+  std::string text = std::to_string(number);
+  for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+  return text;
+}
+
+}  // namespace bench
