@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ctmgr/AddressText.h"
+#include "ctmgr/ConntrackText.h"
 #include "ctmgr/Log.h"
 
 #ifdef __BIONIC__
@@ -24,33 +26,11 @@ constexpr std::size_t kLineMax = 512;
 constexpr char kTupleStart[] = "src=";
 constexpr std::size_t kTupleStartLength = sizeof(kTupleStart) - 1;
 
-/// The tokens that begin a line. A token that is longer than its buffer is cut there, and what is
-/// left of it is read as the next one: the kernel's own tokens all fit.
-struct LineStart {
-  char layer3Name[16];
-  char layer3Number[16];
-  char layer4Name[16];
-  char layer4Number[4];
-  char rest[16];
-};
-
-/// One direction of an entry. A field that the text lacks keeps what it held.
-struct DirectionText {
-  char src[48];
-  char dst[48];
-  std::uint16_t sport;
-  std::uint16_t dport;
-  char rest[16];
-};
-
-using NormalisedText = std::array<char, kAddressTextSize>;
-
 /// Reads the family and the protocol of |line| into |record|; false when one of them is not
 /// handled here.
-bool readLineStart(const char* line, bool ipv6Handled, ZanConnTrackFilter_s& record) {
+bool readKind(const char* line, bool ipv6Handled, ZanConnTrackFilter_s& record) {
   LineStart start{};
-  std::sscanf(line, "%15s %15s %15s %3s %1s", start.layer3Name, start.layer3Number,
-              start.layer4Name, start.layer4Number, start.rest);
+  readLineStart(line, start);
   ZAN_LOG(kModule, kLogTrace,
           "ZanConnTrackParser::parseNfConnTrackLine:af = %s temp = %s protocol = %s type = %s\n",
           start.layer3Name, start.layer3Number, start.layer4Name, start.layer4Number);
@@ -72,41 +52,56 @@ bool readLineStart(const char* line, bool ipv6Handled, ZanConnTrackFilter_s& rec
   return true;
 }
 
-void readDirection(const char* tuple, DirectionText& direction) {
-  std::sscanf(tuple, "src=%47s dst=%47s sport=%hu dport=%hu %1s", direction.src, direction.dst,
-              &direction.sport, &direction.dport, direction.rest);
-}
-
-/// Reads the reply direction over the original one; its addresses never mix with the others.
-void readReplyDirection(const char* tuple, DirectionText& direction) {
-  ZAN_LOG(kModule, kLogTrace,
-          "ZanConnTrackParser::parseNfConnTrackLine: Reverse entry, Now Parsing: %s", tuple);
-  std::memset(direction.src, 0, sizeof(direction.src));
-  std::memset(direction.dst, 0, sizeof(direction.dst));
-  std::memset(direction.rest, 0, sizeof(direction.rest));
-  readDirection(tuple, direction);
-}
-
-/// The reply tuple behind |original|, the text of the original one to the end of the line; null,
-/// with a log line, when there is none.
+/// The reply tuple behind |original|, the text of the original one to the end of the line, or null;
+/// a log line says which.
 const char* findReplyTuple(const char* original) {
   const char* reply = std::strstr(original + kTupleStartLength, kTupleStart);
   if (reply == nullptr) {
     ZAN_LOG(kModule, kLogTrace,
             "ZanConnTrackParser::parseNfConnTrackLine:substring src is not found in strAddrPort");
+    return nullptr;
   }
+  ZAN_LOG(kModule, kLogTrace,
+          "ZanConnTrackParser::parseNfConnTrackLine: Reverse entry, Now Parsing: %s", reply);
   return reply;
 }
 
-/// |text| in the one form in which addresses compare as plain strings: dotted, or expanded. What
-/// is no address of family |af| becomes the family's all-zero address.
-NormalisedText normalise(const char* text, std::uint16_t af) {
-  std::array<unsigned char, sizeof(in6_addr)> address{};
-  NormalisedText result{};
-  inet_pton(af, text, address.data());
-  inet_ntop(af, address.data(), result.data(), result.size());
-  if (af == AF_INET6) ZanConnTrackUtils::getIpV6Address(result.data());
-  return result;
+/// inet_pton(3) into |address|, which is zero where |text| is no address. Returns whether |text| is
+/// in the one form in which addresses compare as plain strings, as all that the kernel prints is.
+bool readAddress(std::uint16_t af, const char* text, std::uint8_t (&address)[16]) {
+  if (af == AF_INET ? readDottedAddress(text, address) : readExpandedAddress(text, address)) {
+    return true;
+  }
+  std::memset(address, 0, sizeof(address));
+  inet_pton(af, text, address);
+  return false;
+}
+
+/// The source of a direction.
+struct Source {
+  const char* end = nullptr;      ///< where it ends in the line; null if it is lacking
+  std::uint8_t address[16] = {};  ///< network byte order
+  AddressField text = {};         ///< as addresses compare
+};
+
+/// The source of |tuple|. What is no address of family |af| becomes the family's all-zero address.
+Source readSourceOf(const char* tuple, std::uint16_t af) {
+  Source source;
+  source.end = readSource(tuple, source.text);
+  if (!readAddress(af, source.text, source.address)) {
+    inet_ntop(af, source.address, source.text, sizeof(source.text));
+  }
+  if (af == AF_INET6) ZanConnTrackUtils::getIpV6Address(source.text);
+  return source;
+}
+
+/// The destination of the reply direction. Ports that it lacks are those of the original direction.
+DestinationText readReplyDestination(const Source& original, const Source& reply) {
+  DestinationText destination{};
+  readDestination(original.end, destination);
+  std::memset(destination.dst, 0, sizeof(destination.dst));
+  readDestination(reply.end, destination);
+  return destination;
 }
 
 /// What the IPv6 line shows of an address: where the field is, not what it holds.
@@ -114,12 +109,13 @@ unsigned long long fieldAddress(const std::uint8_t (&address)[16]) {
   return reinterpret_cast<std::uintptr_t>(&address);
 }
 
-/// Completes |record|, whose family and protocol are set, from |direction|.
-void fillRecord(const DirectionText& direction, ZanConnTrackFilter_s& record) {
-  record.sport = direction.sport;
-  record.dport = direction.dport;
-  inet_pton(record.af, direction.src, record.src);
-  inet_pton(record.af, direction.dst, record.dest);
+/// Completes |record|, whose family and protocol are set.
+void fillRecord(const Source& source, const DestinationText& destination,
+                ZanConnTrackFilter_s& record) {
+  record.sport = destination.sport;
+  record.dport = destination.dport;
+  std::memcpy(record.src, source.address, sizeof(record.src));
+  readAddress(record.af, destination.dst, record.dest);
   if (record.af == AF_INET) {
     ZAN_LOG(kModule, kLogTrace,
             "ZanConnTrackParser::parseNfConnTrackLine: AF=%hu, protocol=%d, src=%X, sport=%hu, "
@@ -218,8 +214,10 @@ int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlT
                                              std::list<ZanConnTrackFilter_s>& v4Out,
                                              std::list<ZanConnTrackFilter_s>& v6Out, int fd) {
   ZanConnTrackLineParseControlType lineControl{{}, control.ipv4Address, control.ipv6Address};
+  // An empty text occurs in every line.
+  const bool everyLine = control.ipv4Address.empty() || control.ipv6Address.empty();
   return scanTable(fd, [&](const char* line) -> int {
-    if (std::strstr(line, control.ipv4Address.c_str()) == nullptr &&
+    if (!everyLine && std::strstr(line, control.ipv4Address.c_str()) == nullptr &&
         std::strstr(line, control.ipv6Address.c_str()) == nullptr) {
       return kNotOfInterest;
     }
@@ -262,21 +260,23 @@ int ZanConnTrackParser::parseNfConnTrackLine(const ZanConnTrackLineParseControlT
     return kFailed;
   }
   ZanConnTrackFilter_s record{};
-  if (!readLineStart(line, true, record)) return kNotOfInterest;
+  if (!readKind(line, true, record)) return kNotOfInterest;
 
-  const auto isClient = [&](const char* source) {
-    const NormalisedText text = normalise(source, record.af);
-    return control.ipv4Address == text.data() || control.ipv6Address == text.data();
+  const auto isClient = [&](const Source& source) {
+    return control.ipv4Address == source.text || control.ipv6Address == source.text;
   };
-  DirectionText direction{};
-  readDirection(original, direction);
-  if (!isClient(direction.src)) {
+  const Source source = readSourceOf(original, record.af);
+  if (isClient(source)) {
+    DestinationText destination{};
+    readDestination(source.end, destination);
+    fillRecord(source, destination, record);
+  } else {
     const char* reply = findReplyTuple(original);
     if (reply == nullptr) return kFailed;
-    readReplyDirection(reply, direction);
-    if (!isClient(direction.src)) return logNoMatch();
+    const Source replySource = readSourceOf(reply, record.af);
+    if (!isClient(replySource)) return logNoMatch();
+    fillRecord(replySource, readReplyDestination(source, replySource), record);
   }
-  fillRecord(direction, record);
   out = record;
   return kMatched;
 }
@@ -293,17 +293,17 @@ int ZanConnTrackParser::parseNfConnTrackLine(std::string line, std::string clien
     return kFailed;
   }
   ZanConnTrackFilter_s record{};
-  if (!readLineStart(line.c_str(), false, record)) return kNotOfInterest;
+  if (!readKind(line.c_str(), false, record)) return kNotOfInterest;
 
-  DirectionText direction{};
-  readDirection(original, direction);
-  if (clientAddress != normalise(direction.src, record.af).data()) return kNotOfInterest;
+  const Source source = readSourceOf(original, record.af);
+  if (clientAddress != source.text) return kNotOfInterest;
 
   const char* reply = findReplyTuple(original);
   if (reply == nullptr) return kFailed;
-  readReplyDirection(reply, direction);
-  if (lostAddress != direction.dst) return logNoMatch();
-  fillRecord(direction, record);
+  const Source replySource = readSourceOf(reply, record.af);
+  const DestinationText destination = readReplyDestination(source, replySource);
+  if (lostAddress != destination.dst) return logNoMatch();
+  fillRecord(replySource, destination, record);
   out = record;
   return kMatched;
 }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <iterator>
 
+#include "ctmgr/AddressText.h"
 #include "ctmgr/Log.h"
 
 namespace {
@@ -99,10 +100,12 @@ void ZanConnTrackUtils::HandleNlMsg(void* data, nlmsghdr* msg, unsigned int len)
 
 void ZanConnTrackUtils::getIpV6Address(char* addr) {
   std::array<unsigned char, sizeof(in6_addr)> b{};
-  if (inet_pton(AF_INET6, addr, b.data()) != 1) return;
-  std::snprintf(addr, kAddressTextSize,
-                "%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x", b[0],
-                b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
-                b[14], b[15]);
+  if (!readExpandedAddress(addr, b.data())) {
+    if (inet_pton(AF_INET6, addr, b.data()) != 1) return;
+    std::snprintf(addr, kAddressTextSize,
+                  "%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x", b[0],
+                  b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
+                  b[14], b[15]);
+  }
   ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr::Expanded ipv6 Addr %s\n", addr);
 }
