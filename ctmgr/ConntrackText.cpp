@@ -49,7 +49,6 @@ const char* readToken(const char* text, char (&token)[size]) {
 /// A conversion "%hu".
 const char* readPort(const char* text, std::uint16_t& port) {
   constexpr std::ptrdiff_t kMostDigits = 9;  // what an unsigned int holds
-  text = skipBlanks(text);
   unsigned int value = 0;
   const char* end = text;
   while (isDigit(*end) && end - text < kMostDigits) {
@@ -59,7 +58,7 @@ const char* readPort(const char* text, std::uint16_t& port) {
     port = static_cast<std::uint16_t>(value);
     return end;
   }
-  // No number, a sign, or more digits than a port has: what the library makes of it.
+  // Blanks, a sign, no number, or more digits than a port has: what the library makes of it.
   int length = 0;
   return std::sscanf(text, "%hu%n", &port, &length) == 1 ? text + length : nullptr;
 }
