@@ -34,6 +34,7 @@ void measureAll(const Arguments& arguments) {
   bench::Report report;
   bench::measureLines(arguments.options, report);
   bench::measureScans(arguments.options, report);
+  bench::measureFlushes(arguments.options, report);
   if (!arguments.json.empty()) report.writeJson(arguments.json);
   for (const std::string& missed : report.missed()) std::printf("missed: %s\n", missed.c_str());
 }
@@ -46,6 +47,8 @@ int main(int argc, char** argv) {
   declareOptions(app, arguments);
   try {
     app.parse(argc, argv);
+    const bool measures = arguments.readLines == 0;
+    if (measures && arguments.options.plugin.empty()) throw CLI::RequiredError("--plugin");
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kWrongArguments;
   }
