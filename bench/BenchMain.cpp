@@ -35,6 +35,7 @@ void measureAll(const Arguments& arguments) {
   bench::measureLines(arguments.options, report);
   bench::measureScans(arguments.options, report);
   bench::measureFlushes(arguments.options, report);
+  bench::measureNeighbours(arguments.options, report);
   if (!arguments.json.empty()) report.writeJson(arguments.json);
   for (const std::string& missed : report.missed()) std::printf("missed: %s\n", missed.c_str());
 }
