@@ -36,6 +36,7 @@ void measureAll(const Arguments& arguments) {
   bench::measureScans(arguments.options, report);
   bench::measureFlushes(arguments.options, report);
   bench::measureNeighbours(arguments.options, report);
+  bench::measureFootprint(arguments.options, report);
   if (!arguments.json.empty()) report.writeJson(arguments.json);
   for (const std::string& missed : report.missed()) std::printf("missed: %s\n", missed.c_str());
 }
