@@ -26,9 +26,11 @@ struct Comparison {
   Spread ratio;  ///< subject by peer, of the same round
 };
 
-/// Runs |subject| and |peer| by turns, |rounds| times each after one that does not count. Who
-/// begins changes from round to round, so that neither always finds the caches the other left.
-[[nodiscard]] Comparison compare(int rounds, const Measurement& subject, const Measurement& peer);
+/// Runs |subject| and |peer| by turns, after one of each that does not count. A round is |turns| of
+/// both, of which it takes the means: short measurements need several, lest one disturbance decide.
+/// Who begins changes from turn to turn, so that neither always finds the caches the other left.
+[[nodiscard]] Comparison compare(int rounds, const Measurement& subject, const Measurement& peer,
+                                 int turns = 1);
 
 /// |subject| alone, |rounds| times after one that does not count.
 [[nodiscard]] Spread repeat(int rounds, const Measurement& subject);

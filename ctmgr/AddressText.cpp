@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
 
 namespace {
 
@@ -11,24 +12,29 @@ bool isDigit(char character) {
   return character >= '0' && character <= '9';
 }
 
-/// What every character but a digit is worth: more than a byte holds, whatever its half.
-constexpr unsigned int kNoDigit = 0x100;
+constexpr std::int8_t kNoDigit = -1;
 
 /// The values of lower-case hexadecimal digits, by character.
 constexpr auto kHexValues = [] {
-  std::array<std::uint16_t, UINT8_MAX + 1> values{};
+  std::array<std::int8_t, UINT8_MAX + 1> values{};
   values.fill(kNoDigit);
-  for (std::uint8_t i = 0; i < 10; ++i) values[std::size_t{'0'} + i] = i;
-  for (std::uint8_t i = 10; i < 16; ++i) values[std::size_t{'a'} + i - 10] = i;
+  for (std::int8_t i = 0; i < 10; ++i) values[std::size_t{'0'} + static_cast<std::size_t>(i)] = i;
+  for (std::int8_t i = 10; i < 16; ++i)
+    values[std::size_t{'a'} + static_cast<std::size_t>(i) - 10] = i;
   return values;
 }();
 
-/// The byte that two characters at |text| stand for; above UINT8_MAX where they are no digits. The
-/// second one is not looked at behind the end of the text.
-unsigned int hexByte(const char* text) {
-  const unsigned int high = kHexValues[static_cast<unsigned char>(text[0])];
-  if (high == kNoDigit) return kNoDigit;
-  return high << 4 | kHexValues[static_cast<unsigned char>(text[1])];
+int hexValue(char character) {
+  return kHexValues[static_cast<unsigned char>(character)];
+}
+
+/// Reads four digits at |text| into two bytes; false where there are other characters.
+bool readGroup(const char* text, std::uint8_t* bytes) {
+  const int digits[] = {hexValue(text[0]), hexValue(text[1]), hexValue(text[2]), hexValue(text[3])};
+  if ((digits[0] | digits[1] | digits[2] | digits[3]) < 0) return false;
+  bytes[0] = static_cast<std::uint8_t>(digits[0] << 4 | digits[1]);
+  bytes[1] = static_cast<std::uint8_t>(digits[2] << 4 | digits[3]);
+  return true;
 }
 
 /// A number up to 255 at |text|, which then stands behind it; false where there is none.
@@ -56,11 +62,12 @@ bool readDottedAddress(const char* text, std::uint8_t* address) {
 }
 
 bool readExpandedAddress(const char* text, std::uint8_t* address) {
-  for (std::size_t i = 0; i < sizeof(in6_addr); ++i, text += 2) {
-    if (i != 0 && i % 2 == 0 && *text++ != ':') return false;
-    const unsigned int byte = hexByte(text);
-    if (byte > UINT8_MAX) return false;
-    address[i] = static_cast<std::uint8_t>(byte);
+  constexpr std::size_t kGroups = 8;
+  constexpr std::size_t kGroupStep = 5;  // four digits and what separates them from the next
+  if (std::strlen(text) != kGroups * kGroupStep - 1) return false;
+  for (std::size_t group = 0; group < kGroups; ++group, text += kGroupStep) {
+    if (group != 0 && text[-1] != ':') return false;
+    if (!readGroup(text, address + 2 * group)) return false;
   }
-  return *text == '\0';
+  return true;
 }
