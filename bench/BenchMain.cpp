@@ -4,9 +4,11 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "bench/Figures.h"
 #include "bench/Report.h"
+#include "lab/Error.h"
 #include "lab/Program.h"
 
 namespace {
@@ -16,7 +18,11 @@ constexpr int kWrongArguments = 2;
 struct Arguments {
   bench::Options options;
   bool quick = false;
+  bool readSize = false;
+  bool instructions = false;
+  std::string merge;
   std::string json;
+  std::string plotData;
   int readLines = 0;
   bool ipv6 = false;
 };
@@ -24,21 +30,40 @@ struct Arguments {
 void declareOptions(CLI::App& app, Arguments& arguments) {
   app.add_option("--plugin", arguments.options.plugin, "the plug-in as it ships");
   app.add_flag("--quick", arguments.quick, "smaller tables and fewer rounds: about a minute");
+  auto* one = app.add_option_group("what to measure, instead of everything")->require_option(0, 1);
+  one->add_flag("--read-size", arguments.readSize, "only what the size of the reads matters");
+  one->add_flag("--instructions", arguments.instructions,
+                "only the instructions of a line; fails when they are past their limit");
+  app.add_option("--merge", arguments.merge, "a JSON file of another run, whose figures to add");
   app.add_option("--json", arguments.json, "a file for all figures");
+  app.add_option("--plot-data", arguments.plotData, "a file for bench/plot.gnuplot");
   // What is run under callgrind.
   app.add_option("--read-lines", arguments.readLines)->group("");
   app.add_flag("--ipv6,!--ipv4", arguments.ipv6)->group("");
 }
 
-void measureAll(const Arguments& arguments) {
-  bench::Report report;
+void measure(const Arguments& arguments, bench::Report& report) {
+  if (arguments.instructions) return bench::measureInstructions(report);
+  bench::measureReadSize(arguments.options, report);
+  if (arguments.readSize) return;
   bench::measureLines(arguments.options, report);
   bench::measureScans(arguments.options, report);
   bench::measureFlushes(arguments.options, report);
   bench::measureNeighbours(arguments.options, report);
   bench::measureFootprint(arguments.options, report);
+}
+
+void measureAndReport(const Arguments& arguments) {
+  bench::Report report;
+  if (!arguments.merge.empty()) report.merge(arguments.merge);
+  measure(arguments, report);
   if (!arguments.json.empty()) report.writeJson(arguments.json);
-  for (const std::string& missed : report.missed()) std::printf("missed: %s\n", missed.c_str());
+  if (!arguments.plotData.empty()) report.writePlotData(arguments.plotData);
+  const std::vector<std::string> missed = report.missed();
+  for (const std::string& figure : missed) std::printf("missed: %s\n", figure.c_str());
+  if (missed.empty()) std::puts("every target is reached");
+  if (arguments.instructions && !missed.empty())
+    throw lab::Error("a matching line takes too many instructions");
 }
 
 }  // namespace
@@ -61,7 +86,7 @@ int main(int argc, char** argv) {
     if (arguments.readLines > 0) {
       bench::readMatchingLines(arguments.readLines, arguments.ipv6);
     } else {
-      measureAll(arguments);
+      measureAndReport(arguments);
     }
   });
 }

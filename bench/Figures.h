@@ -19,8 +19,16 @@ struct Options {
 /// and how it grows with the table (ScanFigures.cpp).
 void measureScans(const Options& options, Report& report);
 
-/// A line that matches, away from the kernel (LineFigures.cpp).
+/// How many times as fast a scan is as one whose stream reads 1024 bytes at a time
+/// (ReadSizeFigures.cpp).
+void measureReadSize(const Options& options, Report& report);
+
+/// A line that matches, away from the kernel; ends with measureInstructions() (LineFigures.cpp).
 void measureLines(const Options& options, Report& report);
+
+/// Instructions that a matching line takes, against their limits. Runs of one build differ by a
+/// hundredth at most, however busy the machine is.
+void measureInstructions(Report& report);
 
 /// Instructions that a matching line takes, as callgrind counts them in this very program.
 [[nodiscard]] double instructionsOfMatchingLine(bool ipv6);

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <utility>
 
 #include "lab/Error.h"
@@ -28,6 +29,27 @@ std::string targetText(const Figure& figure) {
   return fmt::format("{} {:g}", most ? "<=" : ">=", figure.target->value);
 }
 
+/// The inverse of targetText().
+std::optional<Target> readTarget(const nlohmann::json& figure) {
+  if (!figure.contains("target")) return std::nullopt;
+  const auto text = figure.at("target").get<std::string>();
+  const double value = std::stod(text.substr(3));
+  return text.starts_with("<=") ? atMost(value) : atLeast(value);
+}
+
+Figure readFigure(const nlohmann::json& figure, const nlohmann::json& machine) {
+  auto name = figure.at("name").get<std::string>();
+  const auto kernel = machine.at("kernel").get<std::string>();
+  if (name.find(kernel) == std::string::npos) name += " on kernel " + kernel;
+  return {std::move(name),
+          figure.at("against"),
+          {figure.at("median"), figure.at("least"), figure.at("most")},
+          figure.at("unit"),
+          readTarget(figure),
+          figure.at("detail").get<std::string>() + "; " +
+              machine.at("architecture").get<std::string>()};
+}
+
 const char* verdict(const Figure& figure) {
   if (!figure.target) return "";
   return figure.target->reachedBy(figure.value.median) ? "ok" : "MISSED";
@@ -35,7 +57,7 @@ const char* verdict(const Figure& figure) {
 
 void printRow(const std::string& name, const std::string& value, const std::string& spread,
               const std::string& target, const std::string& verdict, const std::string& detail) {
-  fmt::print("{:<48} {:>10} {:>15} {:>8} {:<6}  {}\n", name, value, spread, target, verdict,
+  fmt::print("{:<58} {:>10} {:>15} {:>8} {:<6}  {}\n", name, value, spread, target, verdict,
              detail);
   std::fflush(stdout);
 }
@@ -46,6 +68,13 @@ std::string machineModel() {
     if (line.starts_with("model name")) return line.substr(line.find(':') + 2);
   }
   return "unknown";
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+  file.close();
+  if (!file) throw lab::systemError("cannot write " + path);
 }
 
 }  // namespace
@@ -60,6 +89,15 @@ void Report::add(Figure figure) {
            shortNumber(figure.value.least) + ".." + shortNumber(figure.value.most),
            targetText(figure), verdict(figure), figure.detail);
   figures_.push_back(std::move(figure));
+}
+
+void Report::merge(const std::string& path) {
+  try {
+    const auto run = nlohmann::json::parse(std::ifstream(path));
+    for (const auto& figure : run.at("figures")) add(readFigure(figure, run.at("machine")));
+  } catch (const nlohmann::json::exception& error) {
+    throw lab::Error("cannot read the figures in " + path + ": " + error.what());
+  }
 }
 
 std::vector<std::string> Report::missed() const {
@@ -92,15 +130,26 @@ void Report::writeJson(const std::string& path) const {
     }
     all["figures"].push_back(std::move(entry));
   }
-  std::ofstream file(path);
-  file << all.dump(2) << '\n';
-  file.close();
-  if (!file) throw lab::systemError("cannot write " + path);
+  writeFile(path, all.dump(2) + '\n');
+}
+
+void Report::writePlotData(const std::string& path) const {
+  std::map<std::string, std::string> blocks;
+  for (const Figure& figure : figures_) {
+    if (!figure.point) continue;
+    std::string& block = blocks[figure.point->line];
+    if (block.empty()) block = fmt::format("# {}\n", figure.point->line);
+    block += fmt::format("{} {} {} {}\n", figure.point->at, figure.value.median, figure.value.least,
+                         figure.value.most);
+  }
+  std::string text;
+  for (const auto& [line, block] : blocks) text += block + "\n\n";
+  writeFile(path, text);
 }
 
 std::string grouped(std::size_t number) {
   std::string text = std::to_string(number);
-  for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+  for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, 1, ',');
   return text;
 }
 

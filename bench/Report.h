@@ -27,6 +27,12 @@ struct Target {
   return {Target::Bound::kAtLeast, value};
 }
 
+/// Where a figure is drawn.
+struct Point {
+  std::string line;  ///< the name of its line in the drawing
+  double at;         ///< its place on the x axis
+};
+
 struct Figure {
   std::string name;     ///< what was measured, unique in a run
   std::string against;  ///< its floor or peer; empty for a figure that stands alone
@@ -34,6 +40,7 @@ struct Figure {
   std::string unit;     ///< of |value|; "x" for a ratio
   std::optional<Target> target = std::nullopt;
   std::string detail = {};  ///< the absolute figures behind a ratio, for the reader
+  std::optional<Point> point = std::nullopt;
 };
 
 /// Thread: one.
@@ -45,11 +52,19 @@ class Report {
   /// Prints |figure| as a row and keeps it.
   void add(Figure figure);
 
+  /// Adds the figures of another run, from the JSON file it wrote; the name of each tells the
+  /// kernel it was measured on. Throws lab::Error.
+  void merge(const std::string& path);
+
   /// The figures that miss their targets, named; nothing when all reach them.
   [[nodiscard]] std::vector<std::string> missed() const;
 
   /// Writes everything as JSON, with the machine it was measured on. Throws lab::Error.
   void writeJson(const std::string& path) const;
+
+  /// Writes the figures that have a point, as bench/plot.gnuplot reads them: for each line a block
+  /// with its name and then x, median, least and most of each point. Throws lab::Error.
+  void writePlotData(const std::string& path) const;
 
  private:
   std::vector<Figure> figures_;

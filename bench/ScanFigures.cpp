@@ -1,65 +1,22 @@
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include <array>
-#include <list>
 #include <map>
 #include <optional>
 
 #include "bench/BenchTable.h"
 #include "bench/Figures.h"
 #include "bench/Report.h"
+#include "bench/Scanner.h"
 #include "bench/SilentLog.h"
-#include "ctmgr/ZanConnTrackParser.h"
-#include "host/Zan.h"
-#include "lab/Error.h"
 #include "refhost/LogSink.h"
 #include "refhost/UniqueFd.h"
 
 namespace bench {
 namespace {
 
-/// What the plug-in's own stream asks for.
-constexpr std::size_t kReadSize = 4096;
-
 /// The client that is looked for: no other's address contains its own.
 constexpr std::size_t kClient = 55;
-
-/// The parser on the table of the calling thread's namespace.
-class Scanner {
- public:
-  Scanner() : fd_(open("/proc/net/nf_conntrack", O_RDONLY | O_CLOEXEC)) {
-    if (!fd_.valid()) throw lab::systemError("cannot open /proc/net/nf_conntrack");
-  }
-
-  /// Seconds of a scan for |control|, which must find |expected| entries.
-  double scan(const ZanConnTrackFileParseControlType& control, std::size_t expected) {
-    std::list<ZanConnTrackFilter_s> v4;
-    std::list<ZanConnTrackFilter_s> v6;
-    const double seconds =
-        secondsOf([&] { parser_.parseNfConnTrackFile(control, v4, v6, fd_.get()); });
-    const std::size_t found = v4.size() + v6.size();
-    if (found == expected) return seconds;
-    throw lab::Error(fmt::format("a scan found {} entries, not {}", found, expected));
-  }
-
-  /// Seconds of reading the same descriptor to its end.
-  [[nodiscard]] double floor() const {
-    return secondsOf([this] {
-      std::array<char, kReadSize> buffer;
-      lseek(fd_.get(), 0, SEEK_SET);
-      while (read(fd_.get(), buffer.data(), buffer.size()) > 0) {
-      }
-    });
-  }
-
- private:
-  UniqueFd fd_;
-  Zan zan_;
-  ZanConnTrackUtils utils_{zan_};
-  ZanConnTrackParser parser_{utils_};
-};
 
 /// One kind of scan: who is looked for, and how many of a table's entries that finds.
 struct Kind {
@@ -103,7 +60,7 @@ Comparison measure(const BenchTable& table, const Kind& kind, int rounds) {
   } else {
     silent.emplace();
   }
-  Scanner scanner;
+  Scanner<> scanner;
   const Client client = BenchTable::client(kind.client);
   const ZanConnTrackFileParseControlType control{kConntrackTablePath, client.ipv4,
                                                  kind.knowsIpv6 ? client.expandedIpv6 : ""};
@@ -126,7 +83,8 @@ void measureScans(const Options& options, Report& report) {
         report.add({fmt::format("scan of {}, {}", grouped(entries), kind.name), "read to the end",
                     result.ratio, "x", kind.target,
                     fmt::format("{:.2f} us an entry, floor {:.2f}",
-                                result.subject.median * perEntry, result.peer.median * perEntry)});
+                                result.subject.median * perEntry, result.peer.median * perEntry),
+                    Point{kind.name, static_cast<double>(entries)}});
         seconds[kind.name][entries] = result.subject.median;
       }
     }

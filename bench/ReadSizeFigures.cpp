@@ -1,0 +1,75 @@
+#include <fmt/format.h>
+#include <sys/utsname.h>
+
+#include <array>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "bench/BenchTable.h"
+#include "bench/Figures.h"
+#include "bench/Report.h"
+#include "bench/Scanner.h"
+#include "bench/SilentLog.h"
+
+namespace bench {
+namespace {
+
+/// Its stream has a buffer as the C library would give it.
+class SmallReadsParser : public ZanConnTrackParser {
+ public:
+  using ZanConnTrackParser::ZanConnTrackParser;
+
+  int setPrivilegeParams(int fd) {
+    const int result = ZanConnTrackParser::setPrivilegeParams(fd);
+    if (stream != nullptr) std::setvbuf(stream, smallBuffer_.data(), _IOFBF, smallBuffer_.size());
+    return result;
+  }
+
+ private:
+  std::array<char, 1024> smallBuffer_{};
+};
+
+std::string kernelRelease() {
+  utsname system{};
+  uname(&system);
+  return system.release;
+}
+
+/// Before 6.16 each read of the table starts with a walk from its head.
+bool walksFromTheHead(const std::string& release) {
+  int version = 0;
+  int patch = 0;
+  std::sscanf(release.c_str(), "%d.%d", &version, &patch);
+  return version < 6 || (version == 6 && patch < 16);
+}
+
+}  // namespace
+
+void measureReadSize(const Options& options, Report& report) {
+  constexpr std::size_t kEntries = 10000;
+  constexpr std::size_t kClients = 100;
+  constexpr std::size_t kClient = 55;
+  const BenchTable table({kEntries, kClients});
+  const Client client = BenchTable::client(kClient);
+  const ZanConnTrackFileParseControlType control{kConntrackTablePath, client.ipv4,
+                                                 client.expandedIpv6};
+  const std::size_t expected = table.entriesOf(kClient).size();
+  const SilentLog log;
+  Scanner<SmallReadsParser> small;
+  Scanner<> own;
+  const Comparison result = compare(
+      options.rounds, [&] { return small.scan(control, expected); },
+      [&] { return own.scan(control, expected); });
+
+  const std::string release = kernelRelease();
+  const std::optional<Target> target =
+      walksFromTheHead(release) ? std::optional(atLeast(2.5)) : std::nullopt;
+  constexpr double kPerEntry = 1e6 / kEntries;
+  report.add({fmt::format("scan of {} on kernel {}, 4096-byte reads", grouped(kEntries), release),
+              "the same scan with 1024-byte reads", result.ratio, "x", target,
+              fmt::format("{:.2f} us an entry, with 1024-byte reads {:.2f}",
+                          result.peer.median * kPerEntry, result.subject.median * kPerEntry)});
+}
+
+}  // namespace bench
