@@ -62,8 +62,9 @@ void measureAndReport(const Arguments& arguments) {
   const std::vector<std::string> missed = report.missed();
   for (const std::string& figure : missed) std::printf("missed: %s\n", figure.c_str());
   if (missed.empty()) std::puts("every target is reached");
-  if (arguments.instructions && !missed.empty())
+  if (arguments.instructions && !missed.empty()) {
     throw lab::Error("a matching line takes too many instructions");
+  }
 }
 
 }  // namespace
@@ -74,8 +75,8 @@ int main(int argc, char** argv) {
   declareOptions(app, arguments);
   try {
     app.parse(argc, argv);
-    const bool measures = arguments.readLines == 0;
-    if (measures && arguments.options.plugin.empty()) throw CLI::RequiredError("--plugin");
+    const bool all = arguments.readLines == 0 && !arguments.readSize && !arguments.instructions;
+    if (all && arguments.options.plugin.empty()) throw CLI::RequiredError("--plugin");
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kWrongArguments;
   }
