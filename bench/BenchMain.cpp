@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,10 +16,21 @@ namespace {
 
 constexpr int kWrongArguments = 2;
 
+struct Subject {
+  const char* name;
+  void (*measure)(const bench::Options& options, bench::Report& report);
+};
+
+constexpr Subject kSubjects[] = {
+    {"reads", bench::measureReads},           {"lines", bench::measureLines},
+    {"scans", bench::measureScans},           {"flushes", bench::measureFlushes},
+    {"neighbours", bench::measureNeighbours}, {"footprint", bench::measureFootprint},
+};
+
 struct Arguments {
   bench::Options options;
   bool quick = false;
-  bool readSize = false;
+  std::string only;
   bool instructions = false;
   std::string merge;
   std::string json;
@@ -27,13 +39,23 @@ struct Arguments {
   bool ipv6 = false;
 };
 
+/// In the folders of the build, wherever that was copied to.
+std::string builtPlugin() {
+  const auto self = std::filesystem::read_symlink("/proc/self/exe");
+  return self.parent_path().parent_path() / "ctmgr/vendor.libzanctmgr.so";
+}
+
 void declareOptions(CLI::App& app, Arguments& arguments) {
-  app.add_option("--plugin", arguments.options.plugin, "the plug-in as it ships");
+  app.add_option("--plugin", arguments.options.plugin,
+                 "the plug-in; that of the same build if none")
+      ->default_val(builtPlugin());
   app.add_flag("--quick", arguments.quick, "smaller tables and fewer rounds: about a minute");
-  auto* one = app.add_option_group("what to measure, instead of everything")->require_option(0, 1);
-  one->add_flag("--read-size", arguments.readSize, "only what the size of the reads matters");
-  one->add_flag("--instructions", arguments.instructions,
-                "only the instructions of a line; fails when they are past their limit");
+  std::vector<std::string> names;
+  for (const Subject& subject : kSubjects) names.emplace_back(subject.name);
+  app.add_option("--only", arguments.only, "one subject instead of all")
+      ->check(CLI::IsMember(names));
+  app.add_flag("--instructions", arguments.instructions,
+               "only the instructions of a line; fails when they are past their limit");
   app.add_option("--merge", arguments.merge, "a JSON file of another run, whose figures to add");
   app.add_option("--json", arguments.json, "a file for all figures");
   app.add_option("--plot-data", arguments.plotData, "a file for bench/plot.gnuplot");
@@ -44,13 +66,11 @@ void declareOptions(CLI::App& app, Arguments& arguments) {
 
 void measure(const Arguments& arguments, bench::Report& report) {
   if (arguments.instructions) return bench::measureInstructions(report);
-  bench::measureReadSize(arguments.options, report);
-  if (arguments.readSize) return;
-  bench::measureLines(arguments.options, report);
-  bench::measureScans(arguments.options, report);
-  bench::measureFlushes(arguments.options, report);
-  bench::measureNeighbours(arguments.options, report);
-  bench::measureFootprint(arguments.options, report);
+  for (const Subject& subject : kSubjects) {
+    if (arguments.only.empty() || arguments.only == subject.name) {
+      subject.measure(arguments.options, report);
+    }
+  }
 }
 
 void measureAndReport(const Arguments& arguments) {
@@ -75,12 +95,10 @@ int main(int argc, char** argv) {
   declareOptions(app, arguments);
   try {
     app.parse(argc, argv);
-    const bool all = arguments.readLines == 0 && !arguments.readSize && !arguments.instructions;
-    if (all && arguments.options.plugin.empty()) throw CLI::RequiredError("--plugin");
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kWrongArguments;
   }
-  arguments.options.rounds = arguments.quick ? 5 : 11;
+  arguments.options.effort = arguments.quick ? bench::Effort{7, 0.5} : bench::Effort{15, 2};
   arguments.options.tableSizes = {1000, 10000, 60000};
   if (!arguments.quick) arguments.options.tableSizes.push_back(200000);
   return lab::runProgram("zanbench", [&arguments] {

@@ -5,13 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "bench/Measure.h"
+
 namespace bench {
 
 class Report;
 
 struct Options {
   std::string plugin;                   ///< path of the plug-in as it ships
-  int rounds = 9;                       ///< of each measurement
+  Effort effort{};                      ///< for each measurement
   std::vector<std::size_t> tableSizes;  ///< entries, ascending
 };
 
@@ -19,9 +21,9 @@ struct Options {
 /// and how it grows with the table (ScanFigures.cpp).
 void measureScans(const Options& options, Report& report);
 
-/// How many times as fast a scan is as one whose stream reads 1024 bytes at a time
-/// (ReadSizeFigures.cpp).
-void measureReadSize(const Options& options, Report& report);
+/// How many times as fast a scan is as one whose stream reads 1024 bytes at a time, on this kernel
+/// (ReadFigures.cpp).
+void measureReads(const Options& options, Report& report);
 
 /// A line that matches, away from the kernel; ends with measureInstructions() (LineFigures.cpp).
 void measureLines(const Options& options, Report& report);

@@ -136,7 +136,7 @@ void measureDepartures(const Options& options, Report& report) {
   Departure departure(options.plugin);
   for (const bool knowsIpv6 : {true, false}) {
     const Comparison result = compare(
-        options.rounds, [&] { return departure.seenByPlugin(knowsIpv6); },
+        options.effort, [&] { return departure.seenByPlugin(knowsIpv6); },
         [&] { return departure.seenByConntrack(); });
     report.add(
         {std::string("flush of 1 % of 60,000") + (knowsIpv6 ? "" : ", no IPv6 address known"),
@@ -169,7 +169,7 @@ void measureDeletions(const Options& options, Report& report) {
       }
     });
   };
-  const Comparison result = compare(options.rounds, byWorker, byLoop);
+  const Comparison result = compare(options.effort, byWorker, byLoop);
   report.add(
       {"deletions a second by the worker", "prebuilt requests", result.ratio, "x", atLeast(0.95),
        fmt::format("{:.0f} a second, loop {:.0f}", result.subject.median, result.peer.median)});

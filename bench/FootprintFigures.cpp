@@ -68,7 +68,7 @@ void measurePeak(const Options& options, Report& report) {
   const Client client = BenchTable::client(0);
   const double node = nodeBytes();
   double bytes = 0;
-  const Spread nodes = repeat(options.rounds, [&] {
+  const Spread nodes = repeat(options.effort, [&] {
     bytes = inChild([&]() -> std::vector<double> {
               PluginHost host(options.plugin);
               host.learn(neighbours, {{client.ipv4, client.mac}, {client.ipv6, client.mac}});
@@ -85,7 +85,7 @@ void measurePeak(const Options& options, Report& report) {
 
 void measureRest(const Options& options, Report& report) {
   std::vector<double> parts;
-  const Spread total = repeat(options.rounds, [&] {
+  const Spread total = repeat(options.effort, [&] {
     parts = inChild([&]() -> std::vector<double> {
       const HeapMeter meter;
       const PluginHost host(options.plugin);
@@ -102,7 +102,7 @@ void measureRest(const Options& options, Report& report) {
 }
 
 void measureStarts(const Options& options, Report& report) {
-  const Spread microseconds = repeat(options.rounds, [&] {
+  const Spread microseconds = repeat(options.effort, [&] {
     return inChild([&]() -> std::vector<double> {
              Zan zan;
              Plugin plugin(options.plugin);

@@ -1,45 +1,57 @@
 #include "bench/Measure.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 
 namespace bench {
+namespace {
+
+/// The value below which the part |part| of the |sorted| ones lie, between two of them if need be.
+double quantile(const std::vector<double>& sorted, double part) {
+  const double position = part * static_cast<double>(sorted.size() - 1);
+  const auto below = static_cast<std::size_t>(position);
+  const std::size_t above = std::min(below + 1, sorted.size() - 1);
+  return std::lerp(sorted[below], sorted[above], position - static_cast<double>(below));
+}
+
+/// Calls |round| with the number of each round.
+template <typename Round>
+void spend(const Effort& effort, Round round) {
+  const auto start = std::chrono::steady_clock::now();
+  const std::chrono::duration<double> length(effort.seconds);
+  for (int i = 0; i < effort.rounds || std::chrono::steady_clock::now() - start < length; ++i) {
+    round(i);
+  }
+}
+
+}  // namespace
 
 Spread spreadOf(std::vector<double> values) {
   std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  const double median =
-      values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-  return {median, values.front(), values.back()};
+  return {quantile(values, 0.5), quantile(values, 0.25), quantile(values, 0.75)};
 }
 
-Comparison compare(int rounds, const Measurement& subject, const Measurement& peer, int turns) {
+Comparison compare(const Effort& effort, const Measurement& subject, const Measurement& peer) {
   std::vector<double> subjects;
   std::vector<double> peers;
   std::vector<double> ratios;
   static_cast<void>(peer());
   static_cast<void>(subject());
-  for (int round = 0; round < rounds; ++round) {
-    double ofSubject = 0;
-    double ofPeer = 0;
-    for (int turn = 0; turn < turns; ++turn) {
-      const bool peerFirst = (round + turn) % 2 == 0;
-      if (peerFirst) ofPeer += peer();
-      ofSubject += subject();
-      if (!peerFirst) ofPeer += peer();
-    }
-    subjects.push_back(ofSubject / turns);
-    peers.push_back(ofPeer / turns);
-    ratios.push_back(ofSubject / ofPeer);
-  }
+  spend(effort, [&](int round) {
+    const bool peerFirst = round % 2 == 0;
+    if (peerFirst) peers.push_back(peer());
+    subjects.push_back(subject());
+    if (!peerFirst) peers.push_back(peer());
+    ratios.push_back(subjects.back() / peers.back());
+  });
   return {spreadOf(std::move(subjects)), spreadOf(std::move(peers)), spreadOf(std::move(ratios))};
 }
 
-Spread repeat(int rounds, const Measurement& subject) {
+Spread repeat(const Effort& effort, const Measurement& subject) {
   std::vector<double> results;
-  results.reserve(static_cast<std::size_t>(rounds));
   static_cast<void>(subject());
-  for (int round = 0; round < rounds; ++round) results.push_back(subject());
+  spend(effort, [&](int /*round*/) { results.push_back(subject()); });
   return spreadOf(std::move(results));
 }
 

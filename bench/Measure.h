@@ -7,11 +7,17 @@
 
 namespace bench {
 
-/// What several rounds gave.
+/// What several rounds gave: half of them lie between the quartiles.
 struct Spread {
   double median = 0;
-  double least = 0;
-  double most = 0;
+  double low = 0;   ///< first quartile
+  double high = 0;  ///< third quartile
+};
+
+/// How long to measure.
+struct Effort {
+  int rounds;      ///< at least
+  double seconds;  ///< more rounds, until this long has passed
 };
 
 /// |values| is not empty.
@@ -26,14 +32,13 @@ struct Comparison {
   Spread ratio;  ///< subject by peer, of the same round
 };
 
-/// Runs |subject| and |peer| by turns, after one of each that does not count. A round is |turns| of
-/// both, of which it takes the means: short measurements need several, lest one disturbance decide.
-/// Who begins changes from turn to turn, so that neither always finds the caches the other left.
-[[nodiscard]] Comparison compare(int rounds, const Measurement& subject, const Measurement& peer,
-                                 int turns = 1);
+/// Runs |subject| and |peer| in turn, round for round, after one of each that does not count. Who
+/// begins changes, so that neither always finds the caches the other left.
+[[nodiscard]] Comparison compare(const Effort& effort, const Measurement& subject,
+                                 const Measurement& peer);
 
-/// |subject| alone, |rounds| times after one that does not count.
-[[nodiscard]] Spread repeat(int rounds, const Measurement& subject);
+/// |subject| alone, after one that does not count.
+[[nodiscard]] Spread repeat(const Effort& effort, const Measurement& subject);
 
 /// The seconds that |work| takes.
 template <typename Work>

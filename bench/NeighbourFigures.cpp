@@ -145,7 +145,7 @@ void measureNeighbours(const Options& options, Report& report) {
   const auto many = [&] { return listeners.many(); };
   const auto bare = [&] { return listeners.bare(); };
   const auto add = [&](std::size_t known, const Measurement& subject) {
-    const Comparison result = compare(options.rounds, subject, bare);
+    const Comparison result = compare(options.effort, subject, bare);
     report.add({fmt::format("neighbour events, {} known", grouped(known)), "bare receive loop",
                 result.ratio, "x", std::nullopt,
                 fmt::format("{:.0f} a second, bare {:.0f}", 1 / result.subject.median,
@@ -153,7 +153,7 @@ void measureNeighbours(const Options& options, Report& report) {
   };
   add(kFewKnown, few);
   add(kManyKnown, many);
-  const Comparison growth = compare(options.rounds, many, few);
+  const Comparison growth = compare(options.effort, many, few);
   report.add({"neighbour events, growth 1,000 to 100,000", "1,000 known", growth.ratio, "x",
               atMost(kGrowth),
               fmt::format("{:.2f} us an event, then {:.2f}", growth.peer.median * 1e6,

@@ -43,7 +43,7 @@ Figure readFigure(const nlohmann::json& figure, const nlohmann::json& machine) {
   if (name.find(kernel) == std::string::npos) name += " on kernel " + kernel;
   return {std::move(name),
           figure.at("against"),
-          {figure.at("median"), figure.at("least"), figure.at("most")},
+          {figure.at("median"), figure.at("low"), figure.at("high")},
           figure.at("unit"),
           readTarget(figure),
           figure.at("detail").get<std::string>() + "; " +
@@ -80,13 +80,13 @@ void writeFile(const std::string& path, const std::string& text) {
 }  // namespace
 
 Report::Report() {
-  printRow("figure", "median", "least..most", "target", "", "");
+  printRow("figure", "median", "quartiles", "target", "", "");
 }
 
 void Report::add(Figure figure) {
   const std::string unit = figure.unit == "x" ? "" : " " + figure.unit;
   printRow(figure.name, shortNumber(figure.value.median) + unit,
-           shortNumber(figure.value.least) + ".." + shortNumber(figure.value.most),
+           shortNumber(figure.value.low) + ".." + shortNumber(figure.value.high),
            targetText(figure), verdict(figure), figure.detail);
   figures_.push_back(std::move(figure));
 }
@@ -120,9 +120,9 @@ void Report::writeJson(const std::string& path) const {
                                {"architecture", system.machine}}},
                              {"figures", nlohmann::ordered_json::array()}};
   for (const Figure& figure : figures_) {
-    nlohmann::ordered_json entry{{"name", figure.name},         {"against", figure.against},
-                                 {"unit", figure.unit},         {"median", figure.value.median},
-                                 {"least", figure.value.least}, {"most", figure.value.most},
+    nlohmann::ordered_json entry{{"name", figure.name},     {"against", figure.against},
+                                 {"unit", figure.unit},     {"median", figure.value.median},
+                                 {"low", figure.value.low}, {"high", figure.value.high},
                                  {"detail", figure.detail}};
     if (figure.target) {
       entry["target"] = targetText(figure);
@@ -139,8 +139,8 @@ void Report::writePlotData(const std::string& path) const {
     if (!figure.point) continue;
     std::string& block = blocks[figure.point->line];
     if (block.empty()) block = fmt::format("# {}\n", figure.point->line);
-    block += fmt::format("{} {} {} {}\n", figure.point->at, figure.value.median, figure.value.least,
-                         figure.value.most);
+    block += fmt::format("{} {} {} {}\n", figure.point->at, figure.value.median, figure.value.low,
+                         figure.value.high);
   }
   std::string text;
   for (const auto& [line, block] : blocks) text += block + "\n\n";

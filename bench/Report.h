@@ -63,7 +63,7 @@ class Report {
   void writeJson(const std::string& path) const;
 
   /// Writes the figures that have a point, as bench/plot.gnuplot reads them: for each line a block
-  /// with its name and then x, median, least and most of each point. Throws lab::Error.
+  /// with its name and then x, median and quartiles of each point. Throws lab::Error.
   void writePlotData(const std::string& path) const;
 
  private:

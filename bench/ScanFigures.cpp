@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include <map>
 #include <optional>
 
 #include "bench/BenchTable.h"
@@ -49,7 +48,7 @@ std::size_t expectedOf(const BenchTable& table, const Kind& kind) {
   return ipv4;
 }
 
-Comparison measure(const BenchTable& table, const Kind& kind, int rounds) {
+Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effort) {
   // Nothing is dropped but by the threshold, so nothing is written.
   const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
   constexpr int kDefaultThreshold = 2;
@@ -66,29 +65,67 @@ Comparison measure(const BenchTable& table, const Kind& kind, int rounds) {
                                                  kind.knowsIpv6 ? client.expandedIpv6 : ""};
   const std::size_t expected = expectedOf(table, kind);
   return compare(
-      rounds, [&] { return scanner.scan(control, expected); }, [&] { return scanner.floor(); });
+      effort, [&] { return scanner.scan(control, expected); }, [&] { return scanner.floor(); });
+}
+
+/// A table of its own, and the scan of it that finds 1 %.
+class GrownTable {
+ public:
+  explicit GrownTable(std::size_t entries) : table_({entries, 100}) {}
+
+  /// Seconds of |turns| scans, on average.
+  double scan(int turns) {
+    double seconds = 0;
+    for (int turn = 0; turn < turns; ++turn) seconds += scanner_.scan(control_, expected_);
+    return seconds / turns;
+  }
+
+ private:
+  BenchTable table_;
+  Scanner<> scanner_;
+  Client client_ = BenchTable::client(kClient);
+  ZanConnTrackFileParseControlType control_{kConntrackTablePath, client_.ipv4,
+                                            client_.expandedIpv6};
+  std::size_t expected_ = table_.entriesOf(kClient).size();
+};
+
+/// The largest table against kSmallTable.
+void measureGrowth(const Options& options, Report& report) {
+  constexpr std::size_t kSmallTable = 10000;
+  constexpr double kSlack = 1.1;
+  const std::size_t entries = options.tableSizes.back();
+  const int times = static_cast<int>(entries / kSmallTable);
+  const SilentLog log;
+  GrownTable small(kSmallTable);
+  GrownTable large(entries);
+  const Comparison result = compare(
+      options.effort, [&] { return large.scan(1); }, [&] { return small.scan(times); });
+  report.add({fmt::format("scan of {}, {} times the entries", grouped(entries), times),
+              fmt::format("scan of {}", grouped(kSmallTable)), result.ratio, "x",
+              atMost(kSlack * times),
+              fmt::format("{:.1f} ms, then {:.1f} ms", result.peer.median * 1e3,
+                          result.subject.median * 1e3)});
 }
 
 }  // namespace
 
 void measureScans(const Options& options, Report& report) {
-  std::map<std::string, std::map<std::size_t, double>> seconds;
   for (const std::size_t entries : options.tableSizes) {
     for (const std::size_t clients : {100UL, 1UL}) {
       const BenchTable table({entries, clients});
       for (const Kind& kind : kinds()) {
         if (kind.clients != clients) continue;
-        const Comparison result = measure(table, kind, options.rounds);
+        const Comparison result = measure(table, kind, options.effort);
         const double perEntry = 1e6 / static_cast<double>(entries);
         report.add({fmt::format("scan of {}, {}", grouped(entries), kind.name), "read to the end",
                     result.ratio, "x", kind.target,
                     fmt::format("{:.2f} us an entry, floor {:.2f}",
                                 result.subject.median * perEntry, result.peer.median * perEntry),
                     Point{kind.name, static_cast<double>(entries)}});
-        seconds[kind.name][entries] = result.subject.median;
       }
     }
   }
+  measureGrowth(options, report);
 }
 
 }  // namespace bench

@@ -2,7 +2,7 @@
 #
 #   gnuplot -e "data='FILE'" bench/plot.gnuplot >FILE.svg
 #
-# A dot is the median of a run's rounds; its bar goes from the least to the most.
+# A dot is the median of a run's rounds; half of them lie within its bar.
 one_percent = '"client owns 1 %" "owns 1 %, text within ten others" "owns 1 %, no IPv6 address known" "owns 1 %, host''s log"'
 everything = '"client owns all" "owns all, host''s log"'
 

@@ -46,7 +46,7 @@ bool walksFromTheHead(const std::string& release) {
 
 }  // namespace
 
-void measureReadSize(const Options& options, Report& report) {
+void measureReads(const Options& options, Report& report) {
   constexpr std::size_t kEntries = 10000;
   constexpr std::size_t kClients = 100;
   constexpr std::size_t kClient = 55;
@@ -59,17 +59,23 @@ void measureReadSize(const Options& options, Report& report) {
   Scanner<SmallReadsParser> small;
   Scanner<> own;
   const Comparison result = compare(
-      options.rounds, [&] { return small.scan(control, expected); },
+      options.effort, [&] { return small.scan(control, expected); },
       [&] { return own.scan(control, expected); });
 
   const std::string release = kernelRelease();
   const std::optional<Target> target =
       walksFromTheHead(release) ? std::optional(atLeast(2.5)) : std::nullopt;
   constexpr double kPerEntry = 1e6 / kEntries;
-  report.add({fmt::format("scan of {} on kernel {}, 4096-byte reads", grouped(kEntries), release),
-              "the same scan with 1024-byte reads", result.ratio, "x", target,
+  const std::string scan = fmt::format("scan of {} on kernel {}", grouped(kEntries), release);
+  report.add({scan + ", 4096-byte reads", "the same scan with 1024-byte reads", result.ratio, "x",
+              target,
               fmt::format("{:.2f} us an entry, with 1024-byte reads {:.2f}",
                           result.peer.median * kPerEntry, result.subject.median * kPerEntry)});
+  const Comparison floor = compare(
+      options.effort, [&] { return own.scan(control, expected); }, [&] { return own.floor(); });
+  report.add({scan + ", client owns 1 %", "read to the end", floor.ratio, "x", std::nullopt,
+              fmt::format("{:.2f} us an entry, floor {:.2f}", floor.subject.median * kPerEntry,
+                          floor.peer.median * kPerEntry)});
 }
 
 }  // namespace bench
