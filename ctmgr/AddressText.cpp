@@ -17,7 +17,7 @@ constexpr std::int8_t kNoDigit = -1;
 /// The values of lower-case hexadecimal digits, by character.
 constexpr auto kHexValues = [] {
   std::array<std::int8_t, UINT8_MAX + 1> values{};
-  values.fill(kNoDigit);
+  for (auto& value : values) value = kNoDigit;
   for (std::int8_t i = 0; i < 10; ++i) values[std::size_t{'0'} + static_cast<std::size_t>(i)] = i;
   for (std::int8_t i = 10; i < 16; ++i)
     values[std::size_t{'a'} + static_cast<std::size_t>(i) - 10] = i;

@@ -58,7 +58,7 @@ const char* readPort(const char* text, std::uint16_t& port) {
     port = static_cast<std::uint16_t>(value);
     return end;
   }
-  // Blanks, a sign, no number, or more digits than a port has: what the library makes of it.
+  // Blanks, a sign, no number, or one that is too long for a port: what the library makes of it.
   int length = 0;
   return std::sscanf(text, "%hu%n", &port, &length) == 1 ? text + length : nullptr;
 }

@@ -1,5 +1,5 @@
 // The fields of a line of the kernel's conntrack table, read as sscanf(3) would read them, at a
-// tenth of its cost: the event thread waits for every line.
+// sixth of its cost: the event thread waits for every line.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct DestinationText {
 /// As sscanf(|line|, "%15s %15s %15s %3s"): a token that |line| lacks keeps what it held.
 void readLineStart(const char* line, LineStart& start);
 
-/// As sscanf(|tuple|, "src=%47s"). Returns where the source ends, or null if there is none.
+/// As sscanf(|tuple|, " src=%47s"). Returns where the source ends, or null if there is none.
 const char* readSource(const char* tuple, AddressField& source);
 
 /// As sscanf(|sourceEnd|, " dst=%47s sport=%hu dport=%hu"): from the first field on that is lacking

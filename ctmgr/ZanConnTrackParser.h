@@ -20,6 +20,8 @@
 ///   ipv4 2 tcp 6 431999 ESTABLISHED src=A dst=B sport=P dport=Q src=C dst=D sport=R dport=S ...
 ///                                   `---- original tuple -----' `----- reply tuple -----'
 ///
+/// Lines and addresses hold no NUL.
+///
 /// Thread: any. Scans take turns, because they share the stream.
 class ZanConnTrackParser {
  public:
