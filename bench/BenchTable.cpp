@@ -4,6 +4,8 @@
 #include <netinet/in.h>
 #include <sched.h>
 
+#include <fstream>
+
 #include "lab/Error.h"
 
 namespace bench {
@@ -14,13 +16,42 @@ constexpr std::uint32_t kTimeoutSeconds = 3600;
 constexpr std::size_t kFirstPort = 1024;
 constexpr std::size_t kPorts = 60000;
 
+/// The limit is that of all namespaces, and 65536 where there is little memory.
+void checkRoomFor(std::size_t entries) {
+  constexpr char kLimit[] = "/proc/sys/net/netfilter/nf_conntrack_max";
+  std::size_t limit = 0;
+  std::ifstream(kLimit) >> limit;
+  if (limit >= entries) return;
+  throw lab::Error(fmt::format("{} holds {}, but a table of {} is to be measured: raise it", kLimit,
+                               limit, entries));
+}
+
 }  // namespace
 
 BenchTable::BenchTable(const TableShape& shape) : shape_(shape), inserter_(where_) {
   if (setns(where_.fd(), CLONE_NEWNET) != 0) {
     throw lab::systemError("cannot enter the namespace of the table");
   }
+  fill();
+}
+
+BenchTable::~BenchTable() {
+  try {
+    inserter_.removeAll();
+  } catch (const lab::Error&) {
+    // What is left goes with the namespace, only later.
+  }
+}
+
+void BenchTable::fill() {
+  checkRoomFor(shape_.entries);
   for (std::size_t number = 0; number < shape_.clients; ++number) refill(number);
+}
+
+void BenchTable::resize(std::size_t entries) {
+  inserter_.removeAll();
+  shape_.entries = entries;
+  fill();
 }
 
 Client BenchTable::client(std::size_t number) {

@@ -21,19 +21,29 @@ struct Client {
 /// What a table is made of: every client owns as many entries as every other.
 struct TableShape {
   std::size_t entries;
-  std::size_t clients;  ///< 200 at most
+  std::size_t clients;  ///< 100 at most
   bool ipv6 = true;     ///< a quarter of the entries are IPv6
 };
 
 /// Half of the entries are TCP, half UDP; those of IPv4 are translated to one upstream address.
+///
+/// The kernel keeps the entries of all namespaces in one hash and walks past the others': use one
+/// table at a time.
 class BenchTable {
  public:
+  /// The client to look for: from number 18 on no address is contained in another's text.
+  static constexpr std::size_t kLoneClient = 55;
+
   /// Fills the table and moves the calling thread, the main thread, into its namespace, where
   /// /proc/net is that table's. Throws lab::Error.
   explicit BenchTable(const TableShape& shape);
 
-  /// Client |number|, from 0. None of the first eight addresses after the tenth is contained in
-  /// another's text.
+  /// Empties the table: of a namespace that goes, the kernel does so at its leisure.
+  ~BenchTable();
+  BenchTable(const BenchTable&) = delete;
+  BenchTable& operator=(const BenchTable&) = delete;
+
+  /// Client |number|, from 0.
   [[nodiscard]] static Client client(std::size_t number);
 
   /// The entries of client |number|.
@@ -42,10 +52,15 @@ class BenchTable {
   /// Puts back the entries of client |number|, which somebody has deleted.
   void refill(std::size_t number);
 
+  /// Fills the table anew with |entries| of the same clients.
+  void resize(std::size_t entries);
+
   [[nodiscard]] const TableShape& shape() const { return shape_; }
   [[nodiscard]] const lab::NetNamespace& where() const { return where_; }
 
  private:
+  void fill();
+
   TableShape shape_;
   lab::NetNamespace where_;
   lab::ConntrackInserter inserter_;

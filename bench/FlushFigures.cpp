@@ -16,6 +16,7 @@
 #include "ctmgr/ZanConnTrackMgr.h"
 #include "lab/Error.h"
 #include "lab/Process.h"
+#include "refhost/HostLog.h"
 #include "refhost/LogSink.h"
 #include "refhost/NetlinkCounters.h"
 #include "refhost/UniqueFd.h"
@@ -23,8 +24,6 @@
 namespace bench {
 namespace {
 
-/// The client that goes: no other's address contains its own.
-constexpr std::size_t kClient = 55;
 constexpr TableShape kHotspot{60000, 100, false};
 constexpr std::size_t kClientEntries = 600;
 
@@ -40,14 +39,13 @@ class Departure {
     std::vector<Neighbour> known{{client_.ipv4, client_.mac}};
     if (knowsIpv6) known.push_back({client_.ipv6, client_.mac});
     const auto results = inChild([&]() -> std::vector<double> {
-      constexpr int kDefaultThreshold = 2;
       const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-      const LogSink log(nowhere.get(), LogSink::Format::kText, kDefaultThreshold);
+      const LogSink log(nowhere.get(), LogSink::Format::kText, kHostNotice);
       PluginHost host(plugin_);
       host.learn(neighbours_, known);
       return {host.flush(client_.mac, kClientEntries)};
     });
-    table_.refill(kClient);
+    table_.refill(BenchTable::kLoneClient);
     return results.front();
   }
 
@@ -61,13 +59,13 @@ class Departure {
     if (!run.status.success() || run.errors.find(expected) == std::string::npos) {
       throw lab::Error("conntrack did not delete the client's entries: " + run.errors);
     }
-    table_.refill(kClient);
+    table_.refill(BenchTable::kLoneClient);
     return seconds;
   }
 
  private:
   std::string plugin_;
-  Client client_ = BenchTable::client(kClient);
+  Client client_ = BenchTable::client(BenchTable::kLoneClient);
   BenchTable table_{kHotspot};
   NeighbourTable neighbours_{table_.where()};
 };

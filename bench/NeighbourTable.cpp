@@ -8,11 +8,11 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cstring>
 #include <optional>
 
 #include "host/ZanNetlinkSocket.h"
 #include "lab/Error.h"
+#include "lab/NetlinkWriter.h"
 #include "lab/Process.h"
 #include "refhost/NetlinkMessages.h"
 
@@ -28,22 +28,9 @@ constexpr char kMakeInterface[] =
     "link set bench1 up\n"
     "link set bench0 up\n";
 
-void append(std::vector<unsigned char>& bytes, const void* data, std::size_t size) {
-  const auto* begin = static_cast<const unsigned char*>(data);
-  bytes.insert(bytes.end(), begin, begin + size);
-  bytes.resize(NLMSG_ALIGN(bytes.size()));
-}
-
-void appendAttribute(std::vector<unsigned char>& bytes, unsigned short type, const void* value,
-                     std::size_t size) {
-  const rtattr header{static_cast<unsigned short>(sizeof(rtattr) + size), type};
-  append(bytes, &header, sizeof(header));
-  append(bytes, value, size);
-}
-
 /// Appends an RTM_NEWNEIGH message: the kernel's notification and the request for it are alike.
-void appendMessage(std::vector<unsigned char>& bytes, const Neighbour& neighbour, int interface,
-                   std::uint32_t sequence, bool acknowledge) {
+void writeMessage(lab::NetlinkWriter& messages, const Neighbour& neighbour, int interface,
+                  std::uint32_t sequence, bool acknowledge) {
   const bool ipv6 = neighbour.address.find(':') != std::string::npos;
   in6_addr address{};
   ether_addr mac{};
@@ -51,22 +38,17 @@ void appendMessage(std::vector<unsigned char>& bytes, const Neighbour& neighbour
       ether_aton_r(neighbour.mac.c_str(), &mac) == nullptr) {
     throw lab::Error("not a neighbour: " + neighbour.address + " at " + neighbour.mac);
   }
-  const std::size_t start = bytes.size();
-  nlmsghdr header{};
-  header.nlmsg_type = RTM_NEWNEIGH;
-  header.nlmsg_flags = NLM_F_REQUEST | NLM_F_CREATE | NLM_F_REPLACE;
-  if (acknowledge) header.nlmsg_flags |= NLM_F_ACK;
-  header.nlmsg_seq = sequence;
-  append(bytes, &header, sizeof(header));
+  constexpr std::uint16_t kFlags = NLM_F_REQUEST | NLM_F_CREATE | NLM_F_REPLACE;
+  const std::size_t start =
+      messages.beginMessage(RTM_NEWNEIGH, acknowledge ? kFlags | NLM_F_ACK : kFlags, sequence);
   ndmsg body{};
   body.ndm_family = ipv6 ? AF_INET6 : AF_INET;
   body.ndm_ifindex = interface;
   body.ndm_state = NUD_PERMANENT;
-  append(bytes, &body, sizeof(body));
-  appendAttribute(bytes, NDA_DST, &address, ipv6 ? sizeof(in6_addr) : sizeof(in_addr));
-  appendAttribute(bytes, NDA_LLADDR, &mac, sizeof(mac));
-  header.nlmsg_len = static_cast<std::uint32_t>(bytes.size() - start);
-  std::memcpy(bytes.data() + start, &header, sizeof(header));
+  messages.append(body);
+  messages.put(NDA_DST, &address, ipv6 ? sizeof(in6_addr) : sizeof(in_addr));
+  messages.put(NDA_LLADDR, &mac, sizeof(mac));
+  messages.endMessage(start);
 }
 
 }  // namespace
@@ -81,14 +63,15 @@ NeighbourTable::NeighbourTable(const lab::NetNamespace& where) {
 }
 
 void NeighbourTable::set(const std::vector<Neighbour>& neighbours) {
-  std::vector<unsigned char> messages;
+  lab::NetlinkWriter messages;
   ++sequence_;
   for (const Neighbour& neighbour : neighbours) {
-    appendMessage(messages, neighbour, interface_, sequence_, &neighbour == &neighbours.back());
+    writeMessage(messages, neighbour, interface_, sequence_, &neighbour == &neighbours.back());
   }
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
-  if (sendto(socket_.get(), messages.data(), messages.size(), 0,
+  const std::vector<std::uint8_t>& bytes = messages.bytes();
+  if (sendto(socket_.get(), bytes.data(), bytes.size(), 0,
              reinterpret_cast<const sockaddr*>(&kernel), sizeof(kernel)) < 0) {
     throw lab::systemError("cannot tell the kernel of neighbours");
   }
@@ -96,8 +79,9 @@ void NeighbourTable::set(const std::vector<Neighbour>& neighbours) {
 }
 
 std::vector<unsigned char> NeighbourTable::announcement(const Neighbour& neighbour) {
-  std::vector<unsigned char> bytes;
-  appendMessage(bytes, neighbour, 0, 0, false);
+  lab::NetlinkWriter message;
+  writeMessage(message, neighbour, 0, 0, false);
+  std::vector<unsigned char> bytes = message.bytes();
   bytes.resize(bytes.size() + kNetlinkReceiveSlack);
   return bytes;
 }

@@ -49,12 +49,11 @@ bool walksFromTheHead(const std::string& release) {
 void measureReads(const Options& options, Report& report) {
   constexpr std::size_t kEntries = 10000;
   constexpr std::size_t kClients = 100;
-  constexpr std::size_t kClient = 55;
   const BenchTable table({kEntries, kClients});
-  const Client client = BenchTable::client(kClient);
+  const Client client = BenchTable::client(BenchTable::kLoneClient);
   const ZanConnTrackFileParseControlType control{kConntrackTablePath, client.ipv4,
                                                  client.expandedIpv6};
-  const std::size_t expected = table.entriesOf(kClient).size();
+  const std::size_t expected = table.entriesOf(BenchTable::kLoneClient).size();
   const SilentLog log;
   Scanner<SmallReadsParser> small;
   Scanner<> own;

@@ -22,8 +22,8 @@ template <typename Parser = ZanConnTrackParser>
 class Scanner {
  public:
   /// The table is that of the main thread's namespace. Throws lab::Error.
-  Scanner() : fd_(open("/proc/net/nf_conntrack", O_RDONLY | O_CLOEXEC)) {
-    if (!fd_.valid()) throw lab::systemError("cannot open /proc/net/nf_conntrack");
+  Scanner() : fd_(open(kConntrackTablePath, O_RDONLY | O_CLOEXEC)) {
+    if (!fd_.valid()) throw lab::systemError("cannot open the conntrack table");
     parser_.setPrivilegeParams(fd_.get());
   }
 

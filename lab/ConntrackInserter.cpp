@@ -19,6 +19,7 @@
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
 #include "lab/NetNamespace.h"
+#include "lab/NetlinkWriter.h"
 
 namespace lab {
 namespace {
@@ -26,73 +27,11 @@ namespace {
 // As many acknowledgements as fit into a default receive buffer with room to spare.
 constexpr std::size_t kBatch = 64;
 
-/// Netlink messages, one after the other. A position is an offset from the start.
-class MessageBuffer {
- public:
-  std::size_t beginMessage(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence,
-                           std::uint8_t family) {
-    const std::size_t start = bytes_.size();
-    nlmsghdr header{};
-    header.nlmsg_type = type;
-    header.nlmsg_flags = flags;
-    header.nlmsg_seq = sequence;
-    append(&header, sizeof header);
-    const nfgenmsg body{family, NFNETLINK_V0, 0};
-    append(&body, sizeof body);
-    return start;
-  }
-
-  void endMessage(std::size_t start) {
-    const auto length = static_cast<std::uint32_t>(bytes_.size() - start);
-    std::memcpy(&bytes_[start], &length, sizeof length);
-  }
-
-  void put(unsigned type, const void* data, std::size_t size) {
-    const nlattr header{static_cast<std::uint16_t>(sizeof(nlattr) + size),
-                        static_cast<std::uint16_t>(type)};
-    append(&header, sizeof header);
-    append(data, size);
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
-  }
-
-  void put8(unsigned type, std::uint8_t value) { put(type, &value, sizeof value); }
-  void put16(unsigned type, std::uint16_t value) {
-    const std::uint16_t network = htons(value);
-    put(type, &network, sizeof network);
-  }
-  void put32(unsigned type, std::uint32_t value) {
-    const std::uint32_t network = htonl(value);
-    put(type, &network, sizeof network);
-  }
-
-  std::size_t beginNest(unsigned type) {
-    const std::size_t start = bytes_.size();
-    put(type | NLA_F_NESTED, nullptr, 0);
-    return start;
-  }
-
-  void endNest(std::size_t start) {
-    const auto length = static_cast<std::uint16_t>(bytes_.size() - start);
-    std::memcpy(&bytes_[start], &length, sizeof length);
-  }
-
-  [[nodiscard]] const std::vector<std::uint8_t>& bytes() const { return bytes_; }
-
- private:
-  void append(const void* data, std::size_t size) {
-    const std::size_t start = bytes_.size();
-    bytes_.resize(start + size);
-    if (size > 0) std::memcpy(&bytes_[start], data, size);
-  }
-
-  std::vector<std::uint8_t> bytes_;
-};
-
 bool isIcmp(std::uint8_t protocol) {
   return protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6;
 }
 
-void putIcmp(MessageBuffer& message, std::uint8_t protocol, std::uint16_t identifier,
+void putIcmp(NetlinkWriter& message, std::uint8_t protocol, std::uint16_t identifier,
              bool request) {
   if (protocol == IPPROTO_ICMP) {
     message.put8(CTA_PROTO_ICMP_TYPE, request ? ICMP_ECHO : ICMP_ECHOREPLY);
@@ -105,7 +44,7 @@ void putIcmp(MessageBuffer& message, std::uint8_t protocol, std::uint16_t identi
   message.put16(CTA_PROTO_ICMPV6_ID, identifier);
 }
 
-void putTuple(MessageBuffer& message, unsigned type, const ConntrackTuple& tuple,
+void putTuple(NetlinkWriter& message, unsigned type, const ConntrackTuple& tuple,
               std::uint8_t protocol, std::uint16_t icmpIdentifier) {
   const IpAddress source(tuple.source);
   const IpAddress destination(tuple.destination);
@@ -140,15 +79,15 @@ ConntrackTuple mirrored(const ConntrackTuple& tuple) {
 
 // nlmsghdr | nfgenmsg | CTA_TUPLE_ORIG | CTA_TUPLE_REPLY | CTA_STATUS | CTA_TIMEOUT
 //   and for TCP CTA_PROTOINFO { CTA_PROTOINFO_TCP { CTA_PROTOINFO_TCP_STATE } }
-void putEntry(MessageBuffer& message, const ConntrackInserter::Entry& entry,
+void putEntry(NetlinkWriter& message, const ConntrackInserter::Entry& entry,
               std::uint32_t sequence) {
   constexpr std::uint16_t kType = (NFNL_SUBSYS_CTNETLINK << 8U) | IPCTNL_MSG_CT_NEW;
   constexpr std::uint16_t kFlags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
   const int family = IpAddress(entry.original.source).family();
   const std::uint16_t identifier = entry.original.sourcePort;
 
-  const std::size_t start =
-      message.beginMessage(kType, kFlags, sequence, static_cast<std::uint8_t>(family));
+  const std::size_t start = message.beginMessage(kType, kFlags, sequence);
+  message.append(nfgenmsg{static_cast<std::uint8_t>(family), NFNETLINK_V0, 0});
   putTuple(message, CTA_TUPLE_ORIG, entry.original, entry.protocol, identifier);
   putTuple(message, CTA_TUPLE_REPLY, entry.reply.value_or(mirrored(entry.original)), entry.protocol,
            identifier);
@@ -194,17 +133,32 @@ void ConntrackInserter::insert(const std::vector<Entry>& entries) {
 
 void ConntrackInserter::sendBatch(const std::vector<Entry>& entries, std::size_t begin,
                                   std::size_t end) {
-  MessageBuffer messages;
+  NetlinkWriter messages;
   for (std::size_t i = begin; i < end; ++i) {
     putEntry(messages, entries[i], static_cast<std::uint32_t>(i));
   }
+  send(messages);
+}
+
+void ConntrackInserter::send(const NetlinkWriter& messages) {
   const std::vector<std::uint8_t>& bytes = messages.bytes();
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
   if (::sendto(socket_.get(), bytes.data(), bytes.size(), 0,
                reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel) < 0) {
-    throw systemError("cannot send conntrack entries to the kernel");
+    throw systemError("cannot send conntrack requests to the kernel");
   }
+}
+
+// A deletion that names no entry is one of all; without an acknowledgement asked for, the kernel
+// has still worked through it when sendto() returns, and answers failures alone.
+void ConntrackInserter::removeAll() {
+  constexpr std::uint16_t kType = (NFNL_SUBSYS_CTNETLINK << 8U) | IPCTNL_MSG_CT_DELETE;
+  NetlinkWriter message;
+  const std::size_t start = message.beginMessage(kType, NLM_F_REQUEST, 0);
+  message.append(nfgenmsg{AF_UNSPEC, NFNETLINK_V0, 0});
+  message.endMessage(start);
+  send(message);
 }
 
 // The kernel has worked through the whole batch when sendto() returns, and answers each message.

@@ -11,6 +11,7 @@
 namespace lab {
 
 class NetNamespace;
+class NetlinkWriter;
 
 /// Puts made-up entries into a conntrack table, as if their connections had been seen.
 class ConntrackInserter {
@@ -35,7 +36,11 @@ class ConntrackInserter {
   /// before or after it, may be in the table then. Any one thread.
   void insert(const std::vector<Entry>& entries);
 
+  /// Empties the table. Throws Error.
+  void removeAll();
+
  private:
+  void send(const NetlinkWriter& messages);
   void sendBatch(const std::vector<Entry>& entries, std::size_t begin, std::size_t end);
   void collectAcknowledgements(const std::vector<Entry>& entries, std::size_t begin,
                                std::size_t end);

@@ -60,7 +60,7 @@ std::string findProgram(const std::string& name) {
     begin = end + 1;
   }
   throw Error("cannot find the program '" + name + "' in " + path +
-              " (install the package that brings it: iproute2 for ip, iptables for iptables)");
+              " (install the Debian package that brings it; ip is in iproute2)");
 }
 
 std::vector<std::string> childEnvironment() {
