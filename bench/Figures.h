@@ -28,17 +28,17 @@ void measureReads(const Options& options, Report& report);
 /// A line that matches, away from the kernel; ends with measureInstructions() (LineFigures.cpp).
 void measureLines(const Options& options, Report& report);
 
-/// Instructions that a matching line takes, against their limits. Runs of one build differ by a
-/// hundredth at most, however busy the machine is.
+/// Instructions that a matching line takes, counted by callgrind, against their limits. Runs of one
+/// build on one machine differ by a hundredth at most, however busy it is.
 void measureInstructions(Report& report);
-
-/// Instructions that a matching line takes, as callgrind counts them in this very program.
-[[nodiscard]] double instructionsOfMatchingLine(bool ipv6);
 
 /// Has the parser read |count| matching lines: the run whose instructions are counted.
 void readMatchingLines(int count, bool ipv6);
 
-/// Event 27 to the last acknowledgement, and deletions a second (FlushFigures.cpp).
+/// Deletions a second by the worker (DeletionFigures.cpp).
+void measureDeletions(const Options& options, Report& report);
+
+/// Event 27 to the last acknowledgement (FlushFigures.cpp).
 void measureFlushes(const Options& options, Report& report);
 
 /// Neighbour notifications a second (NeighbourFigures.cpp).

@@ -1,19 +1,14 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include <array>
-#include <cstring>
-#include <list>
+#include <algorithm>
+#include <optional>
 
 #include "bench/BenchTable.h"
 #include "bench/ChildRun.h"
 #include "bench/Figures.h"
 #include "bench/PluginHost.h"
 #include "bench/Report.h"
-#include "bench/SilentLog.h"
-#include "ctmgr/NetlinkRequest.h"
-#include "ctmgr/ZanConnTrackMgr.h"
 #include "lab/Error.h"
 #include "lab/Process.h"
 #include "refhost/HostLog.h"
@@ -24,15 +19,15 @@
 namespace bench {
 namespace {
 
-constexpr TableShape kHotspot{60000, 100, false};
-constexpr std::size_t kClientEntries = 600;
+constexpr std::size_t kEntries = 60000;
+constexpr std::size_t kClients = 100;
+constexpr std::size_t kClientEntries = kEntries / kClients;
 
-constexpr TableShape kDeletions{20000, 1, false};
-
-/// A client of kHotspot goes, and comes back with its entries.
+/// A client goes, and comes back with its entries.
 class Departure {
  public:
-  explicit Departure(const std::string& plugin) : plugin_(plugin) {}
+  Departure(const std::string& plugin, bool ipv6)
+      : plugin_(plugin), table_({kEntries, kClients, ipv6}) {}
 
   /// Seconds from the event to the last acknowledgement, the host's log at its default threshold.
   double seenByPlugin(bool knowsIpv6) {
@@ -49,135 +44,63 @@ class Departure {
     return results.front();
   }
 
-  /// Seconds of the run of conntrack(8) that deletes the same entries.
+  /// Seconds of the runs of conntrack(8), one for each family, that delete the same entries.
   double seenByConntrack() {
-    lab::CommandResult run;
-    const double seconds = secondsOf([&] {
-      run = lab::Process::run({"conntrack", "-D", "-s", client_.ipv4}, &table_.where());
-    });
-    const std::string expected = fmt::format(" {} flow entries have been deleted", kClientEntries);
-    if (!run.status.success() || run.errors.find(expected) == std::string::npos) {
-      throw lab::Error("conntrack did not delete the client's entries: " + run.errors);
+    const auto entries = table_.entriesOf(BenchTable::kLoneClient);
+    const auto ofIpv4 = static_cast<std::size_t>(std::count_if(
+        entries.begin(), entries.end(), [](const auto& entry) { return entry.reply.has_value(); }));
+    double seconds = deleteByConntrack("ipv4", client_.ipv4, ofIpv4);
+    if (ofIpv4 < entries.size()) {
+      seconds += deleteByConntrack("ipv6", client_.ipv6, entries.size() - ofIpv4);
     }
     table_.refill(BenchTable::kLoneClient);
     return seconds;
   }
 
  private:
+  double deleteByConntrack(const char* family, const std::string& address, std::size_t entries) {
+    lab::CommandResult run;
+    const double seconds = secondsOf([&] {
+      run = lab::Process::run({"conntrack", "-D", "-f", family, "-s", address}, &table_.where());
+    });
+    const std::string expected = fmt::format(" {} flow entries have been deleted", entries);
+    if (run.status.success() && run.errors.find(expected) != std::string::npos) return seconds;
+    throw lab::Error("conntrack did not delete the client's entries: " + run.errors);
+  }
+
   std::string plugin_;
   Client client_ = BenchTable::client(BenchTable::kLoneClient);
-  BenchTable table_{kHotspot};
+  BenchTable table_;
   NeighbourTable neighbours_{table_.where()};
 };
 
-/// The manager with a list to delete, as a flush leaves it to the worker.
-class Worker final : public ZanConnTrackMgr {
- public:
-  using ZanConnTrackMgr::ZanConnTrackMgr;
-
-  void leave(const std::list<ZanConnTrackFilter_s>& entries) { v4DeleteList = entries; }
+/// One kind of flush. conntrack(8) asks the kernel for one family at a time, so that a table of
+/// IPv4 alone is equal work.
+struct Flush {
+  const char* name;
+  bool ipv6;
+  bool knowsIpv6;
+  std::optional<Target> target;
 };
-
-/// A delete request for IPv4, ready to be sent.
-struct Request {
-  static constexpr std::size_t kSize = 72;
-  alignas(nlmsghdr) std::array<unsigned char, kSize> bytes;
-};
-
-std::list<ZanConnTrackFilter_s> recordsOf(const BenchTable& table) {
-  std::list<ZanConnTrackFilter_s> records;
-  for (const auto& entry : table.entriesOf(0)) {
-    ZanConnTrackFilter_s record{};
-    record.af = AF_INET;
-    record.protocol = entry.protocol;
-    record.sport = entry.original.sourcePort;
-    record.dport = entry.original.destinationPort;
-    inet_pton(AF_INET, entry.original.source.c_str(), record.src);
-    inet_pton(AF_INET, entry.original.destination.c_str(), record.dest);
-    records.push_back(record);
-  }
-  return records;
-}
-
-Request requestFor(const ZanConnTrackFilter_s& record, ZanConnTrackMgr& manager) {
-  ZanConnTrackMgr::ctTuple tuple{};
-  std::memcpy(tuple.src, record.src, sizeof(in_addr));
-  std::memcpy(tuple.dst, record.dest, sizeof(in_addr));
-  tuple.l3protonum = AF_INET;
-  tuple.protonum = static_cast<std::uint8_t>(record.protocol);
-  tuple.srcPrt = htons(record.sport);
-  tuple.dstPrt = htons(record.dport);
-  alignas(nlmsghdr) std::array<unsigned char, DELETE_MSG_MAX_LEN> buffer{};
-  auto* msg = static_cast<nlmsghdr*>(static_cast<void*>(buffer.data()));
-  manager.fillNetlinkHeader(msg, AF_INET);
-  if (manager.fillTupleInfo(msg, &tuple) == 0 || msg->nlmsg_len != Request::kSize) {
-    throw lab::Error("a delete request has an unexpected size");
-  }
-  Request request{};
-  std::memcpy(request.bytes.data(), buffer.data(), Request::kSize);
-  return request;
-}
-
-/// Deletions a second of |work|, which is to delete all of |table|.
-template <typename Work>
-double deletionRate(BenchTable& table, Work work) {
-  const std::uint64_t before = deletionCounters().deleted;
-  const double seconds = secondsOf(work);
-  if (deletionCounters().deleted - before != table.shape().entries) {
-    throw lab::Error("a deletion left entries in the table");
-  }
-  table.refill(0);
-  return static_cast<double>(table.shape().entries) / seconds;
-}
-
-void measureDepartures(const Options& options, Report& report) {
-  Departure departure(options.plugin);
-  for (const bool knowsIpv6 : {true, false}) {
-    const Comparison result = compare(
-        options.effort, [&] { return departure.seenByPlugin(knowsIpv6); },
-        [&] { return departure.seenByConntrack(); });
-    report.add(
-        {std::string("flush of 1 % of 60,000") + (knowsIpv6 ? "" : ", no IPv6 address known"),
-         "conntrack -D -s", result.ratio, "x",
-         knowsIpv6 ? std::optional(atMost(0.70)) : std::nullopt,
-         fmt::format("{:.1f} ms, conntrack {:.1f} ms", result.subject.median * 1e3,
-                     result.peer.median * 1e3)});
-  }
-}
-
-void measureDeletions(const Options& options, Report& report) {
-  const SilentLog log;
-  BenchTable table(kDeletions);
-  const std::list<ZanConnTrackFilter_s> records = recordsOf(table);
-  Zan zan;
-  Worker worker(zan);
-  std::vector<Request> requests;
-  for (const auto& record : records) requests.push_back(requestFor(record, worker));
-  constexpr unsigned int kTag = 273;
-  ZanNetlinkSocket socket(NETLINK_NETFILTER, kTag);
-  const auto byWorker = [&] {
-    worker.leave(records);
-    return deletionRate(table, [&] { ZanConnTrackMgr::deleteConntrackEntries(&worker); });
-  };
-  const auto byLoop = [&] {
-    return deletionRate(table, [&] {
-      for (Request& request : requests) {
-        socket.sendConntrackNetlinkMsg(
-            static_cast<nlmsghdr*>(static_cast<void*>(request.bytes.data())));
-      }
-    });
-  };
-  const Comparison result = compare(options.effort, byWorker, byLoop);
-  report.add(
-      {"deletions a second by the worker", "prebuilt requests", result.ratio, "x", atLeast(0.95),
-       fmt::format("{:.0f} a second, loop {:.0f}", result.subject.median, result.peer.median)});
-}
 
 }  // namespace
 
 void measureFlushes(const Options& options, Report& report) {
-  measureDepartures(options, report);
-  measureDeletions(options, report);
+  const Flush flushes[] = {
+      {"flush of 1 % of 60,000", false, true, atMost(0.70)},
+      {"flush of 1 % of 60,000, no IPv6 address known", false, false, std::nullopt},
+      {"flush of 1 % of 60,000, a quarter IPv6", true, true, std::nullopt},
+  };
+  for (const Flush& flush : flushes) {
+    Departure departure(options.plugin, flush.ipv6);
+    const Comparison result = compare(
+        options.effort, [&] { return departure.seenByPlugin(flush.knowsIpv6); },
+        [&] { return departure.seenByConntrack(); });
+    report.add({flush.name, flush.ipv6 ? "conntrack -D -s, once a family" : "conntrack -D -s",
+                result.ratio, "x", flush.target,
+                fmt::format("{:.1f} ms, conntrack {:.1f} ms", result.subject.median * 1e3,
+                            result.peer.median * 1e3)});
+  }
 }
 
 }  // namespace bench

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <linux/rtnetlink.h>
 
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include "bench/Report.h"
 #include "bench/SilentLog.h"
 #include "ctmgr/ZanConnTrackFilter.h"
+#include "host/ZanNetlinkSocket.h"
 #include "lab/Error.h"
 
 namespace bench {
@@ -77,28 +79,41 @@ void measurePeak(const Options& options, Report& report) {
               return {static_cast<double>(meter.peakBytes())};
             }).front();
     table.refill(0);
-    return bytes / node / static_cast<double>(kMatching.entries);
+    const double nodesOfEntry = bytes / node / static_cast<double>(kMatching.entries);
+    if (nodesOfEntry < 1) throw lab::Error("the plug-in takes memory that is not counted");
+    return nodesOfEntry;
   });
   report.add({"peak heap of a flush of 60,000", "", nodes, "nodes", kPeakNodes,
               fmt::format("list nodes an entry; {:.0f} bytes, a node takes {:.0f}", bytes, node)});
+}
+
+/// Bytes of heap that the host's two sockets for a plug-in take.
+double hostSocketBytes() {
+  const HeapMeter meter;
+  const ZanNetlinkSocket neighbours(NETLINK_ROUTE, RTMGRP_NEIGH);
+  const ZanNetlinkSocket requests(NETLINK_NETFILTER, 0);
+  return static_cast<double>(meter.bytes());
 }
 
 void measureRest(const Options& options, Report& report) {
   std::vector<double> parts;
   const Spread total = repeat(options.effort, [&] {
     parts = inChild([&]() -> std::vector<double> {
+      const double sockets = hostSocketBytes() / kKibibyte;
       const HeapMeter meter;
       const PluginHost host(options.plugin);
       const auto heap = static_cast<double>(meter.bytes()) / kKibibyte;
       const Mapped mapped = mappedOf(options.plugin);
-      return {mapped.resident, mapped.dirty, heap, static_cast<double>(meter.blocks())};
+      if (mapped.resident == 0) throw lab::Error("the plug-in is mapped from another file");
+      return {mapped.resident, mapped.dirty, heap, sockets};
     });
     return parts.at(0) + parts.at(2);
   });
-  report.add({"resident cost of the loaded plug-in at rest", "", total, "KiB", std::nullopt,
-              fmt::format("mapped {:.0f} KiB, {:.0f} of them its own; heap {:.1f} KiB in {:.0f} "
-                          "blocks, the host's objects for it included",
-                          parts.at(0), parts.at(1), parts.at(2), parts.at(3))});
+  report.add(
+      {"resident cost of the loaded plug-in at rest", "", total, "KiB", std::nullopt,
+       fmt::format("mapped {:.0f} KiB, {:.0f} of them its own; heap {:.1f} KiB, {:.1f} of them "
+                   "the host's sockets",
+                   parts.at(0), parts.at(1), parts.at(2), parts.at(3))});
 }
 
 void measureStarts(const Options& options, Report& report) {

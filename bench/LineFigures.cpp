@@ -22,9 +22,10 @@ namespace {
 
 constexpr int kLines = 1000;
 
-// Instructions of a matching line, at most.
-constexpr double kInstructionLimitIpv4 = 3'000;
-constexpr double kInstructionLimitIpv6 = 5'000;
+// Instructions of a matching line, at most: a fifth above what they were, for other compilers, C
+// libraries and vector units.
+constexpr double kInstructionLimitIpv4 = 2'850;
+constexpr double kInstructionLimitIpv6 = 4'450;
 
 std::string figureName(bool ipv6) {
   return ipv6 ? "a matching line, IPv6" : "a matching line, IPv4";
@@ -102,18 +103,18 @@ double instructionsOf(const char* family, int lines) {
   return std::stod(run.errors.substr(total + sizeof(kTotal) - 1));
 }
 
-}  // namespace
-
-void readMatchingLines(int count, bool ipv6) {
-  LineReader reader(ipv6);
-  for (int line = 0; line < count; line += kLines) reader.read();
-}
-
 double instructionsOfMatchingLine(bool ipv6) {
   constexpr int kFew = 5 * kLines;
   constexpr int kMany = 25 * kLines;
   const char* family = ipv6 ? "--ipv6" : "--ipv4";
   return (instructionsOf(family, kMany) - instructionsOf(family, kFew)) / (kMany - kFew);
+}
+
+}  // namespace
+
+void readMatchingLines(int count, bool ipv6) {
+  LineReader reader(ipv6);
+  for (int line = 0; line < count; line += kLines) reader.read();
 }
 
 void measureInstructions(Report& report) {

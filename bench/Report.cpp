@@ -15,7 +15,7 @@
 namespace bench {
 namespace {
 
-/// Three digits that count, without a trailing point.
+/// As many digits as tell a figure from its target.
 std::string shortNumber(double value) {
   if (value >= 1e6) return fmt::format("{:.1f}M", value / 1e6);
   if (value >= 100) return fmt::format("{:.0f}", value);
@@ -29,12 +29,17 @@ std::string targetText(const Figure& figure) {
   return fmt::format("{} {:g}", most ? "<=" : ">=", figure.target->value);
 }
 
-/// The inverse of targetText().
+nlohmann::ordered_json targetJson(const Target& target) {
+  return {{"bound", target.bound == Target::Bound::kAtMost ? "at most" : "at least"},
+          {"value", target.value}};
+}
+
+/// The inverse of targetJson().
 std::optional<Target> readTarget(const nlohmann::json& figure) {
   if (!figure.contains("target")) return std::nullopt;
-  const auto text = figure.at("target").get<std::string>();
-  const double value = std::stod(text.substr(3));
-  return text.starts_with("<=") ? atMost(value) : atLeast(value);
+  const auto& target = figure.at("target");
+  const double value = target.at("value");
+  return target.at("bound") == "at most" ? atMost(value) : atLeast(value);
 }
 
 Figure readFigure(const nlohmann::json& figure, const nlohmann::json& machine) {
@@ -100,14 +105,27 @@ void Report::merge(const std::string& path) {
   }
 }
 
-std::vector<std::string> Report::missed() const {
-  std::vector<std::string> names;
+void Report::fail(const std::string& subject, const std::string& why) {
+  failures_.push_back(fmt::format("{}: {}", subject, why));
+  fmt::print("not measured: {}\n", failures_.back());
+}
+
+bool Report::conclude() const {
+  int targets = 0;
+  int reached = 0;
   for (const Figure& figure : figures_) {
-    if (!figure.target || figure.target->reachedBy(figure.value.median)) continue;
-    names.push_back(fmt::format("{}: {} instead of {}", figure.name,
-                                shortNumber(figure.value.median), targetText(figure)));
+    if (!figure.target) continue;
+    ++targets;
+    if (figure.target->reachedBy(figure.value.median)) {
+      ++reached;
+    } else {
+      fmt::print("missed: {}: {:.4g} instead of {}\n", figure.name, figure.value.median,
+                 targetText(figure));
+    }
   }
-  return names;
+  fmt::print("{} of {} targets reached\n", reached, targets);
+  for (const std::string& failure : failures_) fmt::print("not measured: {}\n", failure);
+  return reached == targets;
 }
 
 void Report::writeJson(const std::string& path) const {
@@ -125,7 +143,7 @@ void Report::writeJson(const std::string& path) const {
                                  {"low", figure.value.low}, {"high", figure.value.high},
                                  {"detail", figure.detail}};
     if (figure.target) {
-      entry["target"] = targetText(figure);
+      entry["target"] = targetJson(*figure.target);
       entry["reached"] = figure.target->reachedBy(figure.value.median);
     }
     all["figures"].push_back(std::move(entry));

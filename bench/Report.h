@@ -56,8 +56,15 @@ class Report {
   /// kernel it was measured on. Throws lab::Error.
   void merge(const std::string& path);
 
-  /// The figures that miss their targets, named; nothing when all reach them.
-  [[nodiscard]] std::vector<std::string> missed() const;
+  /// Prints and keeps that the rest of |subject| could not be measured, and |why|.
+  void fail(const std::string& subject, const std::string& why);
+
+  /// Names the figures that miss their targets and what could not be measured. Returns whether
+  /// every target is reached.
+  bool conclude() const;
+
+  /// Whether everything could be measured.
+  [[nodiscard]] bool complete() const { return failures_.empty(); }
 
   /// Writes everything as JSON, with the machine it was measured on. Throws lab::Error.
   void writeJson(const std::string& path) const;
@@ -68,6 +75,7 @@ class Report {
 
  private:
   std::vector<Figure> figures_;
+  std::vector<std::string> failures_;
 };
 
 /// 60000 as "60,000".
