@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <sys/utsname.h>
 
 #include <array>
 #include <cstdio>
@@ -29,12 +28,6 @@ class SmallReadsParser : public ZanConnTrackParser {
  private:
   std::array<char, 1024> smallBuffer_{};
 };
-
-std::string kernelRelease() {
-  utsname system{};
-  uname(&system);
-  return system.release;
-}
 
 /// Before 6.16 each read of the table starts with a walk from its head.
 bool walksFromTheHead(const std::string& release) {

@@ -12,7 +12,7 @@ stats data using 2 nooutput
 lowest = floor(20 * STATS_min - 1) / 20.0
 highest = ceil(20 * STATS_max + 1) / 20.0
 set yrange [lowest < 0.95 ? lowest : 0.95 : highest > 1.3 ? highest : 1.3]
-set format y "%.1f"
+set format y "%.2f"
 set logscale x
 set xrange [700:300000]
 set xtics ("1,000" 1e3, "10,000" 1e4, "60,000" 6e4, "200,000" 2e5)
