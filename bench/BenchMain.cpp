@@ -4,12 +4,12 @@
 
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "bench/Figures.h"
 #include "bench/Report.h"
+#include "lab/BuiltFile.h"
 #include "lab/UserNamespace.h"
 
 namespace {
@@ -41,16 +41,10 @@ struct Arguments {
   bool ipv6 = false;
 };
 
-/// In the folders of the build, wherever that was copied to.
-std::string builtPlugin() {
-  const auto self = std::filesystem::read_symlink("/proc/self/exe");
-  return self.parent_path().parent_path() / "ctmgr/vendor.libzanctmgr.so";
-}
-
 void declareOptions(CLI::App& app, Arguments& arguments) {
   app.add_option("--plugin", arguments.options.plugin,
                  "the plug-in; that of the same build if none")
-      ->default_val(builtPlugin());
+      ->default_val(lab::builtFile("ctmgr/vendor.libzanctmgr.so"));
   app.add_flag("--quick", arguments.quick, "smaller tables and fewer rounds: about a minute");
   std::vector<std::string> names;
   for (const Subject& subject : kSubjects) names.emplace_back(subject.name);

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "lab/Error.h"
@@ -81,6 +82,12 @@ std::vector<lab::ConntrackInserter::Entry> BenchTable::entriesOf(std::size_t num
     entries.push_back(std::move(entry));
   }
   return entries;
+}
+
+std::size_t BenchTable::ipv4EntriesOf(std::size_t number) const {
+  const auto entries = entriesOf(number);
+  const auto isIpv4 = [](const auto& entry) { return entry.reply.has_value(); };
+  return static_cast<std::size_t>(std::count_if(entries.begin(), entries.end(), isIpv4));
 }
 
 void BenchTable::refill(std::size_t number) {

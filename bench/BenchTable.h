@@ -49,6 +49,9 @@ class BenchTable {
   /// The entries of client |number|.
   [[nodiscard]] std::vector<lab::ConntrackInserter::Entry> entriesOf(std::size_t number) const;
 
+  /// How many of them are IPv4.
+  [[nodiscard]] std::size_t ipv4EntriesOf(std::size_t number) const;
+
   /// Puts back the entries of client |number|, which somebody has deleted.
   void refill(std::size_t number);
 

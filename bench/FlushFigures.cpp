@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <optional>
 
 #include "bench/BenchTable.h"
@@ -13,7 +12,6 @@
 #include "lab/Process.h"
 #include "refhost/HostLog.h"
 #include "refhost/LogSink.h"
-#include "refhost/NetlinkCounters.h"
 #include "refhost/UniqueFd.h"
 
 namespace bench {
@@ -46,12 +44,10 @@ class Departure {
 
   /// Seconds of the runs of conntrack(8), one for each family, that delete the same entries.
   double seenByConntrack() {
-    const auto entries = table_.entriesOf(BenchTable::kLoneClient);
-    const auto ofIpv4 = static_cast<std::size_t>(std::count_if(
-        entries.begin(), entries.end(), [](const auto& entry) { return entry.reply.has_value(); }));
+    const std::size_t ofIpv4 = table_.ipv4EntriesOf(BenchTable::kLoneClient);
     double seconds = deleteByConntrack("ipv4", client_.ipv4, ofIpv4);
-    if (ofIpv4 < entries.size()) {
-      seconds += deleteByConntrack("ipv6", client_.ipv6, entries.size() - ofIpv4);
+    if (ofIpv4 < kClientEntries) {
+      seconds += deleteByConntrack("ipv6", client_.ipv6, kClientEntries - ofIpv4);
     }
     table_.refill(BenchTable::kLoneClient);
     return seconds;

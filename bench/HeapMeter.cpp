@@ -12,7 +12,6 @@ namespace {
 struct Counters {
   std::atomic<bool> on{false};
   std::atomic<std::ptrdiff_t> bytes{0};
-  std::atomic<std::ptrdiff_t> blocks{0};
   std::atomic<std::ptrdiff_t> peakBytes{0};
 };
 
@@ -27,7 +26,6 @@ std::ptrdiff_t sizeOf(void* block) {
 void countTaken(void* block) {
   const std::ptrdiff_t size = sizeOf(block);
   const std::ptrdiff_t now = counters.bytes.fetch_add(size, kRelaxed) + size;
-  counters.blocks.fetch_add(1, kRelaxed);
   std::ptrdiff_t peak = counters.peakBytes.load(kRelaxed);
   while (now > peak && !counters.peakBytes.compare_exchange_weak(peak, now, kRelaxed)) {
   }
@@ -35,7 +33,6 @@ void countTaken(void* block) {
 
 void countGivenBack(void* block) {
   counters.bytes.fetch_sub(sizeOf(block), kRelaxed);
-  counters.blocks.fetch_sub(1, kRelaxed);
 }
 
 void* take(std::size_t size) {
@@ -54,7 +51,6 @@ void giveBack(void* block) {
 
 HeapMeter::HeapMeter() {
   counters.bytes = 0;
-  counters.blocks = 0;
   counters.peakBytes = 0;
   counters.on = true;
 }
@@ -65,10 +61,6 @@ HeapMeter::~HeapMeter() {
 
 std::ptrdiff_t HeapMeter::bytes() const {
   return counters.bytes;
-}
-
-std::ptrdiff_t HeapMeter::blocks() const {
-  return counters.blocks;
 }
 
 std::ptrdiff_t HeapMeter::peakBytes() const {

@@ -19,9 +19,8 @@ class HeapMeter {
   HeapMeter(const HeapMeter&) = delete;
   HeapMeter& operator=(const HeapMeter&) = delete;
 
-  /// Bytes and blocks that are in use now, over those of the beginning.
+  /// Bytes that are in use now, over those of the beginning.
   [[nodiscard]] std::ptrdiff_t bytes() const;
-  [[nodiscard]] std::ptrdiff_t blocks() const;
 
   /// The most that bytes() has been.
   [[nodiscard]] std::ptrdiff_t peakBytes() const;

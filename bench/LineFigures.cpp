@@ -10,6 +10,7 @@
 #include "bench/BenchTable.h"
 #include "bench/Figures.h"
 #include "bench/Report.h"
+#include "bench/Scanner.h"
 #include "bench/SilentLog.h"
 #include "ctmgr/ZanConnTrackParser.h"
 #include "host/Zan.h"
@@ -47,7 +48,7 @@ class LineReader {
  public:
   explicit LineReader(bool ipv6) {
     const Client client = BenchTable::client(0);
-    control_ = {kConntrackTablePath, client.ipv4, client.expandedIpv6};
+    control_ = controlOf(client);
     std::string text;
     for (int i = 0; i < kLines; ++i) text += tableLine(client, ipv6, 20000 + i);
     if (write(file_.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {

@@ -68,11 +68,7 @@ void NeighbourTable::set(const std::vector<Neighbour>& neighbours) {
   for (const Neighbour& neighbour : neighbours) {
     writeMessage(messages, neighbour, interface_, sequence_, &neighbour == &neighbours.back());
   }
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
-  const std::vector<std::uint8_t>& bytes = messages.bytes();
-  if (sendto(socket_.get(), bytes.data(), bytes.size(), 0,
-             reinterpret_cast<const sockaddr*>(&kernel), sizeof(kernel)) < 0) {
+  if (!messages.send(socket_.get())) {
     throw lab::systemError("cannot tell the kernel of neighbours");
   }
   awaitAcknowledgement(sequence_);

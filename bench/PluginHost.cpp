@@ -58,7 +58,7 @@ double PluginHost::flush(const std::string& mac, std::uint64_t entries) {
     zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &absent);
     waitForDeletions(deleted + entries);
   });
-  stop();
+  plugin_.stop();  // which waits for deletions in progress
   const std::uint64_t asked = deletionCounters().requested - requested;
   if (asked == entries) return seconds;
   throw lab::Error(fmt::format("a flush asked for {} deletions, not {}", asked, entries));

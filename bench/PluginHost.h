@@ -17,7 +17,8 @@ class PluginHost {
  public:
   /// Loads |path| and starts it in the calling thread's namespace. Throws lab::Error.
   explicit PluginHost(const std::string& path);
-  ~PluginHost() { stop(); }
+  /// Returns when the deletions in progress are done.
+  ~PluginHost() { plugin_.stop(); }
   PluginHost(const PluginHost&) = delete;
   PluginHost& operator=(const PluginHost&) = delete;
 
@@ -29,9 +30,6 @@ class PluginHost {
   /// acknowledgements. Stops the plug-in afterwards. Throws lab::Error unless the flush deleted
   /// exactly |entries| entries and asked for no more.
   double flush(const std::string& mac, std::uint64_t entries);
-
-  /// Returns when the deletions in progress are done. Stopping again does nothing.
-  void stop() { plugin_.stop(); }
 
  private:
   Zan zan_;

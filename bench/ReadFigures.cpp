@@ -10,6 +10,7 @@
 #include "bench/Report.h"
 #include "bench/Scanner.h"
 #include "bench/SilentLog.h"
+#include "lab/Kernel.h"
 
 namespace bench {
 namespace {
@@ -29,23 +30,13 @@ class SmallReadsParser : public ZanConnTrackParser {
   std::array<char, 1024> smallBuffer_{};
 };
 
-/// Before 6.16 each read of the table starts with a walk from its head.
-bool walksFromTheHead(const std::string& release) {
-  int version = 0;
-  int patch = 0;
-  std::sscanf(release.c_str(), "%d.%d", &version, &patch);
-  return version < 6 || (version == 6 && patch < 16);
-}
-
 }  // namespace
 
 void measureReads(const Options& options, Report& report) {
   constexpr std::size_t kEntries = 10000;
   constexpr std::size_t kClients = 100;
   const BenchTable table({kEntries, kClients});
-  const Client client = BenchTable::client(BenchTable::kLoneClient);
-  const ZanConnTrackFileParseControlType control{kConntrackTablePath, client.ipv4,
-                                                 client.expandedIpv6};
+  const auto control = controlOf(BenchTable::client(BenchTable::kLoneClient));
   const std::size_t expected = table.entriesOf(BenchTable::kLoneClient).size();
   const SilentLog log;
   Scanner<SmallReadsParser> small;
@@ -54,20 +45,19 @@ void measureReads(const Options& options, Report& report) {
       options.effort, [&] { return small.scan(control, expected); },
       [&] { return own.scan(control, expected); });
 
-  const std::string release = kernelRelease();
+  // Before 6.16 each read of the table starts with a walk from its head.
   const std::optional<Target> target =
-      walksFromTheHead(release) ? std::optional(atLeast(2.5)) : std::nullopt;
+      lab::kernelIsAtLeast(6, 16) ? std::nullopt : std::optional(atLeast(2.5));
   constexpr double kPerEntry = 1e6 / kEntries;
-  const std::string scan = fmt::format("scan of {} on kernel {}", grouped(kEntries), release);
+  const std::string scan =
+      fmt::format("scan of {} on kernel {}", grouped(kEntries), lab::kernelRelease());
   report.add({scan + ", 4096-byte reads", "the same scan with 1024-byte reads", result.ratio, "x",
               target,
               fmt::format("{:.2f} us an entry, with 1024-byte reads {:.2f}",
                           result.peer.median * kPerEntry, result.subject.median * kPerEntry)});
   const Comparison floor = compare(
       options.effort, [&] { return own.scan(control, expected); }, [&] { return own.floor(); });
-  report.add({scan + ", client owns 1 %", "read to the end", floor.ratio, "x", std::nullopt,
-              fmt::format("{:.2f} us an entry, floor {:.2f}", floor.subject.median * kPerEntry,
-                          floor.peer.median * kPerEntry)});
+  report.add(againstFloor(scan + ", client owns 1 %", floor, kEntries));
 }
 
 }  // namespace bench

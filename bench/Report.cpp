@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "lab/Error.h"
+#include "lab/Kernel.h"
 
 namespace bench {
 namespace {
@@ -134,7 +135,7 @@ void Report::writeJson(const std::string& path) const {
   nlohmann::ordered_json all{{"machine",
                               {{"processor", machineModel()},
                                {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
-                               {"kernel", kernelRelease()},
+                               {"kernel", lab::kernelRelease()},
                                {"architecture", system.machine}}},
                              {"figures", nlohmann::ordered_json::array()}};
   for (const Figure& figure : figures_) {
@@ -163,13 +164,6 @@ void Report::writePlotData(const std::string& path) const {
   std::string text;
   for (const auto& [line, block] : blocks) text += block + "\n\n";
   writeFile(path, text);
-}
-
-std::string kernelRelease() {
-  utsname system{};
-  uname(&system);
-  const std::string release = system.release;
-  return release.substr(0, release.find_first_not_of("0123456789."));
 }
 
 std::string grouped(std::size_t number) {

@@ -78,9 +78,6 @@ class Report {
   std::vector<std::string> failures_;
 };
 
-/// The running kernel's release, "6.1.0" say, without what its builder has added.
-[[nodiscard]] std::string kernelRelease();
-
 /// 60000 as "60,000".
 [[nodiscard]] std::string grouped(std::size_t number);
 

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <optional>
+#include <utility>
 
 #include "bench/BenchTable.h"
 #include "bench/Figures.h"
@@ -39,11 +40,7 @@ const std::vector<Kind>& kinds() {
 
 /// What a scan of |kind| finds in |table|.
 std::size_t expectedOf(const BenchTable& table, const Kind& kind) {
-  const auto entries = table.entriesOf(kind.client);
-  if (kind.knowsIpv6) return entries.size();
-  std::size_t ipv4 = 0;
-  for (const auto& entry : entries) ipv4 += std::size_t{entry.reply.has_value()};
-  return ipv4;
+  return kind.knowsIpv6 ? table.entriesOf(kind.client).size() : table.ipv4EntriesOf(kind.client);
 }
 
 Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effort) {
@@ -57,9 +54,8 @@ Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effo
     silent.emplace();
   }
   Scanner<> scanner;
-  const Client client = BenchTable::client(kind.client);
-  const ZanConnTrackFileParseControlType control{kConntrackTablePath, client.ipv4,
-                                                 kind.knowsIpv6 ? client.expandedIpv6 : ""};
+  ZanConnTrackFileParseControlType control = controlOf(BenchTable::client(kind.client));
+  if (!kind.knowsIpv6) control.ipv6Address.clear();
   const std::size_t expected = expectedOf(table, kind);
   return compare(
       effort, [&] { return scanner.scan(control, expected); }, [&] { return scanner.floor(); });
@@ -76,9 +72,7 @@ void measureGrowth(const Options& options, Report& report) {
   const SilentLog log;
   BenchTable table({kSmallTable, 100});
   Scanner<> scanner;
-  const Client client = BenchTable::client(BenchTable::kLoneClient);
-  const ZanConnTrackFileParseControlType control{kConntrackTablePath, client.ipv4,
-                                                 client.expandedIpv6};
+  const auto control = controlOf(BenchTable::client(BenchTable::kLoneClient));
   const auto scanOf = [&](std::size_t size, int scans) {
     table.resize(size);
     const std::size_t expected = table.entriesOf(BenchTable::kLoneClient).size();
@@ -105,12 +99,11 @@ void measureScans(const Options& options, Report& report) {
       for (const Kind& kind : kinds()) {
         if (kind.clients != clients) continue;
         const Comparison result = measure(table, kind, options.effort);
-        const double perEntry = 1e6 / static_cast<double>(entries);
-        report.add({fmt::format("scan of {}, {}", grouped(entries), kind.name), "read to the end",
-                    result.ratio, "x", kind.target,
-                    fmt::format("{:.2f} us an entry, floor {:.2f}",
-                                result.subject.median * perEntry, result.peer.median * perEntry),
-                    Point{kind.name, static_cast<double>(entries)}});
+        Figure figure = againstFloor(fmt::format("scan of {}, {}", grouped(entries), kind.name),
+                                     result, entries);
+        figure.target = kind.target;
+        figure.point = Point{kind.name, static_cast<double>(entries)};
+        report.add(std::move(figure));
       }
     }
   }

@@ -8,14 +8,36 @@
 #include <array>
 #include <cstddef>
 #include <list>
+#include <optional>
+#include <string>
 
+#include "bench/BenchTable.h"
 #include "bench/Measure.h"
+#include "bench/Report.h"
 #include "ctmgr/ZanConnTrackParser.h"
 #include "host/Zan.h"
 #include "lab/Error.h"
 #include "refhost/UniqueFd.h"
 
 namespace bench {
+
+/// What the parser is asked for to find |client|.
+[[nodiscard]] inline ZanConnTrackFileParseControlType controlOf(const Client& client) {
+  return {kConntrackTablePath, client.ipv4, client.expandedIpv6};
+}
+
+/// Figure |name|: scans of a table of |entries| against its floor.
+[[nodiscard]] inline Figure againstFloor(const std::string& name, const Comparison& result,
+                                         std::size_t entries) {
+  const double perEntry = 1e6 / static_cast<double>(entries);
+  return {name,
+          "read to the end",
+          result.ratio,
+          "x",
+          std::nullopt,
+          fmt::format("{:.2f} us an entry, floor {:.2f}", result.subject.median * perEntry,
+                      result.peer.median * perEntry)};
+}
 
 /// |Parser| is ZanConnTrackParser or derived from it. Needs a log object, such as SilentLog.
 template <typename Parser = ZanConnTrackParser>

@@ -6,11 +6,9 @@
 #include <cstddef>
 #include <cstring>
 
-namespace {
+#include "ctmgr/Decimal.h"
 
-bool isDigit(char character) {
-  return character >= '0' && character <= '9';
-}
+namespace {
 
 constexpr std::int8_t kNoDigit = -1;
 
@@ -40,11 +38,8 @@ bool readGroup(const char* text, std::uint8_t* bytes) {
 /// A number up to 255 at |text|, which then stands behind it; false where there is none.
 bool readOctet(const char*& text, std::uint8_t& octet) {
   constexpr std::ptrdiff_t kMostDigits = 3;
-  unsigned int value = 0;
   const char* const start = text;
-  while (isDigit(*text) && text - start < kMostDigits) {
-    value = value * 10 + static_cast<unsigned int>(*text++ - '0');
-  }
+  const unsigned int value = readDecimal(text, kMostDigits);
   const bool leadingZero = *start == '0' && text - start > 1;
   if (text == start || leadingZero || value > UINT8_MAX) return false;
   octet = static_cast<std::uint8_t>(value);

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "ctmgr/Decimal.h"
+
 // Each reader takes where to read and returns where it ended, or null if the text has something
 // else there.
 namespace {
@@ -15,10 +17,6 @@ bool isBlank(char character) {
 /// Neither a blank nor the end of the text.
 bool isOfToken(char character) {
   return static_cast<unsigned char>(character) > ' ' || (character != '\0' && !isBlank(character));
-}
-
-bool isDigit(char character) {
-  return character >= '0' && character <= '9';
 }
 
 const char* skipBlanks(const char* text) {
@@ -49,11 +47,8 @@ const char* readToken(const char* text, char (&token)[size]) {
 /// A conversion "%hu".
 const char* readPort(const char* text, std::uint16_t& port) {
   constexpr std::ptrdiff_t kMostDigits = 9;  // what an unsigned int holds
-  unsigned int value = 0;
   const char* end = text;
-  while (isDigit(*end) && end - text < kMostDigits) {
-    value = value * 10 + static_cast<unsigned int>(*end++ - '0');
-  }
+  const unsigned int value = readDecimal(end, kMostDigits);
   if (end != text && !isDigit(*end)) {
     port = static_cast<std::uint16_t>(value);
     return end;

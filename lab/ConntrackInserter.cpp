@@ -1,6 +1,5 @@
 #include "lab/ConntrackInserter.h"
 
-#include <arpa/inet.h>
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/nf_conntrack_tcp.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -137,16 +136,8 @@ void ConntrackInserter::sendBatch(const std::vector<Entry>& entries, std::size_t
   for (std::size_t i = begin; i < end; ++i) {
     putEntry(messages, entries[i], static_cast<std::uint32_t>(i));
   }
-  send(messages);
-}
-
-void ConntrackInserter::send(const NetlinkWriter& messages) {
-  const std::vector<std::uint8_t>& bytes = messages.bytes();
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
-  if (::sendto(socket_.get(), bytes.data(), bytes.size(), 0,
-               reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel) < 0) {
-    throw systemError("cannot send conntrack requests to the kernel");
+  if (!messages.send(socket_.get())) {
+    throw systemError("cannot send conntrack entries to the kernel");
   }
 }
 
@@ -158,7 +149,7 @@ void ConntrackInserter::removeAll() {
   const std::size_t start = message.beginMessage(kType, NLM_F_REQUEST, 0);
   message.append(nfgenmsg{AF_UNSPEC, NFNETLINK_V0, 0});
   message.endMessage(start);
-  send(message);
+  if (!message.send(socket_.get())) throw systemError("cannot empty the conntrack table");
 }
 
 // The kernel has worked through the whole batch when sendto() returns, and answers each message.

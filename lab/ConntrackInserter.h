@@ -11,7 +11,6 @@
 namespace lab {
 
 class NetNamespace;
-class NetlinkWriter;
 
 /// Puts made-up entries into a conntrack table, as if their connections had been seen.
 class ConntrackInserter {
@@ -40,7 +39,6 @@ class ConntrackInserter {
   void removeAll();
 
  private:
-  void send(const NetlinkWriter& messages);
   void sendBatch(const std::vector<Entry>& entries, std::size_t begin, std::size_t end);
   void collectAcknowledgements(const std::vector<Entry>& entries, std::size_t begin,
                                std::size_t end);

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <linux/netlink.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -63,6 +64,14 @@ class NetlinkWriter {
   }
 
   [[nodiscard]] const std::vector<std::uint8_t>& bytes() const { return bytes_; }
+
+  /// Sends everything to the kernel. False, with errno set, if that fails.
+  [[nodiscard]] bool send(int socket) const {
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    return ::sendto(socket, bytes_.data(), bytes_.size(), 0,
+                    reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel) >= 0;
+  }
 
  private:
   void appendBytes(const void* data, std::size_t size) {

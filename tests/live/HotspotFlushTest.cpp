@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "lab/ConntrackInserter.h"
+#include "lab/Kernel.h"
 #include "lab/Process.h"
 #include "tests/live/LiveTest.h"
 
@@ -30,7 +31,7 @@ TEST_F(HotspotFlush, TakesTheEntriesOfWhoLeavesAndOfNobodyElse) {
   };
   // Before 6.16 the kernel counts its way through the table: the scan for a second client, while
   // the entries of the first are deleted, can miss some, which the repeated flush finds.
-  const auto limit = kernelIsAtLeast(6, 16) ? 1s : 7s;
+  const auto limit = lab::kernelIsAtLeast(6, 16) ? 1s : 7s;
   for (const auto& test : cases) {
     SCOPED_TRACE(test.name);
     Hotspot hotspot({.clients = test.clients, .ipv6Only = test.ipv6Only});

@@ -3,6 +3,7 @@
 
 #include <csignal>
 
+#include "lab/Kernel.h"
 #include "lab/MobileLink.h"
 #include "lab/Process.h"
 #include "tests/live/LiveTest.h"
@@ -89,7 +90,7 @@ TEST_F(IdleTracking, IsNotMisledByRenamesBridgesAndOverlappingPrefixes) {
   EXPECT_FALSE(logs(*mobile.host, " has lost ", 0s));
 
   // Older kernels rename an interface only while it is down.
-  const bool live = kernelIsAtLeast(6, 2);
+  const bool live = lab::kernelIsAtLeast(6, 2);
   const auto rename = [&](const std::string& from, const std::string& to) {
     ip((live ? "" : "link set " + from + " down\n") + "link set " + from + " name " + to + "\n" +
        (live ? "" : "link set " + to + " up\n"));

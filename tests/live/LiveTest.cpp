@@ -1,14 +1,12 @@
 #include "tests/live/LiveTest.h"
 
 #include <sched.h>
-#include <sys/utsname.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <utility>
 
+#include "lab/BuiltFile.h"
 #include "lab/Error.h"
 #include "lab/UserNamespace.h"
 
@@ -16,10 +14,6 @@ namespace {
 
 /// Why live tests cannot run here, if they cannot.
 std::string obstacle;
-
-std::string builtFile(const char* name) {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / name;
-}
 
 /// Before the process has threads.
 void prepareForLiveTests() {
@@ -35,9 +29,8 @@ void prepareForLiveTests() {
 
 }  // namespace
 
-// Beside the test program, in the folders of the build, wherever that was copied to.
-const std::string kHostProgram = builtFile("refhost/zanhost");
-const std::string kPluginPath = builtFile("ctmgr/vendor.libzanctmgr.so");
+const std::string kHostProgram = lab::builtFile("refhost/zanhost");
+const std::string kPluginPath = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
 
 int main(int argc, char** argv) {
   prepareForLiveTests();
@@ -57,15 +50,6 @@ lab::HostProcess::Options hostOptions(std::vector<std::string> properties) {
 bool logs(lab::HostProcess& host, const std::string& text, std::chrono::milliseconds limit) {
   const auto holdsIt = [&](const auto& line) { return line.text.find(text) != std::string::npos; };
   return host.waitForLog(holdsIt, limit).has_value();
-}
-
-bool kernelIsAtLeast(int version, int patchLevel) {
-  utsname name{};
-  uname(&name);
-  int major = 0;
-  int minor = 0;
-  std::sscanf(name.release, "%d.%d", &major, &minor);
-  return std::pair(major, minor) >= std::pair(version, patchLevel);
 }
 
 void LiveTest::SetUp() {

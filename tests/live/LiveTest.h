@@ -16,9 +16,6 @@
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
 
-/// Whether the running kernel has this version or a later one.
-[[nodiscard]] bool kernelIsAtLeast(int version, int patchLevel);
-
 /// Skips the test, with the reason, where the kernel does not let it run; fails it instead when
 /// CI=true is in the environment.
 class LiveTest : public testing::Test {
