@@ -1,9 +1,8 @@
 // zanbench: what the plug-in costs, beside what the kernel and other tools cost.
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,11 +10,11 @@
 #include "bench/Report.h"
 #include "lab/BuiltFile.h"
 #include "lab/UserNamespace.h"
+#include "refhost/CommandLine.h"
 
 namespace {
 
 constexpr int kFailed = 1;
-constexpr int kWrongArguments = 2;
 
 struct Subject {
   const char* name;
@@ -41,23 +40,27 @@ struct Arguments {
   bool ipv6 = false;
 };
 
-void declareOptions(CLI::App& app, Arguments& arguments) {
-  app.add_option("--plugin", arguments.options.plugin,
-                 "the plug-in; that of the same build if none")
-      ->default_val(lab::builtFile("ctmgr/vendor.libzanctmgr.so"));
-  app.add_flag("--quick", arguments.quick, "smaller tables and fewer rounds: about a minute");
-  std::vector<std::string> names;
-  for (const Subject& subject : kSubjects) names.emplace_back(subject.name);
-  app.add_option("--only", arguments.only, "one subject instead of all")
-      ->check(CLI::IsMember(names));
-  app.add_flag("--instructions", arguments.instructions,
-               "only the instructions of a line; fails when they are past their limit");
-  app.add_option("--merge", arguments.merge, "a JSON file of another run, whose figures to add");
-  app.add_option("--json", arguments.json, "a file for all figures");
-  app.add_option("--plot-data", arguments.plotData, "a file for bench/plot.gnuplot");
-  // What is run under callgrind.
-  app.add_option("--read-lines", arguments.readLines)->group("");
-  app.add_flag("--ipv6,!--ipv4", arguments.ipv6)->group("");
+std::optional<int> readArguments(int argc, char** argv, Arguments& arguments) {
+  std::vector<std::string> subjects;
+  for (const Subject& subject : kSubjects) subjects.emplace_back(subject.name);
+  constexpr int kMostLines = 1'000'000;
+  return CommandLine("Measures the plug-in against its floors and peers, in network namespaces.",
+                     "Exit status: 0 measured, 1 something could not be, or there are too many "
+                     "instructions,\n2 wrong arguments.")
+      .text("--plugin", arguments.options.plugin, "the plug-in; that of the same build if none")
+      .flag("--quick", arguments.quick, "smaller tables and fewer rounds: about a minute")
+      .choice("--only", arguments.only, subjects, "one subject instead of all")
+      .flag("--instructions", arguments.instructions,
+            "only the instructions of a line; fails when they are past their limit")
+      .text("--merge", arguments.merge, "a JSON file of another run, whose figures to add")
+      .text("--json", arguments.json, "a file for all figures")
+      .text("--plot-data", arguments.plotData, "a file for bench/plot.gnuplot")
+      // What is run under callgrind.
+      .number("--read-lines", arguments.readLines, 0, kMostLines, "")
+      .hidden()
+      .flag("--ipv6", arguments.ipv6, "")
+      .hidden()
+      .parse(argc, argv);
 }
 
 void measure(const Arguments& arguments, bench::Report& report) {
@@ -88,16 +91,8 @@ int measureAndReport(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
   Arguments arguments;
-  CLI::App app("Measures the plug-in against its floors and peers, in network namespaces.");
-  app.footer(
-      "Exit status: 0 measured, 1 something could not be, or there are too many instructions,\n"
-      "2 wrong arguments.");
-  declareOptions(app, arguments);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kWrongArguments;
-  }
+  arguments.options.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
+  if (const auto status = readArguments(argc, argv, arguments)) return *status;
   arguments.options.effort = arguments.quick ? bench::Effort{7, 0.5} : bench::Effort{15, 2};
   arguments.options.tableSizes = {1000, 10000, 60000};
   if (!arguments.quick) arguments.options.tableSizes.push_back(200000);

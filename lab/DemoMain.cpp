@@ -1,7 +1,5 @@
 // zandemo: two acts that show the system at work. See Demo and IdleDemo.
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 #include "lab/Demo.h"
@@ -9,34 +7,32 @@
 #include "lab/HostProcess.h"
 #include "lab/IdleDemo.h"
 #include "lab/Program.h"
+#include "refhost/CommandLine.h"
 
 int main(int argc, char** argv) {
-  constexpr int kWrongArguments = 2;
   lab::HostProcess::Options host;
   int timers = 1;
   bool kernelText = false;
-  CLI::App app(
-      "Shows the two jobs of a plug-in, run by a host program, on the kernel of this machine,\n"
-      "and checks each in the kernel's own state:\n"
-      "  1. a hotspot of network namespaces; a client leaves and an upstream address gets lost;\n"
-      "     what is left of their connections is deleted\n"
-      "  2. a mobile link falls asleep; the kernel's idle timer runs out and is set back\n"
-      "Takes about half a minute. Needs root or unprivileged user namespaces, and the programs\n"
-      "ip, iptables and ip6tables. Nothing outside the namespaces is touched.");
-  app.add_option("--host", host.program, "the host program")->required();
-  app.add_option("--plugin", host.plugin, "the plug-in for it")->required();
-  app.add_option("--timers", timers, "how many idle timers run out; all take three minutes more")
-      ->check(CLI::Range(1, lab::IdleDemo::kTimers))
-      ->capture_default_str();
-  app.add_flag("--kernel-text", kernelText, "also print the kernel's own lines");
-  app.footer(
-      "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
-      "arguments, 130 interrupted.");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kWrongArguments;
-  }
+  const auto status =
+      CommandLine(
+          "Shows the two jobs of a plug-in, run by a host program, on the kernel of this machine,\n"
+          "and checks each in the kernel's own state:\n"
+          "  1. a hotspot of network namespaces; a client leaves and an upstream address gets "
+          "lost;\n"
+          "     what is left of their connections is deleted\n"
+          "  2. a mobile link falls asleep; the kernel's idle timer runs out and is set back\n"
+          "Takes about half a minute. Needs root or unprivileged user namespaces, and the "
+          "programs\n"
+          "ip, iptables and ip6tables. Nothing outside the namespaces is touched.",
+          "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
+          "arguments, 130 interrupted.")
+          .required("--host", host.program, "the host program")
+          .required("--plugin", host.plugin, "the plug-in for it")
+          .number("--timers", timers, 1, lab::IdleDemo::kTimers,
+                  "how many idle timers run out; all take three minutes more")
+          .flag("--kernel-text", kernelText, "also print the kernel's own lines")
+          .parse(argc, argv);
+  if (status) return *status;
   return lab::runProgram("zandemo", [&] {
     lab::DemoReport report(kernelText);
     lab::Demo(host, report).run();

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <linux/rtnetlink.h>
-#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -42,23 +41,6 @@ int kernelNeighbours() {
     if (socket.NetlinkRecv(0, countNeighbour, &dump) < 0) return -1;
   }
   return dump.neighbours;
-}
-
-nlohmann::ordered_json recordJson(const std::optional<HalFilterInfo>& record) {
-  if (!record) return nullptr;
-  return {{"wwanStatus", record->wwanStatus},
-          {"text1", record->wwanText1},
-          {"text2", record->wwanText2},
-          {"icmpFilterDisabled", record->icmpFilterDisabled}};
-}
-
-nlohmann::ordered_json interfaceJson(const HostStatus::Interface& interface) {
-  return {{"connected", interface.connected},
-          {"apns", interface.apns},
-          {"dormancy", interface.dormancy},
-          {"filterMode", interface.filterMode},
-          {"filters", recordJson(interface.filters)},
-          {"listenFilters", recordJson(interface.listenFilters)}};
 }
 
 std::string interfaceText(const HostStatus::Interface& interface) {
@@ -104,28 +86,6 @@ HostStatus readHostStatus(Zan& zan) {
           zan.zanDsm.tetheringIndicator != 0,
           readInterfaces(zan),
           currentPrivileges()};
-}
-
-std::string HostStatus::json() const {
-  nlohmann::ordered_json byName = nlohmann::ordered_json::object();
-  for (const Interface& interface : interfaces) byName[interface.name] = interfaceJson(interface);
-  const nlohmann::ordered_json status{
-      {"clients", clients},
-      {"neighbours",
-       {{"kernel", kernelNeighbours}, {"events", notifications}, {"overruns", overruns}}},
-      {"deletions",
-       {{"requested", requested},
-        {"deleted", deleted},
-        {"alreadyGone", alreadyGone},
-        {"refused", refused}}},
-      {"tethering", tethering},
-      {"interfaces", byName},
-      {"privileges",
-       {{"pid", getpid()},
-        {"uid", privileges.uid},
-        {"gid", privileges.gid},
-        {"capabilities", privileges.capabilities}}}};
-  return status.dump();
 }
 
 std::string HostStatus::text() const {

@@ -1,6 +1,6 @@
 #include "refhost/LogSink.h"
 
-#include <nlohmann/json.hpp>
+#include <spdlog/async.h>
 #include <spdlog/sinks/base_sink.h>
 
 #include <array>
@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "refhost/HostLog.h"
+#include "refhost/Json.h"
 #include "refhost/TimedWrite.h"
 
 namespace {
@@ -55,12 +56,6 @@ std::string oneLine(std::string text) {
   return text;
 }
 
-std::string jsonLine(int level, int module, const std::string& text) {
-  const nlohmann::ordered_json line{
-      {"time", timeStamp()}, {"level", level}, {"module", moduleName(module)}, {"text", text}};
-  return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
 std::string textLine(int level, int module, std::string text) {
   return fmt::format("{} {} {} {}", timeStamp(), level, moduleName(module),
                      oneLine(std::move(text)));
@@ -93,24 +88,28 @@ class StreamSink final : public spdlog::sinks::base_sink<std::mutex> {
 
 }  // namespace
 
+struct LogSink::Writer {
+  std::shared_ptr<std::atomic<bool>> closing = std::make_shared<std::atomic<bool>>(false);
+  std::shared_ptr<spdlog::details::thread_pool> thread;
+  std::shared_ptr<spdlog::async_logger> lines;
+};
+
 LogSink::LogSink(int fd, Format format, int threshold)
-    : format_(format),
-      threshold_(threshold),
-      closing_(std::make_shared<std::atomic<bool>>(false)),
-      writer_(std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1)),
-      lines_(std::make_shared<spdlog::async_logger>(
-          "host", std::make_shared<StreamSink>(fd, closing_), writer_,
-          spdlog::async_overflow_policy::overrun_oldest)) {
+    : format_(format), threshold_(threshold), writer_(std::make_unique<Writer>()) {
+  writer_->thread = std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1);
+  writer_->lines = std::make_shared<spdlog::async_logger>(
+      "host", std::make_shared<StreamSink>(fd, writer_->closing), writer_->thread,
+      spdlog::async_overflow_policy::overrun_oldest);
   zan_log_class_ptr = this;
 }
 
 LogSink::~LogSink() {
   zan_log_class_ptr = nullptr;
-  *closing_ = true;
-  const std::size_t dropped = writer_->overrun_counter();
+  *writer_->closing = true;
+  const std::size_t dropped = writer_->thread->overrun_counter();
   if (dropped != 0) write(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped));
-  lines_.reset();
-  writer_.reset();  // writes what is queued
+  writer_->lines.reset();
+  writer_->thread.reset();  // writes what is queued
 }
 
 void LogSink::log(int level, int module, const char* format, ...) {
@@ -133,6 +132,7 @@ void LogSink::log(int level, int module, const char* format, ...) {
 }
 
 void LogSink::write(int level, int module, std::string text) {
-  lines_->info(format_ == Format::kJson ? jsonLine(level, module, text)
-                                        : textLine(level, module, std::move(text)));
+  writer_->lines->info(format_ == Format::kJson
+                           ? logLineJson({timeStamp(), level, moduleName(module), text})
+                           : textLine(level, module, std::move(text)));
 }

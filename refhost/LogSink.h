@@ -1,9 +1,8 @@
 // The reference host's log object: lines to a stream, as text or as JSON.
 #pragma once
 
-#include <spdlog/async.h>
-
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -35,11 +34,11 @@ class LogSink final : public ZanMsg {
   [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
 
  private:
+  struct Writer;
+
   void write(int level, int module, std::string text);
 
   Format format_;
   std::atomic<int> threshold_;
-  std::shared_ptr<std::atomic<bool>> closing_;  ///< shared with the writer
-  std::shared_ptr<spdlog::details::thread_pool> writer_;
-  std::shared_ptr<spdlog::async_logger> lines_;
+  std::unique_ptr<Writer> writer_;
 };

@@ -1,7 +1,5 @@
 // zanhost: runs a connection-tracking plug-in on any Linux machine.
-#include <CLI/CLI.hpp>
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -12,13 +10,13 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "refhost/Command.h"
 #include "refhost/CommandConsole.h"
+#include "refhost/CommandLine.h"
 #include "refhost/HostLog.h"
 #include "refhost/HostSession.h"
 #include "refhost/HostSides.h"
@@ -35,7 +33,7 @@
 namespace {
 
 /// Exit codes: what was asked for is wrong; what was asked for cannot be had.
-constexpr int kExitUsage = 2;
+constexpr int kExitUsage = CommandLine::kWrongArguments;
 constexpr int kExitUnavailable = 1;
 
 struct Options {
@@ -44,7 +42,7 @@ struct Options {
   std::string propertiesFile;
   std::string script;
   std::vector<std::string> wwan;
-  LogSink::Format logFormat = LogSink::Format::kText;
+  std::string logFormat = "text";
   int logLevel = kHostNotice;
 };
 
@@ -53,23 +51,25 @@ int fail(int code, const std::string& text) {
   return code;
 }
 
-void declareOptions(CLI::App& app, Options& options) {
-  const std::map<std::string, LogSink::Format> formats{{"text", LogSink::Format::kText},
-                                                       {"json", LogSink::Format::kJson}};
-  app.add_option("--plugin", options.plugin, "the plug-in to load")->required();
-  app.add_option("--property", options.properties, "a system property, NAME=VALUE; repeatable")
-      ->allow_extra_args(false);
-  app.add_option("--properties", options.propertiesFile, "a file of NAME=VALUE lines");
-  app.add_option("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
-      ->allow_extra_args(false);
-  app.add_option("--script", options.script, "read commands from this file, not standard input");
-  app.add_option("--log-format", options.logFormat, "text or json, on standard error")
-      ->transform(CLI::CheckedTransformer(formats));
-  app.add_option("--log-level", options.logLevel, "drop lines below this level")
-      ->check(CLI::Range(0, 4))
-      ->capture_default_str();
-  app.footer("Commands:\n" + commandHelp() +
-             "\nThe end of the input does not end the host; 'quit', SIGINT and SIGTERM do.");
+/// Exit status, when the command line ends the program.
+std::optional<int> readOptions(int argc, char** argv, Options& options) {
+  return CommandLine("Runs a connection-tracking plug-in as its host would, on any Linux machine.",
+                     "Commands:\n" + commandHelp() +
+                         "\nThe end of the input does not end the host; 'quit', SIGINT and SIGTERM "
+                         "do.")
+      .required("--plugin", options.plugin, "the plug-in to load")
+      .texts("--property", options.properties, "a system property, NAME=VALUE; repeatable")
+      .text("--properties", options.propertiesFile, "a file of NAME=VALUE lines")
+      .texts("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
+      .text("--script", options.script, "read commands from this file, not standard input")
+      .choice("--log-format", options.logFormat, {"text", "json"}, "of standard error")
+      .number("--log-level", options.logLevel, kHostTrace, kHostError,
+              "drop lines below this level")
+      .parse(argc, argv);
+}
+
+LogSink::Format logFormatOf(const Options& options) {
+  return options.logFormat == "json" ? LogSink::Format::kJson : LogSink::Format::kText;
 }
 
 /// The script's lines, or what is wrong with them: a script is checked before anything starts.
@@ -79,7 +79,7 @@ std::optional<std::string> readScript(const std::string& path, std::vector<std::
   for (std::string line; std::getline(file, line);) {
     lines.push_back(line);
     const std::string error = parseCommand(line).error;
-    if (!error.empty()) return fmt::format("{}:{}: {}", path, lines.size(), error);
+    if (!error.empty()) return path + ":" + std::to_string(lines.size()) + ": " + error;
   }
   if (file.bad()) return "cannot read the script " + path + ": " + std::strerror(errno);
   return std::nullopt;
@@ -151,7 +151,7 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
   if (!signals.valid()) {
     return fail(kExitUnavailable, std::string("no signalfd: ") + std::strerror(errno));
   }
-  const LogSink log(STDERR_FILENO, options.logFormat, options.logLevel);
+  const LogSink log(STDERR_FILENO, logFormatOf(options), options.logLevel);
   HostSession session(STDOUT_FILENO, channel);
   EventLoop& loop = session.host().zanCom.hostSide().loop;
   loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
@@ -178,14 +178,8 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
 
 int main(int argc, char** argv) {
   fillStandardStreams();
-  CLI::App app("Runs a connection-tracking plug-in as its host would, on any Linux machine.");
   Options options;
-  declareOptions(app, options);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kExitUsage;  // --help is no error
-  }
+  if (const auto status = readOptions(argc, argv, options)) return *status;
 
   std::vector<std::string> script;
   if (!options.script.empty()) {
@@ -193,6 +187,6 @@ int main(int argc, char** argv) {
   }
   if (const auto wrong = wrongInterfaceName(options)) return fail(kExitUsage, *wrong);
   if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
-  return runUnderPrivilegedParent(options.logFormat, options.logLevel,
+  return runUnderPrivilegedParent(logFormatOf(options), options.logLevel,
                                   [&](int channel) { return runHost(options, script, channel); });
 }
