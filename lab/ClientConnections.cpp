@@ -11,18 +11,17 @@
 
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
+#include "lab/Patience.h"
 
 namespace lab {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kOpeningLimit{5};
-
 /// Also bounds connect(), which is why it is set before.
-void setSendTimeout(int fd, std::chrono::seconds limit) {
+void setSendTimeout(int fd) {
   timeval timeout{};
-  timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(limit.count());
+  timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(kPatience.count());
   ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
@@ -44,7 +43,7 @@ ClientConnections::ClientConnections(const HotspotNetwork& network, std::size_t 
       }
     }
   });
-  if (exchange(kOpeningLimit) == count()) return;
+  if (exchange() == count()) return;
   for (const Connection& connection : connections_) {
     if (connection.received == connection.expected) continue;
     throw Error("no echo on the first round trip of the " + connection.description);
@@ -62,7 +61,7 @@ void ClientConnections::open(const HotspotNetwork& network, std::size_t client, 
   if (!connection.fd.valid()) throw systemError("no socket for the " + connection.description);
 
   const int fd = connection.fd.get();
-  setSendTimeout(fd, kOpeningLimit);
+  setSendTimeout(fd);
   if (stream) {
     // Closing resets: a connection that waits for answers that never come would keep the
     // client's namespace alive for minutes.
@@ -78,8 +77,8 @@ void ClientConnections::open(const HotspotNetwork& network, std::size_t client, 
   connections_.push_back(std::move(connection));
 }
 
-std::size_t ClientConnections::exchange(std::chrono::milliseconds limit) {
-  const Clock::time_point deadline = Clock::now() + limit;
+std::size_t ClientConnections::exchange() {
+  const Clock::time_point deadline = Clock::now() + kPatience;
   sendPayloads();
   std::vector<Connection*> waiting;
   for (Connection& connection : connections_) waiting.push_back(&connection);

@@ -12,13 +12,12 @@
 
 #include "lab/Error.h"
 #include "lab/NetNamespace.h"
+#include "lab/Patience.h"
 
 namespace lab {
 namespace {
 
 constexpr std::size_t kTailLines = 20;
-// From the end of a process's output to the end of the process.
-constexpr std::chrono::milliseconds kEndGrace{200};
 
 std::vector<std::string> commandLine(const HostProcess::Options& options) {
   std::vector<std::string> argv{options.program,
@@ -71,14 +70,11 @@ HostProcess::HostProcess(const Options& options, const NetNamespace& where)
       stopCollecting_(::eventfd(0, EFD_CLOEXEC)) {
   if (!stopCollecting_.valid()) throw systemError("cannot create an eventfd");
   collector_ = std::thread([this] { collect(); });
-  if (waitForLog(isReady, options.readyLimit)) return;
+  if (waitForLog(isReady)) return;
 
-  const bool ended = process_.waitFor(kEndGrace);
-  const std::string why =
-      ended ? "ended with " + process_.status().text()
-            : "was not ready within " + std::to_string(options.readyLimit.count()) + " ms";
+  const std::string why = fate("does not get ready");
   killAndJoin();
-  throw Error("the host " + options.program + " " + why + ". It said:" + logTail());
+  throw Error("the host " + options.program + " " + why);
 }
 
 HostProcess::~HostProcess() {
@@ -93,7 +89,7 @@ void HostProcess::killAndJoin() {
   collector_.join();
 }
 
-std::string HostProcess::command(const std::string& text, std::chrono::milliseconds limit) {
+std::string HostProcess::command(const std::string& text) {
   std::unique_lock lock(mutex_);
   const std::size_t answersBefore = answers_.size();
   const std::size_t logBefore = log_.size();
@@ -102,23 +98,19 @@ std::string HostProcess::command(const std::string& text, std::chrono::milliseco
                         isComplaint);
   };
   lock.unlock();
-  const bool written = process_.write(text + "\n");
+  // A host that does not read any more is about to end, and its output with it.
+  static_cast<void>(process_.write(text + "\n"));
   lock.lock();
-  if (written) {
-    changed_.wait_for(lock, limit, [&] {
-      return answers_.size() > answersBefore || outputEnded_ || complaint() != log_.end();
-    });
-  }
+  changed_.wait_for(lock, kPatience, [&] {
+    return answers_.size() > answersBefore || outputEnded_ || complaint() != log_.end();
+  });
   if (answers_.size() > answersBefore) return answers_[answersBefore];
   const auto refusal = complaint();
   if (refusal != log_.end()) {
     throw Error("the host refuses the command '" + text + "': " + refusal->text);
   }
-  const bool gone = !written || outputEnded_;
   lock.unlock();
-  std::string why = "did not answer within " + std::to_string(limit.count()) + " ms";
-  if (gone && process_.waitFor(kEndGrace)) why = "ended with " + process_.status().text();
-  throw Error("the command '" + text + "' failed: the host " + why + ". It said last:" + logTail());
+  throw Error("the command '" + text + "' failed: the host " + fate("does not answer"));
 }
 
 nlohmann::json HostProcess::status() {
@@ -128,24 +120,17 @@ nlohmann::json HostProcess::status() {
   return result;
 }
 
-std::optional<HostProcess::LogLine> HostProcess::waitForLog(const Predicate& predicate,
-                                                            std::chrono::milliseconds limit,
-                                                            std::size_t from) {
+std::optional<HostProcess::LogLine> HostProcess::waitForLog(const Predicate& predicate) {
   std::unique_lock lock(mutex_);
-  std::size_t next = from;
+  std::size_t next = 0;
   std::optional<LogLine> found;
-  changed_.wait_for(lock, limit, [&] {
+  changed_.wait_for(lock, kPatience, [&] {
     for (; next < log_.size() && !found; ++next) {
       if (predicate(log_[next])) found = log_[next];
     }
     return found.has_value() || outputEnded_;
   });
   return found;
-}
-
-std::size_t HostProcess::logCount() const {
-  const std::lock_guard lock(mutex_);
-  return log_.size();
 }
 
 std::vector<HostProcess::LogLine> HostProcess::log() const {
@@ -157,16 +142,16 @@ bool HostProcess::running() {
   return !process_.waitFor(std::chrono::milliseconds(0));
 }
 
-ExitStatus HostProcess::stop(int signal, std::chrono::milliseconds limit) {
+ExitStatus HostProcess::stop(int signal) {
   if (signal != 0) process_.signal(signal);
-  if (!process_.waitFor(limit)) {
+  if (!process_.waitFor()) {
     process_.signal(SIGKILL);
-    throw Error("the host had not ended " + std::to_string(limit.count()) + " ms after signal " +
-                std::to_string(signal) + " and was killed. It said last:" + logTail());
+    throw Error("the host does not end after signal " + std::to_string(signal) +
+                " and was killed. It said last:" + logTail());
   }
   // A child of the host could hold its streams open, hence the limit.
   std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, std::chrono::seconds(1), [this] { return outputEnded_; });
+  changed_.wait_for(lock, kPatience, [this] { return outputEnded_; });
   return process_.status();
 }
 
@@ -221,6 +206,15 @@ void HostProcess::fileLogLine(const std::string& line) {
   const std::lock_guard lock(mutex_);
   log_.push_back(std::move(parsed));
   changed_.notify_all();
+}
+
+std::string HostProcess::fate(const std::string& otherwise) {
+  std::unique_lock lock(mutex_);
+  const bool outputEnded = outputEnded_;
+  lock.unlock();
+  const bool ended = outputEnded && process_.waitFor();
+  return (ended ? "ended with " + process_.status().text() : otherwise) +
+         ". It said last:" + logTail();
 }
 
 std::string HostProcess::logTail() const {

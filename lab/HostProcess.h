@@ -38,8 +38,6 @@ class HostProcess {
     std::function<bool(const std::string& line)> keepLine;
     /// Further command line words.
     std::vector<std::string> arguments;
-    /// How long loading the plug-in may take.
-    std::chrono::milliseconds readyLimit = std::chrono::seconds(10);
   };
 
   struct LogLine {
@@ -63,30 +61,25 @@ class HostProcess {
   HostProcess& operator=(const HostProcess&) = delete;
 
   /// Gives the host one command (without a newline) and returns the line it answers. Throws
-  /// Error with the host's complaint if it refuses the command, and if there is no answer within
-  /// |limit|; after that, answers and commands may no longer match. Not for the textual
-  /// "status", which answers several lines.
-  std::string command(const std::string& text,
-                      std::chrono::milliseconds limit = std::chrono::seconds(5));
+  /// Error with the host's complaint if it refuses the command, and if no answer comes; after
+  /// that, answers and commands may no longer match. Not for the textual "status", which answers
+  /// several lines.
+  std::string command(const std::string& text);
 
   /// The answer to "status json". Throws Error as command() does, and for anything but JSON.
   [[nodiscard]] nlohmann::json status();
 
-  /// The first log line, from number |from| on, for which |predicate| is true; waits up to
-  /// |limit| for it to come, not beyond the host's end. |predicate| must not use this object.
-  [[nodiscard]] std::optional<LogLine> waitForLog(const Predicate& predicate,
-                                                  std::chrono::milliseconds limit,
-                                                  std::size_t from = 0);
-  /// How many lines have been logged so far: a |from| for "only what comes now".
-  [[nodiscard]] std::size_t logCount() const;
+  /// The first log line for which |predicate| is true; waits for it to come, not beyond the host's
+  /// end. |predicate| must not use this object.
+  [[nodiscard]] std::optional<LogLine> waitForLog(const Predicate& predicate);
   [[nodiscard]] std::vector<LogLine> log() const;
 
   [[nodiscard]] pid_t pid() const { return process_.pid(); }
   [[nodiscard]] bool running();
 
   /// Sends |signal| (0: none, the host ends by itself) and returns how the host ended; its log
-  /// is complete then. Throws Error, and kills it, if it has not ended within |limit|.
-  ExitStatus stop(int signal, std::chrono::milliseconds limit = std::chrono::seconds(5));
+  /// is complete then. Throws Error, and kills it, if it does not end.
+  ExitStatus stop(int signal);
 
  private:
   void killAndJoin();
@@ -95,6 +88,8 @@ class HostProcess {
   bool collectFrom(int fd, std::string& partial, void (HostProcess::*file)(const std::string&));
   void fileAnswer(const std::string& line);
   void fileLogLine(const std::string& line);
+  /// How the host ended if its output has, otherwise |otherwise|; and what it said last.
+  [[nodiscard]] std::string fate(const std::string& otherwise);
   [[nodiscard]] std::string logTail() const;
 
   Process process_;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "lab/Patience.h"
 #include "refhost/UniqueFd.h"
 
 namespace lab {
@@ -46,9 +47,9 @@ class Process {
   /// Runs |argv| to its end with |input| on its standard input. Throws Error if it cannot be
   /// executed or is not done within |limit| (it is killed then); a bad exit status is the
   /// caller's to judge.
-  [[nodiscard]] static CommandResult run(
-      const std::vector<std::string>& argv, const NetNamespace* where,
-      const std::string& input = {}, std::chrono::milliseconds limit = std::chrono::seconds(10));
+  [[nodiscard]] static CommandResult run(const std::vector<std::string>& argv,
+                                         const NetNamespace* where, const std::string& input = {},
+                                         std::chrono::milliseconds limit = kPatience);
 
   /// Like run(), and throws Error with the command and what it said unless it succeeds.
   static std::string runChecked(const std::vector<std::string>& argv, const NetNamespace* where,
@@ -68,7 +69,7 @@ class Process {
 
   void signal(int number) const;
   /// Waits up to |limit|. False if the child still runs then.
-  bool waitFor(std::chrono::milliseconds limit);
+  bool waitFor(std::chrono::milliseconds limit = kPatience);
   [[nodiscard]] bool ended() const { return reaped_; }
   /// Valid once waitFor() returned true.
   [[nodiscard]] const ExitStatus& status() const { return status_; }

@@ -24,7 +24,6 @@ constexpr std::size_t kLatePorts = 10000;
 constexpr milliseconds kOnTheWay{500};
 /// A client's last flush forgets it, also when it has come back: here none does so soon.
 constexpr milliseconds kShortestAbsence = SoakGuests::kLastFlush + seconds(2);
-constexpr seconds kEchoLimit{5};
 
 }  // namespace
 
@@ -104,7 +103,7 @@ bool SoakGuests::talk() {
 void SoakGuests::exchange(std::size_t i) {
   ClientConnections& connections = *guests_.at(i).connections;
   sent_ += connections.count();
-  echoed_ += connections.exchange(kEchoLimit);
+  echoed_ += connections.exchange();
 }
 
 void SoakGuests::depart(const std::vector<std::size_t>& who, Milliseconds planned) {

@@ -27,6 +27,10 @@ void prepareForLiveTests() {
   unshare(CLONE_NEWNET);  // a conntrack table of our own: it is read under /proc/self
 }
 
+bool holds(const lab::HostProcess::LogLine& line, const std::string& text) {
+  return line.text.find(text) != std::string::npos;
+}
+
 }  // namespace
 
 const std::string kHostProgram = lab::builtFile("refhost/zanhost");
@@ -47,9 +51,13 @@ lab::HostProcess::Options hostOptions(std::vector<std::string> properties) {
   return options;
 }
 
-bool logs(lab::HostProcess& host, const std::string& text, std::chrono::milliseconds limit) {
-  const auto holdsIt = [&](const auto& line) { return line.text.find(text) != std::string::npos; };
-  return host.waitForLog(holdsIt, limit).has_value();
+bool logs(lab::HostProcess& host, const std::string& text) {
+  return host.waitForLog([&](const auto& line) { return holds(line, text); }).has_value();
+}
+
+std::ptrdiff_t linesWith(const std::string& text, const lab::HostProcess& host) {
+  const auto log = host.log();
+  return std::count_if(log.begin(), log.end(), [&](const auto& line) { return holds(line, text); });
 }
 
 void LiveTest::SetUp() {
@@ -71,11 +79,8 @@ void Hotspot::open(std::size_t i, std::size_t perKind) {
 void Hotspot::connect(std::size_t i, std::size_t perKind) {
   open(i, perKind);
   const auto& client = network.client(i);
-  const auto heardOf = [&](const std::string& text) {
-    return logs(host, text, std::chrono::seconds(5));
-  };
-  EXPECT_TRUE(client.ipv4.empty() || heardOf("Ipv4 neighbor Address " + client.ipv4));
-  EXPECT_TRUE(heardOf("Ipv6 neighbor Address " + client.ipv6));
+  EXPECT_TRUE(client.ipv4.empty() || logs(host, "Ipv4 neighbor Address " + client.ipv4));
+  EXPECT_TRUE(logs(host, "Ipv6 neighbor Address " + client.ipv6));
 }
 
 void Hotspot::reportClients(const std::set<std::size_t>& present) {

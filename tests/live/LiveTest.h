@@ -31,8 +31,9 @@ extern const std::string kPluginPath;
 lab::HostProcess::Options hostOptions(std::vector<std::string> properties = {});
 
 /// Whether |host| logs a line that holds |text|, or has done so.
-[[nodiscard]] bool logs(lab::HostProcess& host, const std::string& text,
-                        std::chrono::milliseconds limit = std::chrono::seconds(1));
+[[nodiscard]] bool logs(lab::HostProcess& host, const std::string& text);
+/// How many such lines there are so far.
+[[nodiscard]] std::ptrdiff_t linesWith(const std::string& text, const lab::HostProcess& host);
 
 /// A hotspot whose gateway runs the host; connections are opened on demand.
 class Hotspot {
