@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "host/Properties.h"
+#include "lab/Patience.h"
 
 namespace {
 
@@ -178,10 +179,9 @@ std::string RecordingHost::take(const std::string& having) {
   return taken;
 }
 
-std::vector<RecordingHost::Request> RecordingHost::awaitRequests(std::size_t count,
-                                                                 Clock::duration limit) {
+std::vector<Bytes> RecordingHost::awaitRequests(std::size_t count) {
   std::unique_lock<std::mutex> lock(mutex);
-  requestRecorded.wait_for(lock, limit, [&] { return requests.size() >= count; });
+  requestRecorded.wait_for(lock, lab::kPatience, [&] { return requests.size() >= count; });
   return requests;
 }
 
@@ -213,7 +213,7 @@ void RecordingHost::recordRequest(int fd, const nlmsghdr* msg) {
   recordCall("sendConntrackNetlinkMsg", fd);
   const std::lock_guard<std::mutex> lock(mutex);
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(msg);
-  requests.push_back({Bytes(bytes, bytes + msg->nlmsg_len), Clock::now()});
+  requests.emplace_back(bytes, bytes + msg->nlmsg_len);
   requestRecorded.notify_all();
 }
 

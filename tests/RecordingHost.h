@@ -3,7 +3,6 @@
 
 #include <sys/mman.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -26,13 +25,6 @@ using Bytes = std::vector<std::uint8_t>;
 /// Thread: any for what the plug-in calls, take() and awaitRequests(); else the test's own.
 class RecordingHost : public ZanMsg {
  public:
-  using Clock = std::chrono::steady_clock;
-
-  struct Request {
-    Bytes bytes;
-    Clock::time_point when;
-  };
-
   RecordingHost() { zan_log_class_ptr = this; }
   virtual ~RecordingHost();
 
@@ -42,8 +34,8 @@ class RecordingHost : public ZanMsg {
   /// the manager's construction and destruction without the line number.
   std::string take(const std::string& having = "");
 
-  /// All delete requests so far, once there are |count| of them or |limit| has passed.
-  std::vector<Request> awaitRequests(std::size_t count, Clock::duration limit);
+  /// All delete requests so far, once there are |count| of them or patience has run out.
+  std::vector<Bytes> awaitRequests(std::size_t count);
 
   /// Has the socket |fd| receive |messages| and its watcher be called.
   void receive(int fd, Bytes messages);
@@ -85,7 +77,7 @@ class RecordingHost : public ZanMsg {
   std::mutex mutex;  ///< guards the two records
   std::condition_variable requestRecorded;
   std::vector<std::string> sequence;
-  std::vector<Request> requests;
+  std::vector<Bytes> requests;
   Bytes incoming;
 };
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 
@@ -16,7 +17,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = RecordingHost::Clock;
+using Clock = std::chrono::steady_clock;
 
 // Nothing in here may order the plug-in's threads, which would hide races: no lock, and no order
 // of memory but the relaxed one.
