@@ -12,11 +12,11 @@
 #include <ctime>
 
 #include "ctmgr/ZanConnTrackMgr.h"
+#include "lab/Patience.h"
 #include "tests/RecordingHost.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 // Nothing in here may order the plug-in's threads, which would hide races: no lock, and no order
@@ -71,7 +71,8 @@ std::string address(int client, bool ipv6) {
 
 /// One host's and manager's life with clients, addresses and a table of their own. The first
 /// kLeaving clients come and go, the others stay. The clean-ups of every other round run to their
-/// end; else the manager goes while they work and sleep.
+/// end; else the manager goes while they work and sleep, and those that are held then wake in the
+/// middle of the next round.
 class Round {
  public:
   explicit Round(int number) : number_(number) {}
@@ -86,13 +87,9 @@ class Round {
       if (client == kLeaving / 2 && whole_) sleepersHeld.store(false, kRelaxed);
       sendEvents(client);
     }
-    const auto limit = Clock::now() + 30s;
-    while (whole_ && host_.sent.load(kRelaxed) < kRequests && Clock::now() < limit) {
-      poll(nullptr, 0, 1);
-    }
-    const auto before = Clock::now();
-    EXPECT_EQ(deinit_ct_mgr(), 0);
-    EXPECT_LT(Clock::now() - before, 3s) << "waited for a sleeper";
+    const auto complete = [this] { return host_.sent.load(kRelaxed) >= kRequests; };
+    EXPECT_TRUE(!whole_ || lab::eventually(complete));
+    EXPECT_EQ(deinit_ct_mgr(), 0) << "who waits for the sleepers that are held does not return";
     ASSERT_LE(host_.sent.load(kRelaxed), host_.requests.size());
     host_.requests.resize(host_.sent.load(kRelaxed));
     check();
@@ -188,14 +185,13 @@ TEST(StressTest, EveryFlushIsCarriedOutOnceAndNothingOutlivesItsManager) {
 
 }  // namespace
 
-/// The pause of the clean-ups takes a millisecond here; its full length for every other sleeper
-/// while sleepers are held.
+/// The pause of the clean-ups takes a millisecond here; for every other sleeper as long as sleepers
+/// are held.
 extern "C" int nanosleep(const timespec* pause, timespec* /*left*/) {
   if (pause->tv_sec != SAP_CLIENT_RECHECK_DELAY) return ppoll(nullptr, 0, pause, nullptr);
   const bool held = sleeps.fetch_add(1, kRelaxed) % 2 == 0;
-  const auto end = Clock::now() + std::chrono::seconds(SAP_CLIENT_RECHECK_DELAY);
   do {
     poll(nullptr, 0, 1);
-  } while (held && sleepersHeld.load(kRelaxed) && Clock::now() < end);
+  } while (held && sleepersHeld.load(kRelaxed));
   return 0;
 }
