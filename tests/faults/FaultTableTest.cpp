@@ -15,7 +15,9 @@
 #include <thread>
 
 #include "ctmgr/ZanConnTrackMgr.h"
+#include "lab/Patience.h"
 #include "tests/RecordingHost.h"
+#include "tests/Sleepers.h"
 #include "tests/faults/FaultyCalls.h"
 
 namespace {
@@ -48,7 +50,10 @@ struct World {
                 tableEntry("10.0.0.1", 102) +
                 tableEntry("2001:0db8:0000:0000:0000:0000:0000:0001", 103));
   }
-  ~World() { deinit_ct_mgr(); }
+  ~World() {
+    deinit_ct_mgr();
+    sleepers::wake();
+  }
   void start(const char* switchedOff = "3") {
     deinit_ct_mgr();
     host.property = switchedOff;
@@ -239,18 +244,16 @@ int failAll(const std::string& name, Step prepare, Step run) {
 }
 
 TEST(FaultTable, EveryCallFailsInTurn) {
-  alarm(50);
   int failed = failAll("what the libraries keep", kStopped, kStopped);
   for (const auto& [name, prepare, run] : kOperations) {
     const long before = faults::allocations;
     failed += failAll(name, prepare, run);
-    // A clean-up whose manager has gone sleeps on for 5 seconds.
-    for (int i = 0; i < 600 && faults::allocations != before; ++i) {
-      std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_EQ(faults::allocations, before) << name;
+    // A clean-up that sleeps when its manager goes keeps its own until it wakes.
+    EXPECT_TRUE(lab::eventually([before] {
+      sleepers::wake();
+      return faults::allocations == before;
+    })) << name;
   }
-  alarm(0);
   std::cout << std::size(kOperations) << " operations, " << failed << " calls failed\n";
 }
 
