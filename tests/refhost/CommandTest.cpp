@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "lab/Patience.h"
 #include "refhost/Command.h"
 #include "refhost/CommandConsole.h"
 
@@ -96,7 +97,7 @@ class CommandConsoleTest : public testing::Test {
     EXPECT_EQ(write(writing.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
   void turnUntil(std::size_t count) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto end = std::chrono::steady_clock::now() + lab::kPatience;
     while (done.size() < count && std::chrono::steady_clock::now() < end) loop.turn(10);
     EXPECT_EQ(done.size(), count);
   }
@@ -113,7 +114,7 @@ class CommandConsoleTest : public testing::Test {
 TEST_F(CommandConsoleTest, CarriesOutLinesInOrderAndHoldsThemBackAfterAWait) {
   const auto start = std::chrono::steady_clock::now();
   type("clients\nbogus\n\nwait 0.2\nstat");
-  for (int turn = 0; turn < 20; ++turn) loop.turn(1);
+  turnUntil(3);
   EXPECT_THAT(done, ElementsAre("0", StartsWith("'bogus"), "3")) << "one line is unfinished";
   type("us json\nquit");
   writing.reset();
