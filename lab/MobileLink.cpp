@@ -9,7 +9,6 @@
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
 #include "lab/Process.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 namespace {
@@ -22,14 +21,24 @@ std::string uniqueName() {
   return "ww" + std::to_string(::getpid()) + "n" + std::to_string(count++);
 }
 
-void sendDatagram(const NetNamespace& from, const std::string& to) {
-  const IpAddress address(to);
+/// Bound to kPort of every address of |where|, also while others are.
+UniqueFd openPort(const NetNamespace& where, int family) {
+  UniqueFd fd = where.run([&] { return UniqueFd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)); });
+  const int on = 1;
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_storage any{};
+  const socklen_t length = IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(kPort, any);
+  if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&any), length) != 0) {
+    throw systemError("cannot bind the discard port");
+  }
+  return fd;
+}
+
+void sendDatagram(const UniqueFd& from, const std::string& to) {
   sockaddr_storage target{};
-  const socklen_t length = address.toSockaddr(kPort, target);
-  const UniqueFd fd =
-      from.run([&] { return UniqueFd(::socket(address.family(), SOCK_DGRAM | SOCK_CLOEXEC, 0)); });
+  const socklen_t length = IpAddress(to).toSockaddr(kPort, target);
   const auto* destination = reinterpret_cast<const sockaddr*>(&target);
-  if (::sendto(fd.get(), "x", 1, 0, destination, length) != 1) {
+  if (::sendto(from.get(), "x", 1, 0, destination, length) != 1) {
     throw systemError("cannot send to " + to);
   }
 }
@@ -58,6 +67,10 @@ MobileLink::MobileLink(const NetNamespace& gateway, std::size_t index)
   Process::runIpBatch(network_, "link set net0 addrgenmode none\nlink set net0 up\naddr add " +
                                     ipv4Net_ + "2/24 dev net0\naddr add " + ipv6Net_ +
                                     "2/64 dev net0 nodad\n");
+  for (const int family : {AF_INET, AF_INET6}) {
+    gatewayPorts_[family] = openPort(gateway_, family);
+    networkPorts_[family] = openPort(network_, family);
+  }
 }
 
 void MobileLink::connect() const {
@@ -79,11 +92,11 @@ void MobileLink::remove() const {
 }
 
 void MobileLink::sendOut(int family) const {
-  sendDatagram(gateway_, (family == AF_INET ? ipv4Net_ : ipv6Net_) + "2");
+  sendDatagram(gatewayPorts_.at(family), (family == AF_INET ? ipv4Net_ : ipv6Net_) + "2");
 }
 
 void MobileLink::sendIn(int family) const {
-  sendDatagram(network_, (family == AF_INET ? ipv4Net_ : ipv6Net_) + "1");
+  sendDatagram(networkPorts_.at(family), (family == AF_INET ? ipv4Net_ : ipv6Net_) + "1");
 }
 
 std::optional<int> MobileLink::remainingSeconds() const {

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 
 #include "lab/NetNamespace.h"
+#include "refhost/UniqueFd.h"
 
 namespace lab {
 
@@ -14,7 +16,7 @@ namespace lab {
 ///
 /// Idle timers are one list for the whole machine, and their names come from the interface's, so
 /// names differ between all links of all labs. Nothing is sent over a link unasked, once its first
-/// few seconds are over.
+/// few seconds are over, and no datagram is answered.
 ///
 /// Not thread-safe; everything but remainingSeconds() starts a child (see Process).
 class MobileLink {
@@ -48,6 +50,9 @@ class MobileLink {
   std::string name_;
   std::string ipv4Net_;
   std::string ipv6Net_;
+  /// By family. Without a socket that takes a datagram the kernel would answer it.
+  std::map<int, UniqueFd> gatewayPorts_;
+  std::map<int, UniqueFd> networkPorts_;
 };
 
 }  // namespace lab
