@@ -63,8 +63,14 @@ std::ptrdiff_t linesWith(const std::string& text, const lab::HostProcess& host) 
 void LiveTest::SetUp() {
   if (obstacle.empty()) return;
   const char* ci = std::getenv("CI");
-  if (ci != nullptr && std::string(ci) == "true") FAIL() << "cannot run here: " << obstacle;
-  GTEST_SKIP() << "cannot run here: " << obstacle;
+  if (ci != nullptr && std::string(ci) == "true") FAIL() << cannotRunHere(obstacle);
+  GTEST_SKIP() << cannotRunHere(obstacle);
+}
+
+std::string cannotRunHere(std::string why) {
+  while (!why.empty() && why.back() == '\n') why.pop_back();
+  std::replace(why.begin(), why.end(), '\n', ' ');
+  return "cannot run here: " + why;
 }
 
 Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> properties)
