@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <utility>
 
 #include "lab/BuiltFile.h"
@@ -42,11 +44,13 @@ int main(int argc, char** argv) {
   return RUN_ALL_TESTS();
 }
 
-lab::HostProcess::Options hostOptions(std::vector<std::string> properties) {
+lab::HostProcess::Options hostOptions(std::vector<std::string> properties,
+                                      std::vector<std::string> arguments) {
   lab::HostProcess::Options options;
   options.program = kHostProgram;
   options.plugin = kPluginPath;
   options.properties = std::move(properties);
+  options.arguments = std::move(arguments);
   options.logLevel = 0;
   return options;
 }
@@ -58,6 +62,23 @@ bool logs(lab::HostProcess& host, const std::string& text) {
 std::ptrdiff_t linesWith(const std::string& text, const lab::HostProcess& host) {
   const auto log = host.log();
   return std::count_if(log.begin(), log.end(), [&](const auto& line) { return holds(line, text); });
+}
+
+pid_t pluginProcess(lab::HostProcess& host) {
+  return host.status()["privileges"]["pid"].get<pid_t>();
+}
+
+char stateOf(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string stat;
+  std::getline(file, stat);
+  const std::size_t name = stat.rfind(") ");
+  return name == std::string::npos ? '?' : stat[name + 2];
+}
+
+std::ptrdiff_t threadsOf(pid_t process) {
+  const std::filesystem::directory_iterator entries("/proc/" + std::to_string(process) + "/task");
+  return std::distance(begin(entries), end(entries));
 }
 
 void LiveTest::SetUp() {
@@ -109,6 +130,19 @@ Hotspot::Entries Hotspot::entriesOf(std::size_t i) const {
     if (entry.isTcpOrUdp() && concerns) mine.push_back(entry);
   }
   return mine;
+}
+
+bool Hotspot::awaitDeletions(std::size_t count) {
+  return lab::eventually([&] { return host.status()["deletions"]["deleted"] == count; });
+}
+
+std::vector<std::size_t> Hotspot::foundByEachScan() const {
+  std::vector<std::size_t> found;
+  for (const auto& line : host.log()) {
+    if (holds(line, "parseNfConnTrackFile: 0x")) found.push_back(0);
+    if (holds(line, "parseNfConnTrackLine: AF=")) ++found.at(found.size() - 1);
+  }
+  return found;
 }
 
 bool sameConnections(const Hotspot::Entries& a, const Hotspot::Entries& b) {

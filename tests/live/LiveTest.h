@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <cstddef>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -15,6 +17,7 @@
 #include "lab/EchoServer.h"
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
+#include "lab/Patience.h"
 
 /// Skips the test, with the reason, where the kernel does not let it run; fails it instead when
 /// CI=true is in the environment.
@@ -31,12 +34,19 @@ extern const std::string kHostProgram;
 extern const std::string kPluginPath;
 
 /// The built host with the plug-in; it logs everything.
-lab::HostProcess::Options hostOptions(std::vector<std::string> properties = {});
+lab::HostProcess::Options hostOptions(std::vector<std::string> properties,
+                                      std::vector<std::string> arguments = {});
 
 /// Whether |host| logs a line that holds |text|, or has done so.
 [[nodiscard]] bool logs(lab::HostProcess& host, const std::string& text);
 /// How many such lines there are so far.
 [[nodiscard]] std::ptrdiff_t linesWith(const std::string& text, const lab::HostProcess& host);
+
+/// The process that has loaded the plug-in.
+[[nodiscard]] pid_t pluginProcess(lab::HostProcess& host);
+/// As the kernel shows it: 'S' when it sleeps, 'T' when it is stopped, and others.
+[[nodiscard]] char stateOf(pid_t process);
+[[nodiscard]] std::ptrdiff_t threadsOf(pid_t process);
 
 /// A hotspot whose gateway runs the host; connections are opened on demand.
 class Hotspot {
@@ -61,27 +71,11 @@ class Hotspot {
   [[nodiscard]] Entries entriesOf(std::size_t i) const;
   [[nodiscard]] Entries table() const { return lab::ConntrackTable::read(network.gateway()); }
 
-  /// Whether the table has no TCP and UDP entries of client |i| within |limit|.
-  [[nodiscard]] bool forgets(std::size_t i,
-                             std::chrono::milliseconds limit = std::chrono::seconds(1)) const {
-    return within(limit, [&] { return entriesOf(i).empty(); });
-  }
-
-  /// Polls until |condition| holds; false when |limit| has passed first.
-  template <typename Condition>
-  [[nodiscard]] static bool within(std::chrono::milliseconds limit, Condition condition) {
-    const auto end = Clock::now() + limit;
-    while (!condition()) {
-      if (Clock::now() > end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  }
-
-  /// A counter of "deletions" in the host's status.
-  [[nodiscard]] int deletions(const char* counter) {
-    return host.status()["deletions"][counter].get<int>();
-  }
+  /// Waits until the kernel has confirmed |count| deletions in all. When there is nothing more to
+  /// delete, the table stands still then.
+  [[nodiscard]] bool awaitDeletions(std::size_t count);
+  /// How many entries each scan of the table has found so far, in order.
+  [[nodiscard]] std::vector<std::size_t> foundByEachScan() const;
 
   lab::HotspotNetwork network;
   lab::EchoServer server;
