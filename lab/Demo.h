@@ -14,6 +14,7 @@
 #include "lab/EchoServer.h"
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
+#include "lab/Patience.h"
 
 namespace lab {
 
@@ -43,11 +44,14 @@ class Demo {
 
   using Clock = std::chrono::steady_clock;
 
-  /// Tries |condition| every |step| until it holds, at most until |deadline|. Returns when it came
-  /// to hold. Throws Interrupted.
+  /// Tries |condition| every |step| until it holds, at most for |limit|. Returns when it came to
+  /// hold. Throws Interrupted.
   [[nodiscard]] static std::optional<Clock::time_point> poll(
-      const std::function<bool()>& condition, Clock::time_point deadline,
+      const std::function<bool()>& condition, Clock::duration limit = kPatience,
       std::chrono::milliseconds step = std::chrono::milliseconds(1));
+
+  /// Throws Interrupted.
+  static void pauseUntil(Clock::time_point when);
 
   /// Ends |host| as a service manager would, and checks that it ended in order.
   static void stopHost(HostProcess& host, DemoReport& report);
@@ -71,7 +75,13 @@ class Demo {
   [[nodiscard]] Entries entriesOf(std::size_t i, Entries* all = nullptr) const;
   /// Like poll(), for the claim that |look| finds nothing any more.
   [[nodiscard]] static std::optional<Clock::time_point> pollUntilNone(
-      const std::function<Entries()>& look, Clock::time_point deadline);
+      const std::function<Entries()>& look);
+  /// Waits until the host has taken in all that the kernel has said of neighbours.
+  void awaitNeighbours();
+  [[nodiscard]] std::size_t deletionsCounted();
+  /// Waits until the host has counted a deletion for each entry that vanished: the kernel's answers
+  /// may reach it a moment later. False when it counts others.
+  bool awaitAnswers();
 
   HostProcess::Options hostOptions_;
   DemoReport& report_;

@@ -11,6 +11,7 @@
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
 #include "lab/MobileLink.h"
+#include "lab/Patience.h"
 
 namespace lab {
 
@@ -48,12 +49,12 @@ class IdleDemo {
 
   /// Looks at the link until |condition| holds for what it sees, at most for |limit|; says now and
   /// then that it still waits. True when it came to hold.
-  bool await(const Condition& condition, Clock::duration limit);
+  bool await(const Condition& condition, Clock::duration limit = kPatience);
   LinkMoment look();
 
   /// Waits for the timer of |timer| seconds to run out on the quiet link, and checks that it took
-  /// that long. |next|: the timer that has to follow; nothing for none.
-  void expire(int timer, std::optional<int> next);
+  /// no less. A longer one has to follow, unless it was the last.
+  void expire(int timer);
   void checkRules(std::size_t expected);
 
   HostProcess::Options hostOptions_;
@@ -67,7 +68,7 @@ class IdleDemo {
 
   std::vector<LinkMoment> moments_;
   Clock::time_point lastFrame_;
-  /// When the timer was last seen to begin anew.
+  /// The last look before the timer was seen to begin anew.
   Clock::time_point timerStart_;
 };
 

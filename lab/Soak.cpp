@@ -41,10 +41,6 @@ std::size_t filesIn(const std::string& folder) {
   return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-void pauseUntil(Clock::time_point when) {
-  static_cast<void>(Demo::poll([] { return false; }, when));
-}
-
 /// What a process uses.
 struct Footprint {
   explicit Footprint(pid_t pid) {
@@ -158,7 +154,7 @@ void Run::playUntil(milliseconds end) {
   while (true) {
     planned_ += milliseconds(kShortestPauseMs + draw(kPauseSpreadMs));
     if (planned_ >= end) break;
-    pauseUntil(begin + planned_);
+    Demo::pauseUntil(begin + planned_);
     playOne();
     tellProgress();
   }
@@ -198,7 +194,8 @@ Footprint Run::calmDown(const char* why) {
     tellProgress();
     return Clock::now() >= lastFlush && Footprint(pid_).threads <= idleThreads_;
   };
-  const bool ended = Demo::poll(idle, lastFlush + kWorkersLimit, milliseconds(100)).has_value();
+  const bool ended =
+      Demo::poll(idle, SoakGuests::kLastFlush + kWorkersLimit, milliseconds(100)).has_value();
   const Footprint now(pid_);
   report_.check(ended, "the workers of all flushes have ended",
                 to_string(idleThreads_) + " threads, as before them", now.text());

@@ -59,7 +59,7 @@ SoakGuests::Entries SoakGuests::establishedOf(std::size_t i) const {
     std::erase_if(entries, [](const ConntrackEntry& e) { return e.state != "ESTABLISHED"; });
     return entries.size() == 2 * guests_.at(i).perKind;
   };
-  static_cast<void>(Demo::poll(complete, Clock::now() + seconds(1), milliseconds(50)));
+  static_cast<void>(Demo::poll(complete, seconds(1), milliseconds(50)));
   return entries;
 }
 
@@ -135,7 +135,7 @@ bool SoakGuests::comeBack(Milliseconds planned) {
   for (const std::size_t i : list(false)) {
     const Guest& guest = guests_.at(i);
     if (planned < guest.departurePlanned + kShortestAbsence) continue;
-    static_cast<void>(Demo::poll([] { return false; }, guest.departed + kShortestAbsence));
+    Demo::pauseUntil(guest.departed + kShortestAbsence);
     noteStale(i);
     network_.attachClient(i);
     welcome(i);
