@@ -29,7 +29,6 @@ constexpr std::size_t kShortestPauseMs = 100;
 constexpr std::size_t kPauseSpreadMs = 400;
 constexpr seconds kLongestWarmUp{60};
 constexpr seconds kProgressStep{15};
-constexpr seconds kWorkersLimit{20};
 
 /// A heap that is used differently at the end, by fractions of its pages. A leak of 100 bytes a
 /// deleted entry comes to more within two minutes. Descriptors and threads are counted while
@@ -86,6 +85,7 @@ class Run {
   bool keepLine(const std::string& line);
   void playOne();
   void tellProgress();
+  bool linkIsConnected();
   bool command(const std::string& text);
   bool loseUpstream();
   bool changeLink();
@@ -189,17 +189,21 @@ Footprint Run::calmDown(const char* why) {
   command("tethering off");
   link_.disconnect();
   // A worker that flushes is a thread, which ends with its flush.
-  const Clock::time_point lastFlush = Clock::now() + SoakGuests::kLastFlush;
   const auto idle = [&] {
     tellProgress();
-    return Clock::now() >= lastFlush && Footprint(pid_).threads <= idleThreads_;
+    return !linkIsConnected() && Footprint(pid_).threads <= idleThreads_;
   };
   const bool ended =
-      Demo::poll(idle, SoakGuests::kLastFlush + kWorkersLimit, milliseconds(100)).has_value();
+      Demo::poll(idle, SoakGuests::kLastFlush + kPatience, milliseconds(100)).has_value();
   const Footprint now(pid_);
   report_.check(ended, "the workers of all flushes have ended",
                 to_string(idleThreads_) + " threads, as before them", now.text());
   return now;
+}
+
+bool Run::linkIsConnected() {
+  const nlohmann::json interfaces = host_.status().at("interfaces");
+  return interfaces.contains(link_.name()) && interfaces.at(link_.name()).at("connected");
 }
 
 bool Run::command(const std::string& text) {

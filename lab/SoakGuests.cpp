@@ -1,9 +1,13 @@
 #include "lab/SoakGuests.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
+#include <filesystem>
 #include <string>
 
 #include "lab/Demo.h"
+#include "lab/Error.h"
 
 namespace lab {
 namespace {
@@ -20,7 +24,7 @@ constexpr std::size_t kFirstPort = 7000;
 constexpr std::size_t kFirstLatePort = 20000;
 constexpr std::size_t kLatePorts = 10000;
 
-/// So long before, a datagram is sent that the last flush must find.
+/// So long before its last flush nobody is sent to any more.
 constexpr milliseconds kOnTheWay{500};
 /// A client's last flush forgets it, also when it has come back: here none does so soon.
 constexpr milliseconds kShortestAbsence = SoakGuests::kLastFlush + seconds(2);
@@ -28,7 +32,10 @@ constexpr milliseconds kShortestAbsence = SoakGuests::kLastFlush + seconds(2);
 }  // namespace
 
 SoakGuests::SoakGuests(const HotspotNetwork& network, HostProcess& host, std::mt19937& random)
-    : network_(network), host_(host), random_(random) {
+    : network_(network),
+      host_(host),
+      random_(random),
+      threadFolder_("/proc/" + host.status().at("privileges").at("pid").dump() + "/task") {
   for (std::size_t i = 0; i < kCount; ++i) welcome(i);
 }
 
@@ -59,12 +66,42 @@ SoakGuests::Entries SoakGuests::establishedOf(std::size_t i) const {
     std::erase_if(entries, [](const ConntrackEntry& e) { return e.state != "ESTABLISHED"; });
     return entries.size() == 2 * guests_.at(i).perKind;
   };
-  static_cast<void>(Demo::poll(complete, seconds(1), milliseconds(50)));
+  static_cast<void>(Demo::poll(complete, kPatience, milliseconds(50)));
   return entries;
+}
+
+/// Those of the host.
+SoakGuests::Threads SoakGuests::threads() const {
+  Threads result;
+  for (const auto& thread : std::filesystem::directory_iterator(threadFolder_)) {
+    result.insert(thread.path().filename());
+  }
+  return result;
+}
+
+void SoakGuests::awaitEnd(const Threads& threads) const {
+  const auto haveEnded = [&] {
+    const Threads now = this->threads();
+    return std::none_of(threads.begin(), threads.end(),
+                        [&now](const std::string& thread) { return now.count(thread) != 0; });
+  };
+  if (!Demo::poll(haveEnded, kLastFlush + kPatience)) throw Error("a worker of the host goes on");
+}
+
+/// Returns when the clean-up of client |i| has ended, and after it who deletes what it found.
+void SoakGuests::awaitLastFlush(std::size_t i) const {
+  awaitEnd(guests_.at(i).workers);
+  Threads deleting = threads();
+  for (const std::string& thread : idleThreads_) deleting.erase(thread);
+  for (const std::size_t other : list(false)) {
+    for (const std::string& thread : guests_.at(other).workers) deleting.erase(thread);
+  }
+  awaitEnd(deleting);
 }
 
 /// Keeps what client |i| has in the table after its last flush.
 void SoakGuests::noteStale(std::size_t i) {
+  if (!guests_.at(i).judged) return;
   const Entries entries = entriesOf(i);
   stale_.insert(stale_.end(), entries.begin(), entries.end());
   ++departures_;
@@ -84,6 +121,7 @@ void SoakGuests::welcome(std::size_t i) {
       std::make_unique<EchoServer>(network_.upstream(), static_cast<std::uint16_t>(kFirstPort + i));
   guest.perKind = kFewestPerKind + draw(kPerKindSpread);
   guest.present = true;
+  guest.judged = true;
   reportToHost();
   open(i);
 }
@@ -118,7 +156,12 @@ void SoakGuests::depart(const std::vector<std::size_t>& who, Milliseconds planne
     guest.departurePlanned = planned;
     guest.departed = Clock::now();
   }
+  const Threads before = threads();
   reportToHost();
+  static_cast<void>(host_.status());  // is answered when the workers have been started
+  Threads workers = threads();
+  for (const std::string& thread : before) workers.erase(thread);
+  for (const std::size_t i : who) guests_.at(i).workers = workers;
 }
 
 bool SoakGuests::leave(Milliseconds planned) {
@@ -135,7 +178,7 @@ bool SoakGuests::comeBack(Milliseconds planned) {
   for (const std::size_t i : list(false)) {
     const Guest& guest = guests_.at(i);
     if (planned < guest.departurePlanned + kShortestAbsence) continue;
-    Demo::pauseUntil(guest.departed + kShortestAbsence);
+    awaitLastFlush(i);
     noteStale(i);
     network_.attachClient(i);
     welcome(i);
@@ -148,9 +191,19 @@ bool SoakGuests::straggle() {
   const std::vector<std::size_t> away = list(false);
   if (away.empty()) return false;
   const std::size_t i = away[draw(away.size())];
+  Guest& guest = guests_.at(i);
   const auto port = static_cast<std::uint16_t>(kFirstLatePort + draw(kLatePorts));
-  if (Clock::now() > guests_.at(i).departed + kLastFlush - kOnTheWay) return false;
-  guests_.at(i).server->sendDatagram(network_.client(i).ipv6, port, "late");
+  const Clock::time_point lastFlush = guest.departed + kLastFlush;
+  if (Clock::now() > lastFlush - kOnTheWay) return false;
+  guest.server->sendDatagram(network_.client(i).ipv6, port, "late");
+  const auto arrived = [&] {
+    const Entries entries = entriesOf(i);
+    return std::any_of(entries.begin(), entries.end(), [port](const ConntrackEntry& entry) {
+      return entry.original.destinationPort == port;
+    });
+  };
+  static_cast<void>(Demo::poll([&] { return arrived() || Clock::now() >= lastFlush; }));
+  if (Clock::now() >= lastFlush) guest.judged = false;
   return true;
 }
 

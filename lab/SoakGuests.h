@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <memory>
 #include <random>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "lab/ClientConnections.h"
@@ -48,6 +50,8 @@ class SoakGuests {
 
  private:
   using Entries = std::vector<ConntrackEntry>;
+  /// As they are called under /proc.
+  using Threads = std::set<std::string>;
 
   struct Guest {
     bool present = false;
@@ -56,6 +60,8 @@ class SoakGuests {
     std::unique_ptr<ClientConnections> connections;
     Clock::time_point departed;
     Milliseconds departurePlanned{};
+    Threads workers;     ///< of the host, which its departure has started
+    bool judged = true;  ///< nothing came that its last flush may have missed
   };
 
   std::size_t draw(std::size_t below) { return random_() % below; }
@@ -67,11 +73,16 @@ class SoakGuests {
   void open(std::size_t i);
   void exchange(std::size_t i);
   void depart(const std::vector<std::size_t>& who, Milliseconds planned);
+  [[nodiscard]] Threads threads() const;
+  void awaitEnd(const Threads& threads) const;
+  void awaitLastFlush(std::size_t i) const;
   void noteStale(std::size_t i);
 
   const HotspotNetwork& network_;
   HostProcess& host_;
   std::mt19937& random_;
+  const std::string threadFolder_;
+  const Threads idleThreads_ = threads();
   std::array<Guest, kCount> guests_;
 
   std::size_t sent_ = 0;
