@@ -1,7 +1,5 @@
 #include "lab/Demo.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -222,9 +220,9 @@ void Demo::summarise() {
   report_.timeline(departure_);
 
   const bool agreed = awaitAnswers();
-  const nlohmann::json status = host_->status();
-  report_.say("   host's counters: deletions " + status.at("deletions").dump() + ", neighbours " +
-              status.at("neighbours").dump());
+  const HostState status = host_->status();
+  report_.say("   host's counters: deletions " + status.deletions.text() + "; " +
+              std::to_string(status.neighbourEvents) + " neighbour notifications");
   report_.check(agreed,
                 "the host counts as many deletions as entries vanished from the kernel's table",
                 std::to_string(vanished_), std::to_string(deletionsCounted()));
@@ -284,15 +282,15 @@ std::optional<Demo::Clock::time_point> Demo::pollUntilNone(const std::function<E
 
 // The host reads one notification, if there is one, before it answers.
 void Demo::awaitNeighbours() {
-  std::string before;
+  std::optional<std::size_t> before;
   static_cast<void>(poll([&] {
-    const std::string events = host_->status().at("neighbours").at("events").dump();
+    const std::optional<std::size_t> events = host_->status().neighbourEvents;
     return std::exchange(before, events) == events;
   }));
 }
 
 std::size_t Demo::deletionsCounted() {
-  return host_->status().at("deletions").at("deleted").get<std::size_t>();
+  return host_->status().deletions.deleted;
 }
 
 bool Demo::awaitAnswers() {

@@ -1,6 +1,5 @@
 #include "lab/HostProcess.h"
 
-#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -33,25 +32,6 @@ std::vector<std::string> commandLine(const HostProcess::Options& options) {
   }
   argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
   return argv;
-}
-
-HostProcess::LogLine parseLogLine(const std::string& line) {
-  HostProcess::LogLine result;
-  result.received = std::chrono::steady_clock::now();
-  const nlohmann::json json = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
-  if (!json.is_object()) {
-    result.text = line;
-    return result;
-  }
-  try {
-    result.time = json.at("time").get<std::string>();
-    result.level = json.at("level").get<int>();
-    result.module = json.at("module").get<std::string>();
-    result.text = json.at("text").get<std::string>();
-  } catch (const nlohmann::json::exception&) {
-    result = HostProcess::LogLine{result.received, "", -1, "", line};
-  }
-  return result;
 }
 
 bool isReady(const HostProcess::LogLine& line) {
@@ -113,11 +93,8 @@ std::string HostProcess::command(const std::string& text) {
   throw Error("the command '" + text + "' failed: the host " + fate("does not answer"));
 }
 
-nlohmann::json HostProcess::status() {
-  const std::string answer = command("status json");
-  nlohmann::json result = nlohmann::json::parse(answer, nullptr, /*allow_exceptions=*/false);
-  if (!result.is_object()) throw Error("the host's status is not a JSON object: " + answer);
-  return result;
+HostState HostProcess::status() {
+  return HostState::parse(command("status json"));
 }
 
 std::optional<HostProcess::LogLine> HostProcess::waitForLog(const Predicate& predicate) {
@@ -202,7 +179,7 @@ void HostProcess::fileAnswer(const std::string& line) {
 
 void HostProcess::fileLogLine(const std::string& line) {
   if (keepLine_ && !keepLine_(line)) return;
-  LogLine parsed = parseLogLine(line);
+  LogLine parsed = HostLogLine::parse(line);
   const std::lock_guard lock(mutex_);
   log_.push_back(std::move(parsed));
   changed_.notify_all();

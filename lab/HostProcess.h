@@ -1,7 +1,5 @@
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -12,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "lab/HostOutput.h"
 #include "lab/Process.h"
 #include "refhost/UniqueFd.h"
 
@@ -40,16 +39,7 @@ class HostProcess {
     std::vector<std::string> arguments;
   };
 
-  struct LogLine {
-    /// When the lab received it.
-    std::chrono::steady_clock::time_point received;
-    /// As the host wrote it. A line that is no JSON object (a sanitizer's report, say) has
-    /// level -1, no time and no module, and is the text as a whole.
-    std::string time;
-    int level = -1;
-    std::string module;
-    std::string text;
-  };
+  using LogLine = HostLogLine;
   using Predicate = std::function<bool(const LogLine&)>;
 
   /// Starts the host and returns when it reports that it is ready. Throws Error, with what the
@@ -66,8 +56,9 @@ class HostProcess {
   /// several lines.
   std::string command(const std::string& text);
 
-  /// The answer to "status json". Throws Error as command() does, and for anything but JSON.
-  [[nodiscard]] nlohmann::json status();
+  /// What the host answers to "status json". Throws Error as command() does, and for an answer that
+  /// cannot be read.
+  [[nodiscard]] HostState status();
 
   /// The first log line for which |predicate| is true; waits for it to come, not beyond the host's
   /// end. |predicate| must not use this object.

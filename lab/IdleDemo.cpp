@@ -1,6 +1,5 @@
 #include "lab/IdleDemo.h"
 
-#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -253,16 +252,13 @@ bool IdleDemo::await(const Condition& condition, Clock::duration limit) {
 
 LinkMoment IdleDemo::look() {
   LinkMoment now;
-  const nlohmann::json status = host_->status();
-  now.tethering = status.at("tethering").get<bool>();
-  const nlohmann::json& interfaces = status.at("interfaces");
-  if (interfaces.contains(link_->name())) {
-    const nlohmann::json& interface = interfaces.at(link_->name());
-    now.connected = interface.at("connected").get<bool>();
-    now.dormant = interface.at("dormancy") == "dormant";
-    now.filters = !interface.at("filters").is_null();
-    now.listenFilters = !interface.at("listenFilters").is_null();
-  }
+  const HostState status = host_->status();
+  const HostState::Interface interface = status.interface(link_->name());
+  now.tethering = status.tethering;
+  now.connected = interface.connected;
+  now.dormant = interface.dormant;
+  now.filters = interface.filters.has_value();
+  now.listenFilters = interface.listenFilters.has_value();
   now.timer = link_->remainingSeconds();
   now.frames = framesOf(network_->gateway(), link_->name());
   now.when = Clock::now();

@@ -1,7 +1,5 @@
 #include "lab/Soak.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -92,7 +90,7 @@ class Run {
   bool switchDormancy();
   bool switchTethering();
 
-  void checkCounters(const nlohmann::json& status);
+  void checkCounters(const HostState& status);
   void checkLog(std::size_t requests);
 
   const Soak& soak_;
@@ -105,7 +103,7 @@ class Run {
   HotspotNetwork network_{HotspotNetwork::Options{.clients = SoakGuests::kCount, .ipv6Only = {}}};
   MobileLink link_{network_.gateway(), 0};
   HostProcess host_{hostOptions(), network_.gateway()};
-  const pid_t pid_ = host_.status().at("privileges").at("pid").get<pid_t>();
+  const pid_t pid_ = host_.status().pid;
   const std::size_t idleThreads_ = Footprint(pid_).threads;
   SoakGuests guests_{network_, host_, random_};
 
@@ -178,7 +176,7 @@ void Run::tellProgress() {
   report_.say("   " + to_string((Clock::now() - begin_) / seconds(1)) + " s: " + to_string(events) +
               " events, " + to_string(guests_.presentCount()) + " clients present, " +
               to_string(ConntrackTable::read(network_.gateway()).size()) +
-              " entries in the table, " + host_.status().at("deletions").at("deleted").dump() +
+              " entries in the table, " + to_string(host_.status().deletions.deleted) +
               " deleted so far");
 }
 
@@ -202,8 +200,7 @@ Footprint Run::calmDown(const char* why) {
 }
 
 bool Run::linkIsConnected() {
-  const nlohmann::json interfaces = host_.status().at("interfaces");
-  return interfaces.contains(link_.name()) && interfaces.at(link_.name()).at("connected");
+  return host_.status().interface(link_.name()).connected;
 }
 
 bool Run::command(const std::string& text) {
@@ -245,13 +242,13 @@ bool Run::changeLink() {
 }
 
 void Run::check(const Footprint& before, const Footprint& after) {
-  const nlohmann::json status = host_.status();
+  const HostState status = host_.status();
   report_.act("What happened");
   for (const Kind& kind : kinds_) {
     report_.say("   " + std::string(kind.name) + ": " + to_string(kind.played));
   }
   report_.say("   reports of an idle link: " + to_string(idleReports_));
-  report_.say("   entries flushed: " + status.at("deletions").at("deleted").dump());
+  report_.say("   entries flushed: " + to_string(status.deletions.deleted));
 
   report_.act("What is claimed");
   guests_.check(report_);
@@ -261,19 +258,17 @@ void Run::check(const Footprint& before, const Footprint& after) {
                 "the host uses what it did after the warm-up",
                 before.text() + ", and up to " + to_string(kMemoryToleranceKiB) + " KiB more",
                 before.text() + "; now " + after.text());
-  checkLog(status.at("deletions").at("requested").get<std::size_t>());
+  checkLog(status.deletions.requested);
 }
 
-void Run::checkCounters(const nlohmann::json& status) {
-  const nlohmann::json& deletions = status.at("deletions");
-  const auto count = [&](const char* name) { return deletions.at(name).get<std::size_t>(); };
-  const std::size_t answered = count("deleted") + count("alreadyGone") + count("refused");
-  report_.check(count("deleted") > 0 && answered == count("requested") && count("refused") == 0,
+void Run::checkCounters(const HostState& status) {
+  const HostState::Deletions& count = status.deletions;
+  const std::size_t answered = count.deleted + count.alreadyGone + count.refused;
+  report_.check(count.deleted > 0 && answered == count.requested && count.refused == 0,
                 "each request was answered, and none refused", "deleted + already gone = requested",
-                deletions.dump());
-  const std::string overruns = status.at("neighbours").at("overruns").dump();
-  report_.check(overruns == "0", "no neighbour notification was dropped", "0 overruns",
-                overruns + " overruns");
+                count.text());
+  report_.check(status.neighbourOverruns == 0, "no neighbour notification was dropped",
+                "0 overruns", to_string(status.neighbourOverruns) + " overruns");
 }
 
 /// The log is complete when the host has ended.

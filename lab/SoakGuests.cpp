@@ -1,7 +1,5 @@
 #include "lab/SoakGuests.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <filesystem>
 #include <string>
@@ -35,7 +33,7 @@ SoakGuests::SoakGuests(const HotspotNetwork& network, HostProcess& host, std::mt
     : network_(network),
       host_(host),
       random_(random),
-      threadFolder_("/proc/" + host.status().at("privileges").at("pid").dump() + "/task") {
+      threadFolder_("/proc/" + to_string(host.status().pid) + "/task") {
   for (std::size_t i = 0; i < kCount; ++i) welcome(i);
 }
 

@@ -191,7 +191,7 @@ TEST_F(HotspotFlush, SurvivesAFloodOfNeighbourNotifications) {
   }
   lab::Process::runIpBatch(hotspot.network.gateway(), batch);
   ::kill(-hotspot.host.pid(), SIGCONT);
-  EXPECT_TRUE(eventually([&] { return hotspot.host.status()["neighbours"]["overruns"] > 0; }))
+  EXPECT_TRUE(eventually([&] { return hotspot.host.status().neighbourOverruns > 0; }))
       << "the kernel had to drop some";
   hotspot.lose(0);
   EXPECT_TRUE(hotspot.awaitDeletions(4));

@@ -23,7 +23,7 @@ struct Mobile {
   /// Brings the link up and has the modem report it dormant; what that starts is in place then.
   void start() {
     link.connect();
-    ASSERT_TRUE(awaitState("connected", true));
+    ASSERT_TRUE(awaitConnected(true));
     command("dormancy", "dormant");
     ASSERT_TRUE(awaitRules());
     ASSERT_TRUE(eventually([&] { return link.remainingSeconds().has_value(); }));
@@ -33,9 +33,9 @@ struct Mobile {
     host.command(word + " " + link.name() + " " + rest);
   }
 
-  [[nodiscard]] nlohmann::json state() { return host.status()["interfaces"][link.name()]; }
-  [[nodiscard]] bool awaitState(const char* key, const nlohmann::json& value) {
-    return eventually([&] { return state()[key] == value; });
+  [[nodiscard]] lab::HostState::Interface state() { return host.status().interface(link.name()); }
+  [[nodiscard]] bool awaitConnected(bool connected) {
+    return eventually([&] { return state().connected == connected; });
   }
   [[nodiscard]] bool awaitRules() {
     return eventually([&] { return link.rules() == kRules; });
@@ -59,17 +59,17 @@ TEST_F(IdleTracking, FollowsAnInterfaceThroughItsLife) {
   const lab::MobileLink& link = mobile.link;
   for (const int life : {1, 2}) {
     mobile.start();
-    EXPECT_EQ(mobile.state()["filters"]["text1"], link.ipv4());
-    EXPECT_EQ(mobile.state()["filterMode"], true);
+    EXPECT_EQ(mobile.state().filters, link.ipv4());
+    EXPECT_TRUE(mobile.state().filterMode);
     link.loseIpv4();
     EXPECT_TRUE(
         eventually([&] { return linesWith(" has lost " + link.ipv4(), mobile.host) == life; }));
-    EXPECT_EQ(mobile.state()["connected"], true) << "an address is not the link";
+    EXPECT_TRUE(mobile.state().connected) << "an address is not the link";
     EXPECT_TRUE(mobile.awaitRules());
     life == 1 ? link.disconnect() : link.remove();
-    EXPECT_TRUE(mobile.awaitState("connected", false));
+    EXPECT_TRUE(mobile.awaitConnected(false));
     EXPECT_TRUE(mobile.awaitNothingLeft());
-    EXPECT_EQ(mobile.state()["filters"], nullptr);
+    EXPECT_FALSE(mobile.state().filters);
     mobile.command("dormancy", "active");
   }
 }
@@ -98,10 +98,10 @@ TEST_F(IdleTracking, IsNotMisledByRenamesBridgesAndOverlappingPrefixes) {
        (live ? "" : "link set " + to + " up\n"));
   };
   rename(link.name(), "away9");
-  EXPECT_TRUE(mobile.awaitState("connected", false));
+  EXPECT_TRUE(mobile.awaitConnected(false));
   EXPECT_TRUE(mobile.awaitNothingLeft());
   rename("away9", link.name());
-  EXPECT_TRUE(mobile.awaitState("connected", true)) << "its addresses were there all along";
+  EXPECT_TRUE(mobile.awaitConnected(true)) << "its addresses were there all along";
 }
 
 TEST_F(IdleTracking, TetheringAndTheModemTakeItDownAndBringItBack) {
@@ -109,7 +109,7 @@ TEST_F(IdleTracking, TetheringAndTheModemTakeItDownAndBringItBack) {
   mobile.start();
   mobile.host.command("tethering on");
   EXPECT_TRUE(mobile.awaitNothingLeft());
-  EXPECT_EQ(mobile.state()["filters"], nullptr);
+  EXPECT_FALSE(mobile.state().filters);
   mobile.host.command("tethering off");
   EXPECT_TRUE(mobile.awaitRules());
   mobile.command("filtering-ended");
@@ -134,7 +134,7 @@ TEST_F(IdleTracking, AnIdleLinkGetsListenFiltersAndATimerThatAnyPacketSetsBack) 
   Mobile mobile;
   const lab::MobileLink& link = mobile.link;
   mobile.start();
-  ASSERT_TRUE(eventually([&] { return mobile.state()["listenFilters"] != nullptr; }));
+  ASSERT_TRUE(eventually([&] { return mobile.state().listenFilters.has_value(); }));
   // A timer of 10 s shows what is left of it in whole seconds.
   const auto isFresh = [&] { return link.remainingSeconds() >= 9; };
   for (const auto send : {&lab::MobileLink::sendOut, &lab::MobileLink::sendIn}) {
@@ -171,7 +171,7 @@ TEST_F(IdleTracking, LeavesNothingBehindHoweverTheHostEnds) {
 TEST_F(IdleTracking, LivesOnWhenItsParentIsKilledInTheMiddleOfAnExchange) {
   Mobile mobile;
   mobile.link.connect();
-  ASSERT_TRUE(mobile.awaitState("connected", true));
+  ASSERT_TRUE(mobile.awaitConnected(true));
   const pid_t parent = mobile.host.pid();
   const pid_t child = pluginProcess(mobile.host);
   ::kill(parent, SIGSTOP);
@@ -181,8 +181,7 @@ TEST_F(IdleTracking, LivesOnWhenItsParentIsKilledInTheMiddleOfAnExchange) {
   ASSERT_TRUE(eventually([&] { return stateOf(child) == 'S'; })) << "it waits for an answer";
   ::kill(parent, SIGKILL);
   EXPECT_TRUE(logs(mobile.host, "send_and_recv_ack read failed"));
-  EXPECT_EQ(mobile.host.status()["privileges"]["capabilities"],
-            nlohmann::json::array({"CAP_NET_ADMIN"}));
+  EXPECT_THAT(mobile.host.status().capabilities, testing::ElementsAre("CAP_NET_ADMIN"));
   EXPECT_TRUE(mobile.awaitNothingLeft());
 }
 

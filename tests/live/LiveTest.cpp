@@ -65,7 +65,7 @@ std::ptrdiff_t linesWith(const std::string& text, const lab::HostProcess& host) 
 }
 
 pid_t pluginProcess(lab::HostProcess& host) {
-  return host.status()["privileges"]["pid"].get<pid_t>();
+  return host.status().pid;
 }
 
 char stateOf(pid_t process) {
@@ -133,7 +133,7 @@ Hotspot::Entries Hotspot::entriesOf(std::size_t i) const {
 }
 
 bool Hotspot::awaitDeletions(std::size_t count) {
-  return lab::eventually([&] { return host.status()["deletions"]["deleted"] == count; });
+  return lab::eventually([&] { return host.status().deletions.deleted == count; });
 }
 
 std::vector<std::size_t> Hotspot::foundByEachScan() const {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cstddef>
