@@ -14,6 +14,8 @@ namespace lab {
 namespace {
 
 constexpr std::uint16_t kPort = 9;  // discard (RFC 863)
+constexpr char kGatewayMac[] = "02:00:00:00:51:01";
+constexpr char kNetworkMac[] = "02:00:00:00:51:02";
 
 /// Different in all processes, and for each link of this one.
 std::string uniqueName() {
@@ -43,6 +45,11 @@ void sendDatagram(const UniqueFd& from, const std::string& to) {
   }
 }
 
+/// For ip(8). Who knows its neighbour sends no packets of its own to find it (RFC 4861).
+std::string knowNeighbour(const std::string& address, const char* mac, const std::string& device) {
+  return "neigh replace " + address + " lladdr " + mac + " dev " + device + " nud permanent\n";
+}
+
 std::size_t linesWith(const std::string& text, const std::string& word) {
   std::size_t count = 0;
   for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos; ++count) {
@@ -61,12 +68,14 @@ MobileLink::MobileLink(const NetNamespace& gateway, std::size_t index)
       ipv6Net_("2001:db8:51:" + std::to_string(index) + "::") {
   network_.setSysctl("ipv6/conf/default/accept_dad", "0");
   network_.setSysctl("ipv6/conf/default/accept_ra", "0");
-  Process::runIpBatch(gateway_, "link add name " + name_ + " type veth peer name net0 netns " +
+  Process::runIpBatch(gateway_, "link add name " + name_ + " address " + kGatewayMac +
+                                    " type veth peer name net0 address " + kNetworkMac + " netns " +
                                     network_.path() + "\nlink set " + name_ +
                                     " addrgenmode none\n");
   Process::runIpBatch(network_, "link set net0 addrgenmode none\nlink set net0 up\naddr add " +
                                     ipv4Net_ + "2/24 dev net0\naddr add " + ipv6Net_ +
-                                    "2/64 dev net0 nodad\n");
+                                    "2/64 dev net0 nodad\n" +
+                                    knowNeighbour(ipv6Net_ + "1", kGatewayMac, "net0"));
   for (const int family : {AF_INET, AF_INET6}) {
     gatewayPorts_[family] = openPort(gateway_, family);
     networkPorts_[family] = openPort(network_, family);
@@ -76,7 +85,7 @@ MobileLink::MobileLink(const NetNamespace& gateway, std::size_t index)
 void MobileLink::connect() const {
   Process::runIpBatch(gateway_, "link set " + name_ + " up\naddr replace " + ipv4() + "/24 dev " +
                                     name_ + "\naddr replace " + ipv6Net_ + "1/64 dev " + name_ +
-                                    " nodad\n");
+                                    " nodad\n" + knowNeighbour(ipv6Net_ + "2", kNetworkMac, name_));
 }
 
 void MobileLink::loseIpv4() const {

@@ -16,7 +16,7 @@ namespace lab {
 ///
 /// Idle timers are one list for the whole machine, and their names come from the interface's, so
 /// names differ between all links of all labs. Nothing is sent over a link unasked, once its first
-/// few seconds are over, and no datagram is answered.
+/// few seconds are over, and a datagram brings no other IP packet with it.
 ///
 /// Not thread-safe; everything but remainingSeconds() starts a child (see Process).
 class MobileLink {

@@ -246,7 +246,7 @@ TEST_F(ZanConnTrackMgrTest, FlushesADepartedClientAtOnceAndAfterEachOfTwoPausesA
   clients({kA});
   clients({});
   for (const std::size_t flushes : {1U, 2U}) {
-    EXPECT_EQ(sleepers::await(), 5s);
+    ASSERT_EQ(sleepers::await(), 5s);
     EXPECT_EQ(host.awaitRequests(flushes).size(), flushes);
     sleepers::wake();
   }
