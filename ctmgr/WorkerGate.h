@@ -1,26 +1,29 @@
 // Keeps detached workers away from a manager that has gone.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
+
+#include "ctmgr/Mutex.h"
 
 /// Shared by a manager and its workers, and outlives the manager with the last of them. A worker
 /// touches the manager only while it holds a Pass; the manager's destructor closes the gate and
-/// waits for the passes that are out, which are held for work and never for a sleep.
+/// waits for the passes that are out. None is held over a sleep or a call of the netlink socket.
 ///
 /// Thread: any.
 class WorkerGate : public std::enable_shared_from_this<WorkerGate> {
  public:
-  /// Leaves the gate when it dies.
+  /// Goes back when it dies.
   class Pass {
    public:
     explicit Pass(std::shared_ptr<WorkerGate> gate) : held_(std::move(gate)) {}
     Pass(Pass&&) = default;
     Pass& operator=(Pass&&) = delete;
-    ~Pass() {
+    ~Pass() { giveBack(); }
+
+    void giveBack() {
       if (held_) held_->leave();
+      held_.reset();
     }
 
    private:
@@ -40,8 +43,8 @@ class WorkerGate : public std::enable_shared_from_this<WorkerGate> {
  private:
   void leave();
 
-  std::mutex mutex_;
-  std::condition_variable lastPassBack_;
-  unsigned int passes_ = 0;
-  bool closed_ = false;
+  Mutex mutex_;
+  Condition lastPassBack_;
+  unsigned int passes_ ZAN_GUARDED_BY(mutex_) = 0;
+  bool closed_ ZAN_GUARDED_BY(mutex_) = false;
 };

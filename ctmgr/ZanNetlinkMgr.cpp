@@ -168,28 +168,27 @@ void ZanNetlinkMgr::nlDecodeRtmNeigh(nlmsghdr* msg, unsigned int len, zanNlNeigh
 
 void ZanNetlinkMgr::handleNewNeighEvent(_NetlinkInfo* info) {
   if (isNullMac(info->macAddr)) return;
-  if (updateTable(*info)) {
-    ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr:: New Neighbor Entry received");
-  } else {
+  if (isKnown(*info)) {
     ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr::Existing Neighbor Entry. Update Map");
+  } else {
+    ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr:: New Neighbor Entry received");
   }
+  updateTable(*info);
 }
 
-bool ZanNetlinkMgr::updateTable(const _NetlinkInfo& info) {
-  const std::lock_guard<std::mutex> lock(tableMutex);
-  const auto [entry, isNew] = neighInfoMap.try_emplace(info.macAddr);
-  _ZanNeighInfoType& neighbour = entry->second;
+void ZanNetlinkMgr::updateTable(const _NetlinkInfo& info) {
+  const MutexLock lock(tableMutex);
+  _ZanNeighInfoType& neighbour = neighInfoMap[info.macAddr];
   copyText(neighbour.macAddr, info.macAddr);
   if (info.isIpv6) {
     copyText(neighbour.ipv6Addr, info.ipv6Addr);
   } else {
     copyText(neighbour.ipv4Addr, info.ipv4Addr);
   }
-  return isNew;
 }
 
 bool ZanNetlinkMgr::isKnown(const _NetlinkInfo& info) {
-  const std::lock_guard<std::mutex> lock(tableMutex);
+  const MutexLock lock(tableMutex);
   return neighInfoMap.count(info.macAddr) != 0;
 }
 
@@ -203,18 +202,18 @@ void ZanNetlinkMgr::handleDelNeighEvent(_NetlinkInfo* info) {
 }
 
 _ZanNeighInfoType ZanNetlinkMgr::getNeighInfo(std::string mac) {
-  const std::lock_guard<std::mutex> lock(tableMutex);
+  const MutexLock lock(tableMutex);
   const auto entry = neighInfoMap.find(mac);
   return entry == neighInfoMap.end() ? _ZanNeighInfoType{} : entry->second;
 }
 
 void ZanNetlinkMgr::getNeighipv4Addresses(std::vector<std::string>& out) {
-  const std::lock_guard<std::mutex> lock(tableMutex);
+  const MutexLock lock(tableMutex);
   for (const auto& entry : neighInfoMap) out.emplace_back(entry.second.ipv4Addr);
 }
 
 void ZanNetlinkMgr::delNeighInfoEntry(std::string mac) {
-  const std::lock_guard<std::mutex> lock(tableMutex);
+  const MutexLock lock(tableMutex);
   neighInfoMap.erase(mac);
 }
 

@@ -5,10 +5,10 @@
 #include <sys/socket.h>
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "ctmgr/Mutex.h"
 #include "ctmgr/ZanConnTrackUtils.h"
 #include "host/ZanCom.h"
 #include "host/ZanDsm.h"
@@ -80,13 +80,12 @@ class ZanNetlinkMgr {
   void getExpandedIpV6Address(char* addr);
 
  protected:
-  /// True when |info| is about a neighbour that was not in the table.
-  bool updateTable(const _NetlinkInfo& info);
+  void updateTable(const _NetlinkInfo& info);
   [[nodiscard]] bool isKnown(const _NetlinkInfo& info);
 
   ZanNetlinkSocket* nlSocket;
   ZanCom& com;
   ZanConnTrackUtils& connTrackUtils;
-  std::map<std::string, _ZanNeighInfoType> neighInfoMap;
-  std::mutex tableMutex;  ///< guards neighInfoMap; never held over a call of the host
+  std::map<std::string, _ZanNeighInfoType> neighInfoMap ZAN_GUARDED_BY(tableMutex);
+  Mutex tableMutex;  ///< never held over a call of the host
 };
