@@ -19,10 +19,6 @@ namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_NET;
 
-/// Longest piece of a line that is read at once, in characters; the rest arrives as a line of
-/// its own.
-constexpr std::size_t kLineMax = 512;
-
 constexpr char kTupleStart[] = "src=";
 constexpr std::size_t kTupleStartLength = sizeof(kTupleStart) - 1;
 
@@ -136,6 +132,34 @@ int logNoMatch() {
   return ZanConnTrackParser::kNotOfInterest;
 }
 
+void logAlreadyBound() {
+  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::Privileges already set");
+}
+
+void logScan(const void* stream) {
+  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackFile: %p", stream);
+}
+
+/// Whether a scan goes on behind a line with |result|; a log line tells when it does not.
+bool goesOn(int result) {
+  if (result == ZanConnTrackParser::kMatched || result == ZanConnTrackParser::kNotOfInterest) {
+    return true;
+  }
+  ZAN_LOG(kModule, kLogTrace,
+          "ZanConnTrackParser::parseNfConnTrackFile: Failed to parse a line error %d", result);
+  return false;
+}
+
+/// Calls |handleLine| with every piece of |text|, until a result says that the scan is over.
+template <typename LineHandler>
+int scanText(const TableText& text, LineHandler handleLine) {
+  for (const std::string& piece : text) {
+    const int result = handleLine(piece.c_str());
+    if (!goesOn(result)) return result;
+  }
+  return ZanConnTrackParser::kMatched;
+}
+
 }  // namespace
 
 ZanConnTrackParser::ZanConnTrackParser(ZanConnTrackUtils& connTrackUtils) : utils(connTrackUtils) {
@@ -144,15 +168,19 @@ ZanConnTrackParser::ZanConnTrackParser(ZanConnTrackUtils& connTrackUtils) : util
 
 ZanConnTrackParser::~ZanConnTrackParser() {
   ZAN_LOG_ENTRY(kModule, "ZanConnTrackParser::~ZanConnTrackParser()", 55);
-  // The stream is left behind, so that the manager's descriptor stays open. Without unread bytes
-  // nobody will want to seek on that descriptor at exit, when it may be somebody else's.
+  // Purge first: at exit stdio would otherwise lseek a descriptor number that may have been reused.
   if (stream != nullptr) __fpurge(stream);
   stream = nullptr;
 }
 
 int ZanConnTrackParser::setPrivilegeParams(int fd) {
+  const ReadingTurn turn(turns, ReadingTurns::Asker::kEvent);
+  return bindStream(fd);
+}
+
+int ZanConnTrackParser::bindStream(int fd) {
   if (stream != nullptr) {
-    ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::Privileges already set");
+    logAlreadyBound();
     return 0;
   }
   ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::setPrivilegeParams");
@@ -162,18 +190,16 @@ int ZanConnTrackParser::setPrivilegeParams(int fd) {
     return -1;
   }
 #ifdef __BIONIC__
-  // Android takes a stream for the owner of its descriptor, and a close by anybody else for a
-  // fault.
+  // fdsan aborts if anyone but the FILE closes its descriptor.
   android_fdsan_exchange_owner_tag(fd, android_fdsan_get_owner_tag(fd), 0);
 #endif
   std::setvbuf(stream, streamBuffer.data(), _IOFBF, streamBuffer.size());
   return 0;
 }
 
-/// Makes the next read return the start of the table as it is now. False, with a log line, when
-/// there is no stream to read from.
-bool ZanConnTrackParser::rewindTable(int fd) {
-  if (setPrivilegeParams(fd) == -1) {
+/// The beginning of every scan. False, with a log line, when there is no stream to read from.
+bool ZanConnTrackParser::openTable(int fd) {
+  if (bindStream(fd) == -1) {
     ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser: Failed to set privilege Parameters");
   }
   if (stream == nullptr) {
@@ -181,8 +207,12 @@ bool ZanConnTrackParser::rewindTable(int fd) {
             "ZanConnTrackParser::parseNfConnTrackFile: Failed :File open Error");
     return false;
   }
-  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackFile: %p",
-          static_cast<void*>(stream));
+  logScan(stream);
+  return true;
+}
+
+/// Makes the next read return the start of the table as it is now.
+void ZanConnTrackParser::rewindTable() {
   // A stream may satisfy a seek from bytes that it still holds, and those of a scan that ended
   // early are old: drop them and the offset that the library remembers, so that the seek reaches
   // the kernel.
@@ -190,33 +220,95 @@ bool ZanConnTrackParser::rewindTable(int fd) {
   std::fflush(stream);
   std::clearerr(stream);
   std::fseek(stream, 0, SEEK_SET);
-  return true;
 }
 
-/// Calls |handleLine| with every line, until a result says that the scan is over.
-template <typename LineHandler>
-int ZanConnTrackParser::scanTable(int fd, LineHandler handleLine) {
-  const std::lock_guard<std::mutex> lock(scanMutex);
-  if (!rewindTable(fd)) return kFailed;
+/// Appends what is left of the table to |text|; false when it is too long to be kept.
+bool ZanConnTrackParser::readText(TableText& text) {
+  std::array<char, kLineMax + 1> line;
+  for (std::size_t bytes = 0; bytes <= kMostTextBytes; bytes += text.back().size()) {
+    if (std::fgets(line.data(), static_cast<int>(line.size()), stream) == nullptr) return true;
+    text.emplace_back(line.data());
+  }
+  return false;
+}
 
+/// Calls |handleLine| with what is left of the table, until a result says that the scan is over.
+template <typename LineHandler>
+int ZanConnTrackParser::scanStream(LineHandler handleLine) {
   std::array<char, kLineMax + 1> line;
   while (std::fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr) {
     const int result = handleLine(line.data());
-    if (result == kMatched || result == kNotOfInterest) continue;
-    ZAN_LOG(kModule, kLogTrace,
-            "ZanConnTrackParser::parseNfConnTrackFile: Failed to parse a line error %d", result);
-    return result;
+    if (!goesOn(result)) return result;
   }
   return kMatched;
+}
+
+/// Reads the table and goes through it; or keeps what it reads in |text|, to be gone through when
+/// the turn is over, if others want it.
+template <typename LineHandler>
+int ZanConnTrackParser::readTable(TableQuestion& question, std::shared_ptr<const TableText>& text,
+                                  LineHandler handleLine) {
+  const auto began = TableQuestion::Clock::now();
+  rewindTable();
+  if (!question.askedAgain && turns.waiting() == 0) return scanStream(handleLine);
+  const auto read = std::make_shared<TableText>();
+  if (!readText(*read)) {
+    question.askedAgain = false;  // nor will it be kept the next time
+    const int result = scanText(*read, handleLine);
+    return result == kMatched ? scanStream(handleLine) : result;
+  }
+  latestText = text = read;
+  latestBegan = began;
+  return kMatched;
+}
+
+/// Calls |handleLine| with every line of a reading that answers |question|, as above.
+template <typename LineHandler>
+int ZanConnTrackParser::scanTable(int fd, TableQuestion& question, LineHandler handleLine) {
+  if (question.text != nullptr) {
+    logAlreadyBound();
+    logScan(question.stream);
+    return scanText(*question.text, handleLine);
+  }
+  std::shared_ptr<const TableText> text;
+  {
+    const ReadingTurn turn(turns, question.asker);
+    if (latestBegan > question.asked) text = latestText.lock();
+    const bool isCleanUp = question.asker == ReadingTurns::Asker::kCleanUp;
+    if (text == nullptr && isCleanUp && cleanUpsTurnedAway) return kTurnedAway;
+    if (!openTable(fd)) return kFailed;
+    if (text == nullptr) {
+      const int result = readTable(question, text, handleLine);
+      if (text == nullptr) return result;
+    }
+    if (question.askedAgain) {
+      question.text = text;
+      question.stream = stream;
+    }
+  }
+  return scanText(*text, handleLine);
+}
+
+void ZanConnTrackParser::turnCleanUpsAway() {
+  const ReadingTurn turn(turns, ReadingTurns::Asker::kEvent);
+  cleanUpsTurnedAway = true;
 }
 
 int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
                                              std::list<ZanConnTrackFilter_s>& v4Out,
                                              std::list<ZanConnTrackFilter_s>& v6Out, int fd) {
+  TableQuestion question(ReadingTurns::Asker::kEvent);
+  return parseNfConnTrackFile(control, v4Out, v6Out, fd, question);
+}
+
+int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
+                                             std::list<ZanConnTrackFilter_s>& v4Out,
+                                             std::list<ZanConnTrackFilter_s>& v6Out, int fd,
+                                             TableQuestion& question) {
   ZanConnTrackLineParseControlType lineControl{{}, control.ipv4Address, control.ipv6Address};
   // An empty text occurs in every line.
   const bool everyLine = control.ipv4Address.empty() || control.ipv6Address.empty();
-  return scanTable(fd, [&](const char* line) -> int {
+  return scanTable(fd, question, [&](const char* line) -> int {
     if (!everyLine && std::strstr(line, control.ipv4Address.c_str()) == nullptr &&
         std::strstr(line, control.ipv6Address.c_str()) == nullptr) {
       return kNotOfInterest;
@@ -232,7 +324,8 @@ int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlT
 int ZanConnTrackParser::parseNfConnTrackFile(std::vector<std::string>& clientAddresses,
                                              std::vector<std::string>& lostAddresses,
                                              std::list<ZanConnTrackFilter_s>& out, int fd) {
-  return scanTable(fd, [&](const char* line) -> int {
+  TableQuestion question(ReadingTurns::Asker::kEvent);
+  return scanTable(fd, question, [&](const char* line) -> int {
     const auto client = std::find_if(
         clientAddresses.begin(), clientAddresses.end(),
         [&](const std::string& text) { return std::strstr(line, text.c_str()) != nullptr; });

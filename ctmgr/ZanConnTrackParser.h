@@ -5,10 +5,13 @@
 #include <cstddef>
 #include <cstdio>
 #include <list>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "ctmgr/Mutex.h"
+#include "ctmgr/ReadingTurns.h"
+#include "ctmgr/TableQuestion.h"
 #include "ctmgr/ZanConnTrackFilter.h"
 #include "ctmgr/ZanConnTrackUtils.h"
 
@@ -22,7 +25,9 @@
 ///
 /// Lines and addresses hold no NUL.
 ///
-/// Thread: any. Scans take turns, because they share the stream.
+/// Thread: any. Who reads takes a turn at the stream. A scan that is alone looks at each line as it
+/// is read; where several want the table, one reads it and each goes through the text on its own
+/// thread, without a turn.
 class ZanConnTrackParser {
  public:
   /// One line and the client it is compared with.
@@ -36,7 +41,8 @@ class ZanConnTrackParser {
   enum Result : int {
     kMatched = 1,
     kNotOfInterest = -10,  ///< family or protocol not handled, or another address
-    kFailed = -1           ///< no stream, or a line that lacks a "src="
+    kFailed = -1,          ///< no stream, or a line that lacks a "src="
+    kTurnedAway = -100     ///< turnCleanUpsAway() came first: nothing was read
   };
 
   /// |utils| must outlive the parser.
@@ -55,6 +61,15 @@ class ZanConnTrackParser {
   int parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
                            std::list<ZanConnTrackFilter_s>& v4Out,
                            std::list<ZanConnTrackFilter_s>& v6Out, int fd);
+
+  /// The same with any reading of the table that answers |question|. kTurnedAway is for clean-ups
+  /// alone.
+  int parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
+                           std::list<ZanConnTrackFilter_s>& v4Out,
+                           std::list<ZanConnTrackFilter_s>& v6Out, int fd, TableQuestion& question);
+
+  /// From now on a clean-up whose reading has not begun gets kTurnedAway.
+  void turnCleanUpsAway();
 
   /// Appends the reply tuples of the IPv4 entries that one of |clientAddresses| opened and whose
   /// translated address is one of |lostAddresses|. Results as above.
@@ -76,12 +91,29 @@ class ZanConnTrackParser {
   /// smaller one makes older kernels walk the table from its head more often.
   static constexpr std::size_t kStreamBufferSize = 4096;
 
-  [[nodiscard]] bool rewindTable(int fd);
+  /// Longest piece of a line that is read at once, in characters; the rest arrives as a line of
+  /// its own.
+  static constexpr std::size_t kLineMax = 512;
+
+  int bindStream(int fd) ZAN_REQUIRES(turns);
+  [[nodiscard]] bool openTable(int fd) ZAN_REQUIRES(turns);
+  void rewindTable() ZAN_REQUIRES(turns);
+  [[nodiscard]] bool readText(TableText& text) ZAN_REQUIRES(turns);
   template <typename LineHandler>
-  int scanTable(int fd, LineHandler handleLine);
+  int scanStream(LineHandler handleLine) ZAN_REQUIRES(turns);
+  template <typename LineHandler>
+  int readTable(TableQuestion& question, std::shared_ptr<const TableText>& text,
+                LineHandler handleLine) ZAN_REQUIRES(turns);
+  template <typename LineHandler>
+  int scanTable(int fd, TableQuestion& question, LineHandler handleLine);
 
   ZanConnTrackUtils& utils;
-  std::FILE* stream = nullptr;
-  std::array<char, kStreamBufferSize> streamBuffer{};
-  std::mutex scanMutex;  ///< held by a scan from the rewind to its end
+  std::FILE* stream ZAN_GUARDED_BY(turns) = nullptr;
+  std::array<char, kStreamBufferSize> streamBuffer ZAN_GUARDED_BY(turns){};
+
+  ReadingTurns turns;
+  bool cleanUpsTurnedAway ZAN_GUARDED_BY(turns) = false;
+  std::weak_ptr<const TableText> latestText
+      ZAN_GUARDED_BY(turns);  ///< kept by those who go through it
+  TableQuestion::Clock::time_point latestBegan ZAN_GUARDED_BY(turns);  ///< when its reading began
 };

@@ -2,14 +2,22 @@
 // in any line and table with a plain reading.
 #include <gtest/gtest.h>
 
+#include <thread>
 #include <tuple>
 
 #include "ctmgr/ZanConnTrackParser.h"
+#include "lab/Patience.h"
 #include "tests/RecordingHost.h"
 
 namespace {
 
-using Parser = ZanConnTrackParser;
+using Asker = ReadingTurns::Asker;
+
+struct Parser : ZanConnTrackParser {
+  using ZanConnTrackParser::latestBegan;
+  using ZanConnTrackParser::turns;
+  using ZanConnTrackParser::ZanConnTrackParser;
+};
 
 const std::string kClient = "10.0.0.5";
 const std::string kClient6 = "2001:0db8:0000:0000:0000:0000:0000:0005";
@@ -17,18 +25,23 @@ const std::string kClient6 = "2001:0db8:0000:0000:0000:0000:0000:0005";
 struct ZanConnTrackParserTest : testing::Test {
   RecordingHost host;
   ZanConnTrackUtils utils{host.zan};
-  ZanConnTrackParser parser{utils};
+  Parser parser{utils};
   TableFile table;
 
   /// "result: ports of the records".
-  std::string scan() {
+  std::string scan(TableQuestion& question, const std::string& client = kClient) {
     std::list<ZanConnTrackFilter_s> v4;
     std::list<ZanConnTrackFilter_s> v6;
-    const int result = parser.parseNfConnTrackFile({"", kClient, kClient6}, v4, v6, table.fd());
+    const int result =
+        parser.parseNfConnTrackFile({"", client, kClient6}, v4, v6, table.fd(), question);
     std::string text = std::to_string(result) + ":";
     v4.splice(v4.end(), v6);
     for (const auto& record : v4) text += " " + std::to_string(record.sport);
     return text;
+  }
+  std::string scan() {
+    TableQuestion question(Asker::kEvent);
+    return scan(question);
   }
 };
 
@@ -88,6 +101,90 @@ TEST_F(ZanConnTrackParserTest, EveryScanSeesTheTableAsItIsNow) {
     table.write(now);
     EXPECT_EQ(scan(), found) << before.size() << " then " << now.size();
   }
+}
+
+TEST_F(ZanConnTrackParserTest, AReadingAnswersEveryQuestionThatCameBeforeIt) {
+  TableQuestion before(Asker::kCleanUp);
+  TableQuestion event(Asker::kEvent);
+  event.askedAgain = true;
+  table.write(tableEntry(kClient, 11));
+  EXPECT_EQ(scan(event), "1: 11");
+  TableQuestion after(Asker::kCleanUp);
+  table.write(tableEntry(kClient, 12));
+  EXPECT_EQ(scan(before), "1: 11");
+  EXPECT_EQ(scan(event), "1: 11");
+  EXPECT_EQ(scan(after), "1: 12");
+  event.text.reset();
+  EXPECT_EQ(scan(before), "1: 12") << "the text dies with the event";
+}
+
+TEST_F(ZanConnTrackParserTest, ALineThatEndsAScanEndsNoOtherOfTheSameReading) {
+  TableQuestion event(Asker::kEvent);
+  event.askedAgain = true;
+  table.write(tableEntry(kClient, 11) + kClient + "\n" + tableEntry(kClient, 12) +
+              tableEntry("10.0.0.6", 13));
+  EXPECT_EQ(scan(event), "-1: 11");
+  EXPECT_EQ(scan(event, "10.0.0.6"), "1: 13");
+}
+
+TEST_F(ZanConnTrackParserTest, ATableThatIsTooLongToBeKeptIsReadForEach) {
+  TableQuestion event(Asker::kEvent);
+  event.askedAgain = true;
+  std::string filler;
+  while (filler.size() <= kMostTextBytes) filler += std::string(500, '.') + "\n";
+  table.write(tableEntry(kClient, 11) + filler + tableEntry(kClient, 12));
+  EXPECT_EQ(scan(event), "1: 11 12");
+  table.write(tableEntry(kClient, 13) + filler + tableEntry(kClient, 14));
+  EXPECT_EQ(scan(event), "1: 13 14");
+}
+
+TEST_F(ZanConnTrackParserTest, WhoReadsWhileAnotherWaitsKeepsTheText) {
+  const auto isKept = [this] {
+    const ReadingTurn turn(parser.turns, Asker::kEvent);
+    return parser.latestBegan != TableQuestion::Clock::time_point{};
+  };
+  table.write(tableEntry(kClient, 11));
+  scan();
+  EXPECT_FALSE(isKept()) << "nobody waited";
+  std::vector<std::thread> cleanUps;
+  {
+    const ReadingTurn turn(parser.turns, Asker::kEvent);
+    for (int i = 0; i < 2; ++i) {
+      cleanUps.emplace_back([this] {
+        TableQuestion question(Asker::kCleanUp);
+        EXPECT_EQ(scan(question), "1: 11");
+      });
+    }
+    EXPECT_TRUE(lab::eventually([this] { return parser.turns.waiting() == 2; }));
+  }
+  for (std::thread& cleanUp : cleanUps) cleanUp.join();
+  EXPECT_TRUE(isKept());
+}
+
+TEST_F(ZanConnTrackParserTest, EventsGoBeforeCleanUps) {
+  std::string order;
+  std::vector<std::thread> threads;
+  {
+    const ReadingTurn turn(parser.turns, Asker::kEvent);
+    for (const auto asker : {Asker::kCleanUp, Asker::kEvent}) {
+      threads.emplace_back([this, asker, &order] {
+        const ReadingTurn next(parser.turns, asker);
+        order += asker == Asker::kEvent ? "event " : "clean-up";
+      });
+      EXPECT_TRUE(lab::eventually([&] { return parser.turns.waiting() == threads.size(); }));
+    }
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(order, "event clean-up");
+}
+
+TEST_F(ZanConnTrackParserTest, TurnsAwayCleanUpsThatHaveNotRead) {
+  parser.turnCleanUpsAway();
+  host.take();
+  TableQuestion question(Asker::kCleanUp);
+  EXPECT_EQ(scan(question), std::to_string(Parser::kTurnedAway) + ":");
+  EXPECT_EQ(host.take(), "\n");
+  EXPECT_EQ(scan(), "1:");
 }
 
 TEST_F(ZanConnTrackParserTest, BindsADescriptorOnce) {
