@@ -25,7 +25,10 @@ class Worker final : public ZanConnTrackMgr {
  public:
   using ZanConnTrackMgr::ZanConnTrackMgr;
 
-  void leave(const std::list<ZanConnTrackFilter_s>& entries) { v4DeleteList = entries; }
+  void leave(const std::list<ZanConnTrackFilter_s>& entries) {
+    const MutexLock lock(listMutex);
+    v4DeleteList = entries;
+  }
 };
 
 /// A delete request for IPv4, ready to be sent.

@@ -48,17 +48,24 @@ void PluginHost::learn(NeighbourTable& table, const std::vector<Neighbour>& neig
   if (before < expected) throw lab::Error("the plug-in was not told of all neighbours");
 }
 
+double PluginHost::leave(const ZanDsmTextList& macs) {
+  const ZanDsmTextList nobody;
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &macs);
+  return secondsOf([&] { zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &nobody); });
+}
+
 double PluginHost::flush(const std::string& mac, std::uint64_t entries) {
+  const std::uint64_t requested = deletionCounters().requested;
+  const std::uint64_t deleted = deletionCounters().deleted;
   const ZanDsmTextList present{mac};
   const ZanDsmTextList absent;
   zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &present);
-  const std::uint64_t requested = deletionCounters().requested;
-  const std::uint64_t deleted = deletionCounters().deleted;
   const double seconds = secondsOf([&] {
     zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &absent);
     waitForDeletions(deleted + entries);
   });
-  plugin_.stop();  // which waits for deletions in progress
+  plugin_.stop();
+  static_cast<void>(awaitDeletions(kPatience));
   const std::uint64_t asked = deletionCounters().requested - requested;
   if (asked == entries) return seconds;
   throw lab::Error(fmt::format("a flush asked for {} deletions, not {}", asked, entries));

@@ -17,7 +17,6 @@ class PluginHost {
  public:
   /// Loads |path| and starts it in the calling thread's namespace. Throws lab::Error.
   explicit PluginHost(const std::string& path);
-  /// Returns when the deletions in progress are done.
   ~PluginHost() { plugin_.stop(); }
   PluginHost(const PluginHost&) = delete;
   PluginHost& operator=(const PluginHost&) = delete;
@@ -30,6 +29,9 @@ class PluginHost {
   /// acknowledgements. Stops the plug-in afterwards. Throws lab::Error unless the flush deleted
   /// exactly |entries| entries and asked for no more.
   double flush(const std::string& mac, std::uint64_t entries);
+
+  /// The seconds of the event that all of |macs| have gone.
+  double leave(const ZanDsmTextList& macs);
 
  private:
   Zan zan_;

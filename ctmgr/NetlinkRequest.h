@@ -1,4 +1,5 @@
-// Building netlink requests: one function, one step.
+// The request that deletes one conntrack entry, and how netlink requests are built: one function,
+// one step.
 //
 // A netlink attribute, 4-byte aligned in its message (linux/netlink.h, RFC 3549 section 2.2):
 //
@@ -30,3 +31,19 @@ nlattr* appendAttribute(nlmsghdr* msg, std::uint16_t type, std::size_t payloadLe
 
 /// Closes |nest|: everything appended to |msg| since it was opened is its payload.
 void closeNest(nlmsghdr* msg, nlattr* nest);
+
+/// The tuple of one delete request; addresses and ports in network byte order.
+struct ConntrackTuple {
+  std::uint8_t src[16];  ///< IPv4 in the first 4 bytes
+  std::uint8_t dst[16];
+  std::uint8_t l3protonum;  ///< AF_INET or AF_INET6
+  std::uint8_t protonum;    ///< IPPROTO_TCP or IPPROTO_UDP
+  std::uint16_t srcPrt;
+  std::uint16_t dstPrt;
+};
+
+/// Makes |msg| a delete request for |family| without a tuple yet.
+void fillDeleteHeader(nlmsghdr* msg, std::uint8_t family, std::uint32_t sequence);
+
+/// Appends |tuple| to |msg|, a buffer as above. False, with log lines, when it does not fit.
+[[nodiscard]] bool appendTuple(nlmsghdr* msg, const ConntrackTuple& tuple);

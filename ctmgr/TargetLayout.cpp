@@ -23,7 +23,7 @@
 namespace {
 
 // What a delete request is made of, which is the same everywhere; the whole is drawn above
-// ZanConnTrackMgr::fillTupleInfo().
+// appendTuple().
 static_assert(sizeof(nlmsghdr) == 16 && offsetof(nlmsghdr, nlmsg_len) == 0);
 static_assert(offsetof(nlmsghdr, nlmsg_type) == 4 && offsetof(nlmsghdr, nlmsg_flags) == 6);
 static_assert(offsetof(nlmsghdr, nlmsg_seq) == 8 && offsetof(nlmsghdr, nlmsg_pid) == 12);

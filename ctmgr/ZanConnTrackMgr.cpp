@@ -1,10 +1,5 @@
 #include "ctmgr/ZanConnTrackMgr.h"
 
-#include <arpa/inet.h>
-#include <linux/netfilter/nf_conntrack_common.h>
-#include <linux/netfilter/nfnetlink.h>
-#include <linux/netfilter/nfnetlink_conntrack.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -14,7 +9,6 @@
 #include <utility>
 
 #include "ctmgr/Log.h"
-#include "ctmgr/NetlinkRequest.h"
 #include "host/Properties.h"
 
 ZanConnTrackMgr* gConnTrackMgr = nullptr;
@@ -36,18 +30,6 @@ constexpr ZanDsmEvent kEvents[] = {ZAN_DSM_EVENT_WWAN_STATUS, ZAN_DSM_EVENT_SAP_
 template <typename Body>
 void startDetached(Body body) {
   std::thread(std::move(body)).detach();
-}
-
-ZanConnTrackMgr::ctTuple tupleOf(const ZanConnTrackFilter_s& record) {
-  const std::size_t addressLength = record.af == AF_INET ? sizeof(in_addr) : sizeof(in6_addr);
-  ZanConnTrackMgr::ctTuple tuple{};
-  std::memcpy(tuple.src, record.src, addressLength);
-  std::memcpy(tuple.dst, record.dest, addressLength);
-  tuple.l3protonum = static_cast<std::uint8_t>(record.af);
-  tuple.protonum = static_cast<std::uint8_t>(record.protocol);
-  tuple.srcPrt = htons(record.sport);
-  tuple.dstPrt = htons(record.dport);
-  return tuple;
 }
 
 }  // namespace
@@ -83,7 +65,7 @@ ZanConnTrackMgr::ZanConnTrackMgr(Zan& zan) : host(zan), connTrackUtils(zan) {
     ZAN_LOG(kModule, kLogWarning, "netlinkMgr / conntrackParser com obj is NULL");
     return;
   }
-  conntrackSocket = new ZanNetlinkSocket(NETLINK_NETFILTER, kConntrackSocketTag);
+  deleter->conntrackSocket = new ZanNetlinkSocket(NETLINK_NETFILTER, kConntrackSocketTag);
 }
 
 ZanConnTrackMgr::~ZanConnTrackMgr() {
@@ -91,6 +73,7 @@ ZanConnTrackMgr::~ZanConnTrackMgr() {
   for (const auto& tracker : ifTrackers) delete tracker.second;
   ifTrackers.clear();
   for (const ZanDsmEvent event : kEvents) zanDsm->deregEventCallback(event, dsmEventHandler, this);
+  if (conntrackParser != nullptr) conntrackParser->turnCleanUpsAway();
   workers->closeAndWait();
   delete netlinkMgr;
   delete conntrackParser;
@@ -220,48 +203,59 @@ void ZanConnTrackMgr::processSapClientsChanged(std::vector<std::string>& sapClie
 }
 
 void ZanConnTrackMgr::processDisconnectedSapClients(std::vector<std::string>& clients) {
+  TableQuestion question(ReadingTurns::Asker::kEvent);
+  question.askedAgain = clients.size() > 1;
   for (const std::string& client : clients) {
     ZAN_LOG(kModule, kLogNotice,
             "ZanConnTrackMgr::processDisconnectedSapClients: Disconnected client Info %s",
             client.c_str());
-    processDisconnectedSapClient(client);
+    flush(client, question);
     if (!flushesEnabled()) continue;
     startDetached([gate = workers, this, client] { flushAgain(gate, this, client); });
   }
 }
 
 void ZanConnTrackMgr::processDisconnectedSapClient(std::string client) {
+  TableQuestion question(ReadingTurns::Asker::kEvent);
+  flush(client, question);
+}
+
+/// One flush of |client|. False when |question| was turned away.
+bool ZanConnTrackMgr::flush(const std::string& client, TableQuestion& question) {
   _ZanNeighInfoType neighbour{};
   if (netlinkMgr != nullptr) neighbour = netlinkMgr->getNeighInfo(client);
   const int fd = connTrackUtils.getPrivilegeParams();
   if (fd == -1) {
     ZAN_LOG(kModule, kLogError, "ZanConnTrackMgr::Failed to get Nf_connTrack Descriptor");
-    return;
+    return true;
   }
-  if (!flushesEnabled()) return;
+  if (!flushesEnabled()) return true;
   const ZanConnTrackFileParseControlType control{kConntrackTablePath, neighbour.ipv4Addr,
                                                  neighbour.ipv6Addr};
   std::list<ZanConnTrackFilter_s> v4;
   std::list<ZanConnTrackFilter_s> v6;
-  if (conntrackParser->parseNfConnTrackFile(control, v4, v6, fd) != ZanConnTrackParser::kMatched) {
+  const int result = conntrackParser->parseNfConnTrackFile(control, v4, v6, fd, question);
+  if (result == ZanConnTrackParser::kTurnedAway) return false;
+  if (result != ZanConnTrackParser::kMatched) {
     ZAN_LOG(kModule, kLogError, "ZanConnTrackMgr:: Failed to parse %s", kConntrackTablePath);
   }
   startDeletion(std::move(v4), std::move(v6));
+  return true;
 }
 
 void ZanConnTrackMgr::cleanUpRemainingEntries(std::string client) {
   flushAgain(workers, this, client);
 }
 
-/// Touches |mgr| only inside of |gate|: it may be gone after a sleep, and before the first one.
+/// |mgr| is valid only while a pass is held.
 void ZanConnTrackMgr::flushAgain(std::shared_ptr<WorkerGate> gate, ZanConnTrackMgr* mgr,
                                  std::string client) {
   constexpr int kFlushes = 2;
   for (int flush = 1; flush <= kFlushes; ++flush) {
     std::this_thread::sleep_for(std::chrono::seconds(SAP_CLIENT_RECHECK_DELAY));
+    TableQuestion question(ReadingTurns::Asker::kCleanUp);
     const auto pass = gate->enter();
-    if (!pass) return;
-    mgr->processDisconnectedSapClient(client);
+    if (!pass || !mgr->flush(client, question)) return;
     if (flush == kFlushes && mgr->netlinkMgr != nullptr) mgr->netlinkMgr->delNeighInfoEntry(client);
   }
 }
@@ -280,14 +274,17 @@ void ZanConnTrackMgr::processUpStreamIpLostEvent(std::vector<std::string>& lostI
   startDeletion(std::move(v4), {});
 }
 
-/// Leaves the lists for a worker and starts it.
+/// Leaves the lists for a worker, once the one before has taken its own, and starts it.
 void ZanConnTrackMgr::startDeletion(std::list<ZanConnTrackFilter_s> v4,
                                     std::list<ZanConnTrackFilter_s> v6) {
-  deleteLists.put([&] {
+  {
+    const MutexLock lock(listMutex);
+    while (listsWait) listsTaken.wait(listMutex);
     v4DeleteList = std::move(v4);
     v6DeleteList = std::move(v6);
-  });
-  startDetached([this, pass = workers->hold()] { deleteConntrackEntries(this); });
+    listsWait = true;
+  }
+  startDetached([this, pass = workers->hold()]() mutable { deleteEntries(this, std::move(pass)); });
 }
 
 void ZanConnTrackMgr::deleteConntrackEntries(void* mgr) {
@@ -296,115 +293,39 @@ void ZanConnTrackMgr::deleteConntrackEntries(void* mgr) {
     return;
   }
   auto* self = static_cast<ZanConnTrackMgr*>(mgr);
+  deleteEntries(self, self->workers->hold());
+}
+
+/// Takes a copy of the lists under |pass|; |mgr| may be gone when the first request goes out.
+void ZanConnTrackMgr::deleteEntries(ZanConnTrackMgr* mgr, WorkerGate::Pass pass) {
+  const std::shared_ptr<ConntrackDeleter> deleter = mgr->deleter;
   std::list<ZanConnTrackFilter_s> v4;
   std::list<ZanConnTrackFilter_s> v6;
-  self->deleteLists.take([&] {
-    v4 = self->v4DeleteList;
-    v6 = self->v6DeleteList;
-  });
-  self->deleteV4ConntrackEntries(v4);
-  self->deleteV6ConntrackEntries(v6);
+  {
+    const MutexLock lock(mgr->listMutex);
+    v4 = mgr->v4DeleteList;
+    v6 = mgr->v6DeleteList;
+    mgr->listsWait = false;
+    mgr->listsTaken.notifyOne();
+  }
+  pass.giveBack();
+  deleter->deleteV4(v4);
+  deleter->deleteV6(v6);
 }
 
 void ZanConnTrackMgr::deleteV4ConntrackEntries(std::list<ZanConnTrackFilter_s>& entries) {
-  for (const ZanConnTrackFilter_s& entry : entries) {
-    ctTuple tuple = tupleOf(entry);
-    ZAN_LOG(kModule, kLogTrace,
-            "DeleteV4Entry src: %u, dst: %u srcPrt %d, dstPrt %d, protonum %d l3protonum %d",
-            addressWord(tuple.src, 0), addressWord(tuple.dst, 0), tuple.srcPrt, tuple.dstPrt,
-            tuple.protonum, tuple.l3protonum);
-    if (!sendDeleteRequest(tuple)) ZAN_LOG(kModule, kLogError, "fillTupleInfo v4 Failed");
-  }
+  deleter->deleteV4(entries);
 }
 
 void ZanConnTrackMgr::deleteV6ConntrackEntries(std::list<ZanConnTrackFilter_s>& entries) {
-  for (const ZanConnTrackFilter_s& entry : entries) {
-    ctTuple tuple = tupleOf(entry);
-// The line has six conversions for twelve values, so it shows the first six address words.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-extra-args"
-#pragma GCC diagnostic ignored "-Wformat"
-    ZAN_LOG(kModule, kLogTrace,
-            "DeleteV6Entry src: %u, dst: %u, srcPrt %d, dstPrt %d, protonum %d l3protonum %d",
-            addressWord(tuple.src, 0), addressWord(tuple.src, 1), addressWord(tuple.src, 2),
-            addressWord(tuple.src, 3), addressWord(tuple.dst, 0), addressWord(tuple.dst, 1),
-            addressWord(tuple.dst, 2), addressWord(tuple.dst, 3), tuple.srcPrt, tuple.dstPrt,
-            tuple.protonum, tuple.l3protonum);
-#pragma GCC diagnostic pop
-    if (!sendDeleteRequest(tuple)) ZAN_LOG(kModule, kLogError, "fillTupleInfo v6 Failed");
-  }
-}
-
-/// False when the request could not be built; whether the kernel obeys is the socket's business.
-bool ZanConnTrackMgr::sendDeleteRequest(ctTuple& tuple) {
-  alignas(nlmsghdr) unsigned char buffer[DELETE_MSG_MAX_LEN] = {};
-  auto* msg = reinterpret_cast<nlmsghdr*>(buffer);
-  const std::lock_guard<std::mutex> lock(requestMutex);
-  fillNetlinkHeader(msg, tuple.l3protonum);
-  if (fillTupleInfo(msg, &tuple) == 0) return false;
-  conntrackSocket->sendConntrackNetlinkMsg(msg);
-  return true;
+  deleter->deleteV6(entries);
 }
 
 int ZanConnTrackMgr::fillNetlinkHeader(nlmsghdr* msg, std::uint8_t family) {
-  msg->nlmsg_len = sizeof(nlmsghdr) + sizeof(nfgenmsg);
-  msg->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_DELETE;
-  msg->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-  msg->nlmsg_seq = ++deleteSeq;
-  msg->nlmsg_pid = 0;
-  auto* header = static_cast<nfgenmsg*>(static_cast<void*>(msg + 1));
-  header->nfgen_family = family;
-  header->version = NFNETLINK_V0;
-  header->res_id = 0;
+  fillDeleteHeader(msg, family, ++deleter->deleteSeq);
   return 0;
 }
 
-// A delete request, offsets for IPv4 / IPv6 (linux/netfilter/nfnetlink_conntrack.h):
-//
-//    0       nlmsghdr   length 72 / 96
-//   16       nfgenmsg   family
-//   20       CTA_TUPLE_ORIG        nest, length 52 / 76
-//   24         CTA_TUPLE_IP        nest, length 20 / 44
-//   28           CTA_IP_V4_SRC     4 bytes       / CTA_IP_V6_SRC   16 bytes
-//   36 / 48      CTA_IP_V4_DST     4 bytes       / CTA_IP_V6_DST   16 bytes
-//   44 / 68    CTA_TUPLE_PROTO     nest, length 28
-//   48 / 72      CTA_PROTO_NUM       u8  + 3 bytes of zeroes
-//   56 / 80      CTA_PROTO_SRC_PORT  u16 + 2 bytes of zeroes, network byte order
-//   64 / 88      CTA_PROTO_DST_PORT  u16 + 2 bytes of zeroes, network byte order
-//
-// The three protocol attributes declare their zeroes as payload: length 8 each.
 int ZanConnTrackMgr::fillTupleInfo(nlmsghdr* msg, ctTuple* tuple) {
-  constexpr std::size_t kProtoPayload = 4;
-  nlattr* nestOrig = openNest(msg, CTA_TUPLE_ORIG | NLA_F_NESTED);
-  if (nestOrig == nullptr) {
-    ZAN_LOG(kModule, kLogError, "nestOrig is nullptr");
-    return 0;
-  }
-  nlattr* nestIp = openNest(msg, CTA_TUPLE_IP | NLA_F_NESTED);
-  if (nestIp == nullptr) {
-    ZAN_LOG(kModule, kLogError, "nestIp is nullptr");
-    return 0;
-  }
-  if (tuple->l3protonum == AF_INET6) {
-    appendAttribute(msg, CTA_IP_V6_SRC, sizeof(in6_addr), tuple->src, sizeof(in6_addr));
-    appendAttribute(msg, CTA_IP_V6_DST, sizeof(in6_addr), tuple->dst, sizeof(in6_addr));
-  } else if (tuple->l3protonum == AF_INET) {
-    appendAttribute(msg, CTA_IP_V4_SRC, sizeof(in_addr), tuple->src, sizeof(in_addr));
-    appendAttribute(msg, CTA_IP_V4_DST, sizeof(in_addr), tuple->dst, sizeof(in_addr));
-  }
-  closeNest(msg, nestIp);
-
-  nlattr* nestProto = openNest(msg, CTA_TUPLE_PROTO | NLA_F_NESTED);
-  if (nestProto == nullptr) {
-    ZAN_LOG(kModule, kLogError, "nestProto is nullptr");
-    return 0;
-  }
-  appendAttribute(msg, CTA_PROTO_NUM, kProtoPayload, &tuple->protonum, sizeof(tuple->protonum));
-  if (tuple->protonum == IPPROTO_UDP || tuple->protonum == IPPROTO_TCP) {
-    appendAttribute(msg, CTA_PROTO_SRC_PORT, kProtoPayload, &tuple->srcPrt, sizeof(tuple->srcPrt));
-    appendAttribute(msg, CTA_PROTO_DST_PORT, kProtoPayload, &tuple->dstPrt, sizeof(tuple->dstPrt));
-  }
-  closeNest(msg, nestProto);
-  closeNest(msg, nestOrig);
-  return 1;
+  return appendTuple(msg, *tuple) ? 1 : 0;
 }

@@ -7,11 +7,12 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "ctmgr/HandOver.h"
+#include "ctmgr/ConntrackDeleter.h"
+#include "ctmgr/Mutex.h"
+#include "ctmgr/NetlinkRequest.h"
 #include "ctmgr/WorkerGate.h"
 #include "ctmgr/ZanConnTrackFilter.h"
 #include "ctmgr/ZanConnTrackParser.h"
@@ -30,28 +31,19 @@ inline constexpr int SAP_CLIENT_RECHECK_DELAY = 5;
 /// A flush scans the conntrack table and leaves what it found in v4DeleteList and v6DeleteList
 /// for a detached worker, which takes a copy and asks the kernel to delete every tuple.
 ///
-/// Threads: the event thread makes every call. deleteConntrackEntries() and
-/// cleanUpRemainingEntries() are bodies of detached workers, and what they call,
-/// processDisconnectedSapClient() and the deletion, runs on their threads too.
+/// Threads: the event thread makes every call, but deleteConntrackEntries() and
+/// cleanUpRemainingEntries(), which are bodies of detached workers.
 class ZanConnTrackMgr {
  public:
-  /// The tuple of one delete request; addresses and ports in network byte order.
-  struct ctTuple {
-    std::uint8_t src[16];  ///< IPv4 in the first 4 bytes
-    std::uint8_t dst[16];
-    std::uint8_t l3protonum;  ///< AF_INET or AF_INET6
-    std::uint8_t protonum;    ///< IPPROTO_TCP or IPPROTO_UDP
-    std::uint16_t srcPrt;
-    std::uint16_t dstPrt;
-  };
+  using ctTuple = ConntrackTuple;
 
   /// |host| must outlive the manager. Construction always succeeds; without the conntrack table
   /// there are no flushes, and with the property persist.vendor.zan.disable.sap.conntrack set to
   /// a non-zero number nothing that flushes is created.
   explicit ZanConnTrackMgr(Zan& host);
 
-  /// Waits for flushes and deletions in progress, not for workers that sleep. The netlink socket
-  /// is left open for the rest of the process's life.
+  /// Waits for a flush in progress, not for workers that sleep or send: deletions go on to their
+  /// end. The netlink socket is left open for the rest of the process's life.
   ~ZanConnTrackMgr();
   ZanConnTrackMgr(const ZanConnTrackMgr&) = delete;
   ZanConnTrackMgr& operator=(const ZanConnTrackMgr&) = delete;
@@ -88,7 +80,8 @@ class ZanConnTrackMgr {
   /// Flushes the IPv4 entries of all known neighbours that were translated to |lostIpAddresses|.
   void processUpStreamIpLostEvent(std::vector<std::string>& lostIpAddresses);
 
-  /// Worker: deletes what the two lists hold when it starts; |mgr| is the manager.
+  /// Worker: deletes what the two lists hold when it starts; |mgr| is the manager, which may go
+  /// once they are copied.
   static void deleteConntrackEntries(void* mgr);
 
   /// Sends one delete request per record, in list order. Any thread.
@@ -99,21 +92,22 @@ class ZanConnTrackMgr {
   /// Returns 1, or 0 when it does not fit.
   int fillTupleInfo(nlmsghdr* msg, ctTuple* tuple);
 
-  /// Makes |msg| a delete request for |family| without a tuple yet, with the next sequence
-  /// number, which one caller at a time may take. Returns 0.
+  /// Makes |msg| a delete request for |family| without a tuple yet, with the next sequence number.
+  /// Returns 0.
   int fillNetlinkHeader(nlmsghdr* msg, std::uint8_t family);
 
  protected:
   void trackConnectedInterfaces();
   void processWwanStatus(const ZanDsmWwanStatusInfo& info);
   [[nodiscard]] bool flushesEnabled() const;
-  void startDeletion(std::list<ZanConnTrackFilter_s> v4, std::list<ZanConnTrackFilter_s> v6);
-  [[nodiscard]] bool sendDeleteRequest(ctTuple& tuple);
+  bool flush(const std::string& client, TableQuestion& question);
   static void flushAgain(std::shared_ptr<WorkerGate> gate, ZanConnTrackMgr* mgr,
                          std::string client);
+  void startDeletion(std::list<ZanConnTrackFilter_s> v4, std::list<ZanConnTrackFilter_s> v6);
+  static void deleteEntries(ZanConnTrackMgr* mgr, WorkerGate::Pass pass);
 
-  std::list<ZanConnTrackFilter_s> v4DeleteList;
-  std::list<ZanConnTrackFilter_s> v6DeleteList;
+  std::list<ZanConnTrackFilter_s> v4DeleteList ZAN_GUARDED_BY(listMutex);
+  std::list<ZanConnTrackFilter_s> v6DeleteList ZAN_GUARDED_BY(listMutex);
   Zan& host;
   ZanDsm* zanDsm = nullptr;
   ZanRix* zanRix = nullptr;
@@ -124,12 +118,12 @@ class ZanConnTrackMgr {
   std::vector<std::string> sapClients;
   std::vector<std::string> disconnectedSapClients;
   std::map<std::string, ZanIfConnTracker*> ifTrackers;  ///< owned
-  ZanNetlinkSocket* conntrackSocket = nullptr;          ///< lives until the process ends
-  std::uint32_t deleteSeq = 0;                          ///< sequence number of the last request
 
-  HandOver deleteLists;     ///< guards the two lists
-  std::mutex requestMutex;  ///< guards deleteSeq; held over the send: numbers go out in order
+  Mutex listMutex;
+  Condition listsTaken;
+  bool listsWait ZAN_GUARDED_BY(listMutex) = false;  ///< for the worker that was started last
   std::shared_ptr<WorkerGate> workers = std::make_shared<WorkerGate>();
+  std::shared_ptr<ConntrackDeleter> deleter = std::make_shared<ConntrackDeleter>();
 };
 
 /// The manager between init_ct_mgr() and deinit_ct_mgr(), otherwise null. Event thread only.

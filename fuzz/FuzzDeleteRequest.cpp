@@ -11,7 +11,7 @@
 namespace {
 
 struct Manager : ZanConnTrackMgr {
-  using ZanConnTrackMgr::deleteSeq;
+  using ZanConnTrackMgr::deleter;
   using ZanConnTrackMgr::ZanConnTrackMgr;
 };
 
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::memcpy(&input, data, std::min(size, sizeof(input)));
   const auto buffer = std::make_unique<std::uint8_t[]>(4096);
   auto* msg = reinterpret_cast<nlmsghdr*>(buffer.get());
-  manager.deleteSeq = input.sequence;
+  manager.deleter->deleteSeq = input.sequence;
   require(manager.fillNetlinkHeader(msg, input.tuple.l3protonum) == 0, "result of the header");
   const nlmsghdr header{20, 0x0102, 5, input.sequence + 1, 0};
   const nfgenmsg family{input.tuple.l3protonum, 0, 0};

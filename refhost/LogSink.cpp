@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <ctime>
+#include <future>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -61,35 +62,41 @@ std::string textLine(int level, int module, std::string text) {
                      oneLine(std::move(text)));
 }
 
+/// What a sink and its writer share.
+struct Ending {
+  std::atomic<bool> closing{false};
+  std::promise<void> allWritten;
+};
+
 /// Writes whole lines. While the sink is in use it waits for the reader as long as it takes; once
-/// it is closing, no longer than kLastPatience.
+/// it is closing, no longer than kLastPatience. It is flushed once, behind the last line.
 class StreamSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  StreamSink(int target, std::shared_ptr<std::atomic<bool>> isClosing)
-      : fd_(target), closing_(std::move(isClosing)) {}
+  StreamSink(int target, std::shared_ptr<Ending> ending)
+      : fd_(target), ending_(std::move(ending)) {}
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
     if (gone_) return;
     const std::string line = fmt::format("{}\n", message.payload);
     for (std::string_view rest = line; !rest.empty() && !gone_;) {
-      if (!writeTimed(fd_, rest, kLastPatience)) gone_ = *closing_ || errno != ETIMEDOUT;
+      if (!writeTimed(fd_, rest, kLastPatience)) gone_ = ending_->closing || errno != ETIMEDOUT;
     }
   }
-  void flush_() override {}
+  void flush_() override { ending_->allWritten.set_value(); }
 
  private:
   static constexpr std::chrono::milliseconds kLastPatience{500};
 
   int fd_;
-  std::shared_ptr<std::atomic<bool>> closing_;
+  std::shared_ptr<Ending> ending_;
   bool gone_ = false;
 };
 
 }  // namespace
 
 struct LogSink::Writer {
-  std::shared_ptr<std::atomic<bool>> closing = std::make_shared<std::atomic<bool>>(false);
+  std::shared_ptr<Ending> ending = std::make_shared<Ending>();
   std::shared_ptr<spdlog::details::thread_pool> thread;
   std::shared_ptr<spdlog::async_logger> lines;
 };
@@ -98,22 +105,30 @@ LogSink::LogSink(int fd, Format format, int threshold)
     : format_(format), threshold_(threshold), writer_(std::make_unique<Writer>()) {
   writer_->thread = std::make_shared<spdlog::details::thread_pool>(kQueueLength, 1);
   writer_->lines = std::make_shared<spdlog::async_logger>(
-      "host", std::make_shared<StreamSink>(fd, writer_->closing), writer_->thread,
+      "host", std::make_shared<StreamSink>(fd, writer_->ending), writer_->thread,
       spdlog::async_overflow_policy::overrun_oldest);
   zan_log_class_ptr = this;
 }
 
 LogSink::~LogSink() {
   zan_log_class_ptr = nullptr;
-  *writer_->closing = true;
+  finish();
+  writer_->lines.reset();
+  writer_->thread.reset();
+}
+
+void LogSink::finish() {
+  if (finished_.exchange(true)) return;
+  constexpr std::chrono::seconds kLimit{2};
+  writer_->ending->closing = true;
   const std::size_t dropped = writer_->thread->overrun_counter();
   if (dropped != 0) write(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped));
-  writer_->lines.reset();
-  writer_->thread.reset();  // writes what is queued
+  writer_->lines->flush();
+  writer_->ending->allWritten.get_future().wait_for(kLimit);
 }
 
 void LogSink::log(int level, int module, const char* format, ...) {
-  if (!enabled(level)) return;
+  if (finished_ || !enabled(level)) return;
   std::array<char, kUsualLength> usual;
   usual[0] = '\0';
   std::va_list arguments;

@@ -25,9 +25,13 @@ class LogSink final : public ZanMsg {
   /// Becomes the process's log object. |fd| stays the caller's.
   LogSink(int fd, Format format, int threshold);
 
-  /// Writes what is left, unless the reader stands still, and leaves the process without a log
-  /// object.
+  /// finish(), and leaves the process without a log object.
   ~LogSink();
+
+  /// Writes what is left, unless the reader stands still; lines that come later are dropped. Ends
+  /// the use of an object that must live as long as the process, since threads that nobody waits
+  /// for may still log.
+  void finish();
 
   void setThreshold(int level) override { threshold_ = level; }
   [[nodiscard]] bool enabled(int level) const override { return level >= threshold_; }
@@ -40,5 +44,6 @@ class LogSink final : public ZanMsg {
 
   Format format_;
   std::atomic<int> threshold_;
+  std::atomic<bool> finished_{false};
   std::unique_ptr<Writer> writer_;
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 /// Thread: any. A request is in |requested| and in exactly one of the others once it is answered.
@@ -14,6 +15,10 @@ struct DeletionCounters {
 
 /// The process's counters.
 DeletionCounters& deletionCounters();
+
+/// Waits until every request has been answered and no other has come for a moment, for |limit| at
+/// most. False when deletions still go on then.
+[[nodiscard]] bool awaitDeletions(std::chrono::milliseconds limit);
 
 /// Neighbour notifications that were handed to callbacks, and overruns that were survived.
 struct NotificationCounters {

@@ -170,13 +170,3 @@ int ZanNetlinkSocket::NetlinkRecvSocketEvent(unsigned int flags, NlMsgCallback c
                                              void* cbData) {
   return NetlinkRecv(flags, callback, cbData);
 }
-
-DeletionCounters& deletionCounters() {
-  static DeletionCounters counters;
-  return counters;
-}
-
-NotificationCounters& notificationCounters() {
-  static NotificationCounters counters;
-  return counters;
-}

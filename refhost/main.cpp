@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -22,6 +23,7 @@
 #include "refhost/HostSides.h"
 #include "refhost/InterfaceName.h"
 #include "refhost/LogSink.h"
+#include "refhost/NetlinkCounters.h"
 #include "refhost/ParentWatch.h"
 #include "refhost/Plugin.h"
 #include "refhost/Preflight.h"
@@ -142,16 +144,21 @@ void signalReady(int fd, void* cbData) {
   static_cast<EventLoop*>(cbData)->stop();
 }
 
-int runHost(const Options& options, const std::vector<std::string>& script, int channel) {
-  Plugin plugin(options.plugin);
-  if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
-  if (const auto failure = endLoading()) return fail(kExitUnavailable, *failure);
-  if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
-  const UniqueFd signals = takeSignals();
-  if (!signals.valid()) {
-    return fail(kExitUnavailable, std::string("no signalfd: ") + std::strerror(errno));
-  }
-  const LogSink log(STDERR_FILENO, logFormatOf(options), options.logLevel);
+/// The plug-in does not wait for its deletions: who ends the process gives up what is left of them.
+void awaitLastDeletions() {
+  constexpr std::chrono::seconds kLimit{2};
+  if (awaitDeletions(kLimit)) return;
+  const DeletionCounters& counters = deletionCounters();
+  const std::uint64_t answered = counters.deleted + counters.alreadyGone + counters.refused;
+  HOST_LOG(kHostWarning,
+           "deletions still go on after %lld s: given up, with %llu requests not answered",
+           static_cast<long long>(kLimit.count()),
+           static_cast<unsigned long long>(counters.requested - answered));
+}
+
+/// From the first event to the plug-in's end. Returns the exit code.
+int runSession(const Options& options, const std::vector<std::string>& script, int channel,
+               Plugin& plugin, const UniqueFd& signals) {
   HostSession session(STDOUT_FILENO, channel);
   EventLoop& loop = session.host().zanCom.hostSide().loop;
   loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
@@ -172,6 +179,23 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
   const int stopped = plugin.stop();
   HOST_LOG(kHostNotice, "stopped: deinit_ct_mgr returned %d", stopped);
   return stopped == 0 ? 0 : kExitUnavailable;
+}
+
+int runHost(const Options& options, const std::vector<std::string>& script, int channel) {
+  Plugin plugin(options.plugin);
+  if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
+  if (const auto failure = endLoading()) return fail(kExitUnavailable, *failure);
+  if (const auto missing = missingKernelSupport()) return fail(kExitUnavailable, *missing);
+  const UniqueFd signals = takeSignals();
+  if (!signals.valid()) {
+    return fail(kExitUnavailable, std::string("no signalfd: ") + std::strerror(errno));
+  }
+  // Deletion workers log until the process has ended.
+  static LogSink& log = *new LogSink(STDERR_FILENO, logFormatOf(options), options.logLevel);
+  const int code = runSession(options, script, channel, plugin, signals);
+  awaitLastDeletions();
+  log.finish();
+  return code;
 }
 
 }  // namespace

@@ -204,6 +204,7 @@ int RecordingHost::deliver(NlMsgCallback callback, void* cbData) {
 
 void RecordingHost::record(std::string entry) {
   if (forgetful) return;
+  whenRecorded(entry);
   const std::lock_guard<std::mutex> lock(mutex);
   recordPieces();
   sequence.push_back(std::move(entry));

@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -59,7 +60,9 @@ class RecordingHost : public ZanMsg {
   [[gnu::format(printf, 4, 5)]] void log(int level, int module, const char* format, ...) override;
 
   Zan zan;
-  bool forgetful = false;                           ///< what happens is formatted and then dropped
+  bool forgetful = false;  ///< what happens is formatted and then dropped
+  /// Called with each entry before it is recorded, on the thread that it comes from.
+  std::function<void(const std::string& entry)> whenRecorded = [](const std::string&) {};
   const char* property = nullptr;                   ///< value of every property, if it has one
   std::map<std::string, _ZanDsmWwanInfoType> wwan;  ///< every WWAN interface
   int dormancyStatus = 1;                           ///< of every link

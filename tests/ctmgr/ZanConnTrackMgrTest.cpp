@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <future>
 #include <tuple>
 
 #include "ctmgr/NetlinkRequest.h"
 #include "ctmgr/ZanConnTrackMgr.h"
 #include "lab/Patience.h"
+#include "tests/Deletions.h"
 #include "tests/RecordingHost.h"
 #include "tests/Sleepers.h"
 
@@ -38,7 +41,7 @@ struct ZanConnTrackMgrTest : testing::Test {
   std::shared_ptr<WorkerGate> gate;  ///< shared with the manager and its clean-ups
 
   ~ZanConnTrackMgrTest() override {
-    deinit_ct_mgr();
+    stopAndAwaitDeletions();
     EXPECT_TRUE(cleanUpsEnd());
   }
   /// Wakes the clean-ups of a manager that has gone; whether all of them end.
@@ -236,7 +239,7 @@ TEST_F(ZanConnTrackMgrTest, RequestsTheEntriesOfEachFlush) {
   clients({});
   EXPECT_EQ(host.take("^4"),
             "\n4 10409 ZanConnTrackMgr:: Failed to parse /proc/net/nf_conntrack\n");
-  deinit_ct_mgr();
+  stopAndAwaitDeletions();
   EXPECT_EQ(ports(0), (Ports{101, 102, 102, 103, 105}));
 }
 
@@ -263,9 +266,44 @@ TEST_F(ZanConnTrackMgrTest, EndsWhileACleanUpSleepsWhichThenDoesNothing) {
   clients({kA});
   clients({});
   sleepers::await();
-  EXPECT_EQ(deinit_ct_mgr(), 0) << "who waits for a sleeper does not return";
+  EXPECT_EQ(stopAndAwaitDeletions(), 0) << "who waits for a sleeper does not return";
   EXPECT_TRUE(cleanUpsEnd());
   EXPECT_EQ(host.awaitRequests(0).size(), 1U);
+}
+
+TEST_F(ZanConnTrackMgrTest, DeparturesOfOneEventShareOneReading) {
+  host.whenRecorded = [this](const std::string& entry) {
+    if (entry.ends_with("client Info " + kB)) table.write(tableEntry("10.0.0.2", 103));
+  };
+  start();
+  table.write(tableEntry("10.0.0.1", 101) + tableEntry("10.0.0.2", 102));
+  clients({kA, kB});
+  clients({});
+  EXPECT_EQ(ports(2), (Ports{101, 102})) << "B's entries as they were when A's were read";
+  clients({kB});
+  clients({});
+  EXPECT_EQ(ports(3), (Ports{101, 102, 103})) << "another event, another reading";
+}
+
+TEST_F(ZanConnTrackMgrTest, ASendThatNeverReturnsHoldsUpNobodyElse) {
+  std::promise<void> release;
+  std::atomic<int> sends = 0;
+  host.whenRecorded = [&, released = release.get_future().share()](const std::string& entry) {
+    if (entry == "sendConntrackNetlinkMsg 1012" && sends++ == 0) released.wait();
+  };
+  start();
+  table.write(tableEntry("10.0.0.1", 101) + tableEntry("10.0.0.1", 102) +
+              tableEntry("10.0.0.2", 103));
+  clients({kA, kB});
+  clients({kB});
+  EXPECT_TRUE(lab::eventually([&] { return sends == 1; }));
+  clients({});
+  EXPECT_EQ(ports(1), Ports{103}) << "another worker's request";
+  const auto deletions = Deletions::handle();
+  EXPECT_EQ(deinit_ct_mgr(), 0);
+  release.set_value();
+  EXPECT_TRUE(lab::eventually([&] { return deletions.expired(); }));
+  EXPECT_EQ(ports(0), (Ports{101, 102, 103})) << "deletions go on to their end";
 }
 
 TEST_F(ZanConnTrackMgrTest, SendsOneRequestPerEntry) {

@@ -16,6 +16,7 @@
 
 #include "ctmgr/ZanConnTrackMgr.h"
 #include "lab/Patience.h"
+#include "tests/Deletions.h"
 #include "tests/RecordingHost.h"
 #include "tests/Sleepers.h"
 #include "tests/faults/FaultyCalls.h"
@@ -33,7 +34,6 @@ struct Tracker : ZanIfConnTracker {
 struct World {
   struct Manager : ZanConnTrackMgr {
     static auto& w9() { return *(gConnTrackMgr->*(&Manager::ifTrackers)).at("w9"); }
-    static long users() { return (gConnTrackMgr->*(&Manager::workers)).use_count(); }
   };
   const std::string client = "0a:00:00:00:00:01";
   RecordingHost host;
@@ -51,11 +51,11 @@ struct World {
                 tableEntry("2001:0db8:0000:0000:0000:0000:0000:0001", 103));
   }
   ~World() {
-    deinit_ct_mgr();
+    stopAndAwaitDeletions();
     sleepers::wake();
   }
   void start(const char* switchedOff = "3") {
-    deinit_ct_mgr();
+    stopAndAwaitDeletions();
     host.property = switchedOff;
     result(init_ct_mgr(&host.zan));
   }
@@ -96,7 +96,8 @@ struct World {
 
   /// What has been recorded, sorted, once no worker works.
   Lines taken() {
-    while (gConnTrackMgr != nullptr && Manager::users() > 1) std::this_thread::sleep_for(1ms);
+    static_cast<void>(
+        lab::eventually([] { return gConnTrackMgr == nullptr || Deletions::rest(); }));
     std::string text = host.take();
     std::erase(text, '\0');
     std::istringstream stream(text);
@@ -108,7 +109,7 @@ struct World {
 };
 
 using Step = void (*)(World&);
-constexpr Step kStopped = [](World&) { deinit_ct_mgr(); };
+constexpr Step kStopped = [](World&) { stopAndAwaitDeletions(); };
 constexpr Step kStarted = [](World& w) { w.start(); };
 constexpr Step kHotspot = [](World& w) { w.startWithClient(); };
 constexpr Step kFlushed = [](World& w) { gConnTrackMgr ? w.flush() : w.startWithClient(); };
@@ -121,7 +122,7 @@ const std::tuple<const char*, Step, Step> kOperations[] = {
     {"neighbour", [](World& w) { w.start("0"); }, [](World& w) { w.notify("10.0.0.1"); }},
     {"first flush", kHotspot, [](World& w) { w.flush(); }},
     {"later flush", [](World& w) { kFlushed(w), kFlushed(w); }, [](World& w) { w.flush(); }},
-    {"client gone", kHotspot, [](World& w) { w.depart(), deinit_ct_mgr(); }},
+    {"client gone", kHotspot, [](World& w) { w.depart(), stopAndAwaitDeletions(); }},
     {"upstream lost", kHotspot, [](World& w) { w.lose(); }},
     {"interface up", [](World& w) { w.start(), w.turn(4); }, [](World& w) { w.turn(1); }},
     {"first sleep", kStarted, [](World& w) { w.sleep(); }},
@@ -132,7 +133,8 @@ const std::tuple<const char*, Step, Step> kOperations[] = {
     {"not idle", kDormant, [](World& w) { w.expire("5\n"); }},
     {"command", kStarted, [](World& w) { w.command(); }},
     {"interface down", [](World& w) { w.start(), w.sleep(); }, [](World& w) { w.turn(4); }},
-    {"stop", [](World& w) { w.start(), w.sleep(); }, [](World& w) { w.result(deinit_ct_mgr()); }},
+    {"stop", [](World& w) { w.start(), w.sleep(); },
+     [](World& w) { w.result(stopAndAwaitDeletions()); }},
 };
 
 /// When an |operation| on the channel fails, rules stay or are not added, or one command fails; the

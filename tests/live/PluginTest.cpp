@@ -1,10 +1,16 @@
 // The plug-in as a library: what unloading it, and loading it again and again, leaves behind.
 #include <malloc.h>
+#include <netinet/in.h>
+#include <sched.h>
 #include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "lab/ConntrackInserter.h"
+#include "lab/Process.h"
+#include "refhost/HostSides.h"
+#include "refhost/NetlinkCounters.h"
 #include "refhost/Plugin.h"
 #include "tests/live/LiveTest.h"
 
@@ -52,6 +58,35 @@ TEST_F(PluginLibrary, StaysMappedForWorkersThatStillSleep) {
   }
   EXPECT_TRUE(isMapped(kPluginPath));
   EXPECT_TRUE(workersEnd()) << "a sleeper wakes in the library's code";
+}
+
+TEST_F(PluginLibrary, GoesOnDeletingAfterItHasBeenUnloaded) {
+  constexpr std::uint16_t kEntries = 5000;
+  const std::string address = "10.0.0.1";
+  const std::string mac = "02:00:00:00:00:01";
+  const lab::NetNamespace gateway;
+  ASSERT_EQ(setns(gateway.fd(), CLONE_NEWNET), 0);
+  std::vector<lab::ConntrackInserter::Entry> entries;
+  for (std::uint16_t port = 1; port <= kEntries; ++port) {
+    entries.push_back({IPPROTO_UDP, {address, "198.51.100.7", port, 443}});
+  }
+  lab::ConntrackInserter(gateway).insert(entries);
+  Zan host;
+  {
+    Plugin plugin(kPluginPath);
+    ASSERT_EQ(plugin.start(host), 0);
+    lab::Process::runIpBatch(gateway,
+                             "link add ap1 type veth peer name ap2\nlink set ap1 up\n"
+                             "neigh replace " +
+                                 address + " lladdr " + mac + " dev ap1 nud permanent\n");
+    while (notificationCounters().delivered == 0) host.zanCom.hostSide().loop.turn(-1);
+    for (const ZanDsmTextList& clients : {ZanDsmTextList{mac}, ZanDsmTextList{}}) {
+      host.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &clients);
+    }
+    ASSERT_EQ(plugin.stop(), 0);
+  }
+  EXPECT_TRUE(lab::eventually([] { return deletionCounters().deleted == kEntries; }));
+  EXPECT_TRUE(workersEnd());
 }
 
 TEST_F(PluginLibrary, LoadsAndUnloadsAThousandTimesWithoutGrowing) {

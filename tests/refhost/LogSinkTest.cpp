@@ -66,6 +66,16 @@ TEST(LogSink, JsonKeepsTheTextExactly) {
   EXPECT_TRUE(nlohmann::json::accept(lines[2])) << lines[2];
 }
 
+TEST(LogSink, WritesWhatIsThereWhenItIsFinishedAndDropsWhatComesLater) {
+  EXPECT_THAT(written(LogSink::Format::kText, 0,
+                      [](LogSink& sink) {
+                        sink.log(2, 10409, "before");
+                        sink.finish();
+                        sink.log(2, 10409, "after");
+                      }),
+              ElementsAre(HasSubstr("before")));
+}
+
 TEST(LogSink, AReaderThatStandsStillDoesNotBlockTheCaller) {
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
