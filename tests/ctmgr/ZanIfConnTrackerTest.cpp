@@ -1,9 +1,13 @@
 // The tracker of one interface: what it does, sends and logs, in one sequence.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <cstring>
 #include <regex>
+#include <thread>
 #include <tuple>
 
 #include "ctmgr/ZanIfConnTracker.h"
@@ -138,6 +142,42 @@ TEST_F(ZanIfConnTrackerTest, EndsAStartAtTheFirstRefusal) {
     EXPECT_EQ(said(), "\n0 ~startTracking 6\n0 ~runIpTableAddCommands\n" + log +
                           "2 ~startTracking fail to add ipTable rules\n");
   }
+}
+
+/// The result of a command to a parent that acknowledges each piece and then |leaves| instead of
+/// giving a result.
+int commandAbandoned(RecordingHost& host, Tracker& tracker, void (*leaves)(UniqueFd& parentsEnd)) {
+  std::array<int, 2> ends{};
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+  const UniqueFd own(ends[0]);
+  UniqueFd parentsEnd(ends[1]);
+  const int before = std::exchange(host.zan.commandChannelFd, own.get());
+  std::thread parent([&] {
+    constexpr int kPieces = 5;
+    constexpr std::int32_t kAcknowledgement = 0;
+    for (int piece = 0; piece < kPieces; ++piece) {
+      std::array<char, 16> bytes;
+      recv(parentsEnd.get(), bytes.data(), bytes.size(), 0);
+      send(parentsEnd.get(), &kAcknowledgement, sizeof(kAcknowledgement), 0);
+    }
+    leaves(parentsEnd);
+  });
+  const int result = tracker.execCommand(ZAN_CMD_IDLETIMER_ADD_1);
+  parent.join();
+  host.zan.commandChannelFd = before;
+  return result;
+}
+
+TEST_F(ZanIfConnTrackerTest, AParentThatOnlyStopsTalkingMakesACommandSucceed) {
+  EXPECT_EQ(commandAbandoned(host, *tracker, [](UniqueFd& end) { shutdown(end.get(), SHUT_WR); }),
+            0);
+}
+
+TEST_F(ZanIfConnTrackerTest, AParentThatHasClosedItsSocketMakesACommandFail) {
+  std::signal(SIGPIPE, SIG_IGN);  // as every host has it
+  host.take();
+  EXPECT_EQ(commandAbandoned(host, *tracker, [](UniqueFd& end) { end.reset(); }), -1);
+  EXPECT_EQ(host.take(), "\n4 10409 send_and_recv_ack write failed\n");
 }
 
 TEST_F(ZanIfConnTrackerTest, RestartsTheTimerWithTwiceItsLength) {
