@@ -22,10 +22,10 @@ struct Subject {
 };
 
 constexpr Subject kSubjects[] = {
-    {"reads", bench::measureReads},         {"lines", bench::measureLines},
-    {"scans", bench::measureScans},         {"flushes", bench::measureFlushes},
-    {"deletions", bench::measureDeletions}, {"neighbours", bench::measureNeighbours},
-    {"footprint", bench::measureFootprint},
+    {"reads", bench::measureReads},           {"lines", bench::measureLines},
+    {"scans", bench::measureScans},           {"flushes", bench::measureFlushes},
+    {"departures", bench::measureDepartures}, {"deletions", bench::measureDeletions},
+    {"neighbours", bench::measureNeighbours}, {"footprint", bench::measureFootprint},
 };
 
 struct Arguments {

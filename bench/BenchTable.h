@@ -21,7 +21,7 @@ struct Client {
 /// What a table is made of: every client owns as many entries as every other.
 struct TableShape {
   std::size_t entries;
-  std::size_t clients;  ///< 100 at most
+  std::size_t clients;  ///< 250 at most
   bool ipv6 = true;     ///< a quarter of the entries are IPv6
 };
 

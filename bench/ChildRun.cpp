@@ -18,7 +18,7 @@
 namespace bench {
 namespace {
 
-constexpr unsigned int kLimitSeconds = 60;
+constexpr unsigned int kLimitSeconds = 180;
 
 /// The first byte of what the child says.
 constexpr char kResults = 'r';
@@ -65,7 +65,7 @@ std::vector<double> inChild(const std::function<std::vector<double>()>& measurem
   const std::string said = readAll(reading.get());
   while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }
-  if (said.empty()) throw lab::Error("a measurement died, or took longer than a minute");
+  if (said.empty()) throw lab::Error("a measurement died, or took longer than three minutes");
   if (said.front() == kFailure) throw lab::Error(said.substr(1));
   std::vector<double> results((said.size() - 1) / sizeof(double));
   std::memcpy(results.data(), said.data() + 1, results.size() * sizeof(double));

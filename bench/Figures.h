@@ -41,6 +41,9 @@ void measureDeletions(const Options& options, Report& report);
 /// Event 27 to the last acknowledgement (FlushFigures.cpp).
 void measureFlushes(const Options& options, Report& report);
 
+/// Many clients that leave in one event (DepartureFigures.cpp).
+void measureDepartures(const Options& options, Report& report);
+
 /// Neighbour notifications a second (NeighbourFigures.cpp).
 void measureNeighbours(const Options& options, Report& report);
 
