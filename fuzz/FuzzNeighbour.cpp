@@ -14,6 +14,7 @@ namespace {
 
 struct Neighbours : ZanNetlinkMgr {
   using ZanNetlinkMgr::neighInfoMap;
+  using ZanNetlinkMgr::tableMutex;
   using ZanNetlinkMgr::ZanNetlinkMgr;
 };
 
@@ -79,6 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ZanNetlinkMgr::HandleNlMsg(&neighbours, msg, msg->nlmsg_len);
     if (msg->nlmsg_type == RTM_NEWNEIGH) expected = after;
     Table actual;
+    const MutexLock lock(neighbours.tableMutex);
     for (const auto& [mac, entry] : neighbours.neighInfoMap) {
       require(mac == entry.macAddr, "key");
       actual[mac] = {entry.ipv4Addr, entry.ipv6Addr};

@@ -11,7 +11,8 @@ struct Deletions : ZanConnTrackMgr {
   /// Whether no deletion worker of the present manager works.
   static bool rest() {
     auto& deleter = gConnTrackMgr->*(&Deletions::deleter);
-    const MutexLock lock(gConnTrackMgr->*(&Deletions::listMutex));
+    Mutex& mutex = gConnTrackMgr->*(&Deletions::listMutex);
+    const MutexLock lock(mutex);
     return !(gConnTrackMgr->*(&Deletions::listsWait)) && deleter.use_count() == 1;
   }
 
