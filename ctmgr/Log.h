@@ -3,20 +3,8 @@
 
 #include <cstdint>
 
+#include "ctmgr/Agreement.h"
 #include "host/ZanMsg.h"
-
-/// Levels of the framework's log, as the plug-in uses them.
-enum LogLevel : int {
-  kLogTrace = 0,      ///< function entries, received events, each parsed line and request
-  kLogUnhandled = 1,  ///< events nobody handles
-  kLogNotice = 2,     ///< notable state
-  kLogWarning = 3,    ///< bad callback arguments, set-up anomalies
-  kLogError = 4       ///< failures to reach or parse the conntrack table and the like
-};
-
-/// Module identifiers of the framework's log.
-inline constexpr int ZAN_LOG_MODULE_CT_MGR = 10409;  ///< manager, trackers, deletion, utilities
-inline constexpr int ZAN_LOG_MODULE_CT_NET = 10401;  ///< conntrack parser and neighbour table
 
 /// One log line. A macro, so that the compiler checks every format against its arguments.
 #define ZAN_LOG(module, level, format, ...)                                \

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <thread>
 #include <utility>
 
 #include "ctmgr/Log.h"
-#include "host/Properties.h"
+#include "ctmgr/NumberProperty.h"
 
 ZanConnTrackMgr* gConnTrackMgr = nullptr;
 
@@ -178,9 +177,7 @@ void ZanConnTrackMgr::listenFilterTimerExpHdlr(const void* eventData, std::strin
 }
 
 int ZanConnTrackMgr::readSapConnTrackProperty() {
-  char value[kPropertyValueMax] = {};
-  property_get(kDisableProperty, value, "0");
-  return std::atoi(value);
+  return readNumberProperty(kDisableProperty);
 }
 
 bool ZanConnTrackMgr::flushesEnabled() const {

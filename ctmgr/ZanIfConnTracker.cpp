@@ -10,28 +10,19 @@
 #include <cstring>
 #include <utility>
 
+#include "ctmgr/Agreement.h"
+#include "ctmgr/CommandChannel.h"
 #include "ctmgr/Log.h"
-#include "host/Properties.h"
+#include "ctmgr/NumberProperty.h"
 
 namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_MGR;
 
-constexpr std::int32_t kDormant = 1;
-constexpr std::int32_t kActive = 2;
-constexpr std::int32_t kFilteringEnded = 1;
-constexpr std::int32_t kTetheringOn = 1;
-constexpr std::int32_t kTetheringOff = 0;
-constexpr int kModemSuccess = 1;
-
 constexpr unsigned int kIdleTimerMinSeconds = 5;
 constexpr unsigned int kIdleTimerMaxSeconds = 80;
 
 constexpr char kIcmpProperty[] = "persist.vendor.zan.vndr.ctmgr.disable.icmp";
-
-/// Label and target of the idle-timer rules: they make the kernel create a timer CT_<interface>.
-constexpr char kLabelPrefix[] = "CT";
-constexpr char kTarget[] = "IDLETIMER";
 
 /// Room for the timer's path; a longer one is cut, and opening it fails.
 constexpr std::size_t kTimerPathSize = 60;
@@ -46,41 +37,15 @@ bool isUsable(const void* evtData, const void* cbData) {
   return false;
 }
 
-void logUnhandled(int event) {
+bool isHandled(int event, int handled) {
+  if (event == handled) return true;
   ZAN_LOG(kModule, kLogUnhandled, "unhandled event:%d", event);
+  return false;
 }
 
 /// The NUL-terminated text at |offset| of |field|, or what there is of it.
 std::string textAt(const char (&field)[131], std::size_t offset) {
   return {field + offset, strnlen(field + offset, sizeof(field) - offset)};
-}
-
-bool writeToParent(int channel, const void* data, std::size_t length) {
-  if (write(channel, data, length) >= 0) return true;
-  ZAN_LOG(kModule, kLogError, "send_and_recv_ack write failed");
-  return false;
-}
-
-/// Reads |value|, which keeps its value when the stream has ended.
-bool readFromParent(int channel, std::int32_t& value) {
-  std::int32_t received = 0;
-  const ssize_t count = read(channel, &received, sizeof(received));
-  if (count < 0) {
-    ZAN_LOG(kModule, kLogError, "send_and_recv_ack read failed");
-    return false;
-  }
-  if (count == sizeof(received)) value = received;
-  return true;
-}
-
-/// Sends one piece of an exchange and reads its acknowledgement; false ends the exchange.
-bool sendAcknowledged(int channel, const void* data, std::size_t length) {
-  if (!writeToParent(channel, data, length)) return false;
-  std::int32_t acknowledgement = 0;
-  if (!readFromParent(channel, acknowledgement)) return false;
-  if (acknowledgement >= 0) return true;
-  ZAN_LOG(kModule, kLogError, "send_and_recv_ack ret corrupted");
-  return false;
 }
 
 }  // namespace
@@ -91,7 +56,7 @@ ZanIfConnTracker::ZanIfConnTracker(Zan& zan, ZanConnTrackUtils& utils, ZanRix& r
       connTrackUtils(utils),
       zanRix(rix),
       ifaceName(std::move(name)),
-      dormancyStatus(kActive),
+      dormancyStatus(kLinkActive),
       idleTimerValue(kIdleTimerMinSeconds) {
   ZAN_LOG_ENTRY(kModule,
                 "ZanIfConnTracker::ZanIfConnTracker(Zan &, ZanConnTrackUtils &, ZanRix &, string)",
@@ -117,14 +82,11 @@ ZanIfConnTracker::~ZanIfConnTracker() {
 void ZanIfConnTracker::dsmEventHandler(ZanDsmEvent event, const void* evtData, void* cbData) {
   if (!isUsable(evtData, cbData)) return;
   ZAN_LOG(kModule, kLogUnhandled, "ZanIfConnTracker::dsmEventHandler event:%d", event);
-  if (event != ZAN_DSM_EVENT_TETHERING_STATE) {
-    logUnhandled(event);
-    return;
-  }
+  if (!isHandled(event, ZAN_DSM_EVENT_TETHERING_STATE)) return;
   auto* self = static_cast<ZanIfConnTracker*>(cbData);
   const std::int32_t tethering = *static_cast<const std::int32_t*>(evtData);
   if (tethering != kTetheringOn && tethering != kTetheringOff) return;
-  if (self->zanRix.getDormancyStatus(self->ifaceName) != kDormant) return;
+  if (self->zanRix.getDormancyStatus(self->ifaceName) != kLinkDormant) return;
 
   if (tethering == kTetheringOn) {
     self->uninstallFilters();
@@ -142,10 +104,7 @@ void ZanIfConnTracker::rixWdsEventHandler(ZanRixWdsEventType event, const void* 
                                           void* cbData) {
   if (!isUsable(evtData, cbData)) return;
   ZAN_LOG(kModule, kLogTrace, "ZanIfConnTracker::rixWdsEventHandler event: %d", event);
-  if (event != ZAN_RIX_WDS_EVENT_DORMANCY_STATUS) {
-    logUnhandled(event);
-    return;
-  }
+  if (!isHandled(event, ZAN_RIX_WDS_EVENT_DORMANCY_STATUS)) return;
   auto* self = static_cast<ZanIfConnTracker*>(cbData);
   const auto& record = *static_cast<const ZanRixStatusRecord*>(evtData);
   ZAN_LOG(kModule, kLogTrace, "ZanIfConnTracker::rixWdsEventHandler iface: %s status: %d",
@@ -154,17 +113,17 @@ void ZanIfConnTracker::rixWdsEventHandler(ZanRixWdsEventType event, const void* 
     ZAN_LOG(kModule, kLogUnhandled, "Failed to install filters");
     return;
   }
-  if (record.ifaceName != self->ifaceName || record.status != kDormant ||
+  if (record.ifaceName != self->ifaceName || record.status != kLinkDormant ||
       self->zanDsm->tetheringIndicator != 0) {
     return;
   }
-  if (self->dormancyStatus == kDormant) {
+  if (self->dormancyStatus == kLinkDormant) {
     ZAN_LOG(kModule, kLogTrace, "No change in dormancy status");
     return;
   }
   const int result = self->installFilters();
   if (result == 0) {
-    self->dormancyStatus = kDormant;
+    self->dormancyStatus = kLinkDormant;
     self->zanRix.deRegDormancyStatusChgEvent(self->ifaceName, rixWdsEventHandler, self);
   }
   ZAN_LOG(kModule, kLogTrace, "after installFilters ret: %d", result);
@@ -174,10 +133,7 @@ void ZanIfConnTracker::rixDfsEventHandler(ZanRixDfsEventType event, const void* 
                                           void* cbData) {
   if (!isUsable(evtData, cbData)) return;
   ZAN_LOG(kModule, kLogTrace, "ZanIfConnTracker::rixDfsEventHandler event: %d", event);
-  if (event != ZAN_RIX_DFS_EVENT_FILTERING_STATUS) {
-    logUnhandled(event);
-    return;
-  }
+  if (!isHandled(event, ZAN_RIX_DFS_EVENT_FILTERING_STATUS)) return;
   auto* self = static_cast<ZanIfConnTracker*>(cbData);
   const auto& record = *static_cast<const ZanRixStatusRecord*>(evtData);
   ZAN_LOG(kModule, kLogTrace, "ZanIfConnTracker::rixDfsEventHandler iface: %s status: %d",
@@ -187,7 +143,7 @@ void ZanIfConnTracker::rixDfsEventHandler(ZanRixDfsEventType event, const void* 
     return;
   }
   if (record.ifaceName != self->ifaceName || record.status != kFilteringEnded) return;
-  self->dormancyStatus = kActive;
+  self->dormancyStatus = kLinkActive;
   self->zanRix.regDormancyStatusChgEvent(self->ifaceName, rixWdsEventHandler, self);
   self->uninstallFilters();
 }
@@ -262,22 +218,7 @@ void ZanIfConnTracker::instalListenFilters() {
 }
 
 int ZanIfConnTracker::execCommand(ZAN_COMMANDS cmd) {
-  const int channel = host.commandChannelFd;
-  if (!sendAcknowledged(channel, &cmd, sizeof(cmd))) return -1;
-  if (isIdleTimerCommand(cmd)) {
-    const bool sent = sendAcknowledged(channel, ifaceName.c_str(), ifaceName.size() + 1) &&
-                      sendAcknowledged(channel, &idleTimeOut, sizeof(idleTimeOut)) &&
-                      sendAcknowledged(channel, kLabelPrefix, sizeof(kLabelPrefix)) &&
-                      sendAcknowledged(channel, kTarget, sizeof(kTarget));
-    if (!sent) return -1;
-  }
-  std::int32_t result = 0;
-  if (!readFromParent(channel, result)) return -1;
-  const std::int32_t acknowledgement = 0;
-  if (!writeToParent(channel, &acknowledgement, sizeof(acknowledgement))) return -1;
-  if (result == 0) return 0;
-  ZAN_LOG(kModule, kLogError, "ZanIfConnTracker parent process failed to execute command\n");
-  return -1;
+  return CommandChannel(host.commandChannelFd).execute(cmd, ifaceName, idleTimeOut) ? 0 : -1;
 }
 
 bool ZanIfConnTracker::runIpTableAddCommands() {
@@ -307,7 +248,8 @@ void ZanIfConnTracker::startListenFilterTracking(unsigned int timeout) {
     close(idleTimerFd);
   }
   char path[kTimerPathSize];
-  std::snprintf(path, sizeof(path), "/sys/class/xt_idletimer/timers/CT_%s", ifaceName.c_str());
+  std::snprintf(path, sizeof(path), "/sys/class/xt_idletimer/timers/%s_%s", kIdleTimerLabelPrefix,
+                ifaceName.c_str());
   idleTimerFd = open(path, O_RDONLY | O_CLOEXEC);
   if (idleTimerFd == -1) {
     ZAN_LOG(kModule, kLogNotice, "ZanIfConnTracker::startTracking file open fail = %d", errno);
@@ -387,9 +329,7 @@ void ZanIfConnTracker::idleTimerExpiryHandler(int fd, void* cbData) {
 }
 
 int ZanIfConnTracker::readIcmpFilterInstallationProperty() {
-  char value[kPropertyValueMax] = {};
-  property_get(kIcmpProperty, value, "0");
-  return std::atoi(value);
+  return readNumberProperty(kIcmpProperty);
 }
 
 int ZanIfConnTracker::startNlSockEvents() {

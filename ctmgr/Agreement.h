@@ -1,0 +1,37 @@
+// What a plug-in and its host must agree on beyond the framework's own declarations. It stands
+// here, and not in host/, because a vendor's headers of the same names hide that folder.
+#pragma once
+
+#include <cstdint>
+
+/// Levels of the framework's log, as the plug-in uses them.
+enum LogLevel : int {
+  kLogTrace = 0,      ///< function entries, received events, each parsed line and request
+  kLogUnhandled = 1,  ///< events nobody handles
+  kLogNotice = 2,     ///< notable state
+  kLogWarning = 3,    ///< bad callback arguments, set-up anomalies
+  kLogError = 4       ///< failures to reach or parse the conntrack table and the like
+};
+
+/// Module identifiers of the framework's log.
+inline constexpr int ZAN_LOG_MODULE_CT_MGR = 10409;  ///< manager, trackers, deletion, utilities
+inline constexpr int ZAN_LOG_MODULE_CT_NET = 10401;  ///< conntrack parser and neighbour table
+
+/// What the idle-timer commands carry: the rules make the kernel create a timer CT_<interface>
+/// (iptables-extensions(8), IDLETIMER).
+inline constexpr char kIdleTimerLabelPrefix[] = "CT";
+inline constexpr char kIdleTimerTarget[] = "IDLETIMER";
+
+/// Status of the modem's link, in dormancy events and ZanRix::getDormancyStatus().
+inline constexpr std::int32_t kLinkDormant = 1;
+inline constexpr std::int32_t kLinkActive = 2;
+
+/// Status in a filtering event.
+inline constexpr std::int32_t kFilteringEnded = 1;
+
+/// Payload of the tethering event.
+inline constexpr std::int32_t kTetheringOn = 1;
+inline constexpr std::int32_t kTetheringOff = 0;
+
+/// What ZanRix::installFilters() and installListenFilters() return on success.
+inline constexpr int kModemSuccess = 1;

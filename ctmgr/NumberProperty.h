@@ -1,0 +1,13 @@
+// System properties that are numbers.
+#pragma once
+
+#include <cstdlib>
+
+#include "host/Properties.h"
+
+/// The value of property |name| as atoi(3) reads it; 0 when it is not set. Any thread.
+[[nodiscard]] inline int readNumberProperty(const char* name) {
+  char value[kPropertyValueMax] = {};
+  property_get(name, value, "0");
+  return std::atoi(value);
+}
