@@ -1,14 +1,13 @@
 #include "ctmgr/ZanConnTrackParser.h"
 
-#include <arpa/inet.h>
 #include <stdio_ext.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
-#include "ctmgr/AddressText.h"
-#include "ctmgr/ConntrackText.h"
+#include "ctmgr/ConntrackMatch.h"
 #include "ctmgr/Log.h"
 
 #ifdef __BIONIC__
@@ -19,125 +18,22 @@ namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_NET;
 
-constexpr char kTupleStart[] = "src=";
-constexpr std::size_t kTupleStartLength = sizeof(kTupleStart) - 1;
-
-/// Reads the family and the protocol of |line| into |record|; false when one of them is not
-/// handled here.
-bool readKind(const char* line, bool ipv6Handled, ZanConnTrackFilter_s& record) {
-  LineStart start{};
-  readLineStart(line, start);
-  ZAN_LOG(kModule, kLogTrace,
-          "ZanConnTrackParser::parseNfConnTrackLine:af = %s temp = %s protocol = %s type = %s\n",
-          start.layer3Name, start.layer3Number, start.layer4Name, start.layer4Number);
-
-  if (std::strcmp(start.layer3Name, "ipv4") == 0) {
-    record.af = AF_INET;
-  } else if (ipv6Handled && std::strcmp(start.layer3Name, "ipv6") == 0) {
-    record.af = AF_INET6;
-  } else {
-    return false;
-  }
-  if (std::strcmp(start.layer4Name, "udp") == 0) {
-    record.protocol = IPPROTO_UDP;
-  } else if (std::strcmp(start.layer4Name, "tcp") == 0) {
-    record.protocol = IPPROTO_TCP;
-  } else {
-    return false;
-  }
-  return true;
-}
-
-/// The reply tuple behind |original|, the text of the original one to the end of the line, or null;
-/// a log line says which.
-const char* findReplyTuple(const char* original) {
-  const char* reply = std::strstr(original + kTupleStartLength, kTupleStart);
-  if (reply == nullptr) {
-    ZAN_LOG(kModule, kLogTrace,
-            "ZanConnTrackParser::parseNfConnTrackLine:substring src is not found in strAddrPort");
-    return nullptr;
-  }
-  ZAN_LOG(kModule, kLogTrace,
-          "ZanConnTrackParser::parseNfConnTrackLine: Reverse entry, Now Parsing: %s", reply);
-  return reply;
-}
-
-/// inet_pton(3) into |address|, which is zero where |text| is no address. Returns whether |text| is
-/// in the one form in which addresses compare as plain strings, as all that the kernel prints is.
-bool readAddress(std::uint16_t af, const char* text, std::uint8_t (&address)[16]) {
-  if (af == AF_INET ? readDottedAddress(text, address) : readExpandedAddress(text, address)) {
-    return true;
-  }
-  std::memset(address, 0, sizeof(address));
-  inet_pton(af, text, address);
-  return false;
-}
-
-/// The source of a direction.
-struct Source {
-  const char* end = nullptr;      ///< where it ends in the line; null if it is lacking
-  std::uint8_t address[16] = {};  ///< network byte order
-  AddressField text = {};         ///< as addresses compare
-};
-
-/// The source of |tuple|. What is no address of family |af| becomes the family's all-zero address.
-Source readSourceOf(const char* tuple, std::uint16_t af) {
-  Source source;
-  source.end = readSource(tuple, source.text);
-  if (!readAddress(af, source.text, source.address)) {
-    inet_ntop(af, source.address, source.text, sizeof(source.text));
-  }
-  if (af == AF_INET6) ZanConnTrackUtils::getIpV6Address(source.text);
-  return source;
-}
-
-/// The destination of the reply direction. Ports that it lacks are those of the original direction.
-DestinationText readReplyDestination(const Source& original, const Source& reply) {
-  DestinationText destination{};
-  readDestination(original.end, destination);
-  std::memset(destination.dst, 0, sizeof(destination.dst));
-  readDestination(reply.end, destination);
-  return destination;
-}
-
-/// What the IPv6 line shows of an address: where the field is, not what it holds.
-unsigned long long fieldAddress(const std::uint8_t (&address)[16]) {
-  return reinterpret_cast<std::uintptr_t>(&address);
-}
-
-/// Completes |record|, whose family and protocol are set.
-void fillRecord(const Source& source, const DestinationText& destination,
-                ZanConnTrackFilter_s& record) {
-  record.sport = destination.sport;
-  record.dport = destination.dport;
-  std::memcpy(record.src, source.address, sizeof(record.src));
-  readAddress(record.af, destination.dst, record.dest);
-  if (record.af == AF_INET) {
-    ZAN_LOG(kModule, kLogTrace,
-            "ZanConnTrackParser::parseNfConnTrackLine: AF=%hu, protocol=%d, src=%X, sport=%hu, "
-            "dest=%X, dport=%hu",
-            record.af, record.protocol, addressWord(record.src, 0), record.sport,
-            addressWord(record.dest, 0), record.dport);
-  } else {
-    ZAN_LOG(kModule, kLogTrace,
-            "ZanConnTrackParser::parseNfConnTrackLine: AF=%hu, protocol=%d, V6src = %llX, "
-            "sport=%hX, V6dest =%llX, dport=%hX  ",
-            record.af, record.protocol, fieldAddress(record.src), record.sport,
-            fieldAddress(record.dest), record.dport);
-  }
-}
-
-int logNoMatch() {
-  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackLine: No Match found");
-  return ZanConnTrackParser::kNotOfInterest;
-}
-
 void logAlreadyBound() {
   ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::Privileges already set");
 }
 
 void logScan(const void* stream) {
   ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackFile: %p", stream);
+}
+
+/// Whether one of the addresses of |control| occurs in |line|. The one of the line's own family,
+/// which is the likelier, is looked for first.
+bool mentions(const char* line, const ZanConnTrackFileParseControlType& control) {
+  const char* first = control.ipv4Address.c_str();
+  const char* second = control.ipv6Address.c_str();
+  const bool ipv6 = line[0] == 'i' && line[1] == 'p' && line[2] == 'v' && line[3] == '6';
+  if (ipv6) std::swap(first, second);
+  return std::strstr(line, first) != nullptr || std::strstr(line, second) != nullptr;
 }
 
 /// Whether a scan goes on behind a line with |result|; a log line tells when it does not.
@@ -305,17 +201,14 @@ int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlT
                                              std::list<ZanConnTrackFilter_s>& v4Out,
                                              std::list<ZanConnTrackFilter_s>& v6Out, int fd,
                                              TableQuestion& question) {
-  ZanConnTrackLineParseControlType lineControl{{}, control.ipv4Address, control.ipv6Address};
+  const ClientAddresses client{NormalAddress(control.ipv4Address),
+                               NormalAddress(control.ipv6Address)};
   // An empty text occurs in every line.
   const bool everyLine = control.ipv4Address.empty() || control.ipv6Address.empty();
   return scanTable(fd, question, [&](const char* line) -> int {
-    if (!everyLine && std::strstr(line, control.ipv4Address.c_str()) == nullptr &&
-        std::strstr(line, control.ipv6Address.c_str()) == nullptr) {
-      return kNotOfInterest;
-    }
-    lineControl.line = line;
-    ZanConnTrackFilter_s record{};
-    const int result = parseNfConnTrackLine(lineControl, record);
+    if (!everyLine && !mentions(line, control)) return kNotOfInterest;
+    ZanConnTrackFilter_s record;
+    const int result = matchClient(line, client, record);
     if (result == kMatched) (record.af == AF_INET ? v4Out : v6Out).push_back(record);
     return result;
   });
@@ -330,10 +223,11 @@ int ZanConnTrackParser::parseNfConnTrackFile(std::vector<std::string>& clientAdd
         clientAddresses.begin(), clientAddresses.end(),
         [&](const std::string& text) { return std::strstr(line, text.c_str()) != nullptr; });
     if (client == clientAddresses.end()) return kNotOfInterest;
+    const NormalAddress address(*client);
 
     for (const std::string& lost : lostAddresses) {
       ZanConnTrackFilter_s record{};
-      const int result = parseNfConnTrackLine(line, *client, lost, record);
+      const int result = matchLoss(line, address, lost, record);
       if (result == kNotOfInterest) continue;
       if (result != kMatched) return result;
       out.push_back(record);
@@ -344,59 +238,12 @@ int ZanConnTrackParser::parseNfConnTrackFile(std::vector<std::string>& clientAdd
 
 int ZanConnTrackParser::parseNfConnTrackLine(const ZanConnTrackLineParseControlType& control,
                                              ZanConnTrackFilter_s& out) {
-  const char* line = control.line.c_str();
-  const char* original = std::strstr(line, kTupleStart);
-  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackLine: Now Parsing: %s", line);
-  if (original == nullptr) {
-    ZAN_LOG(kModule, kLogTrace,
-            "ZanConnTrackParser::parseNfConnTrackLine:substring src is not found in socketLine");
-    return kFailed;
-  }
-  ZanConnTrackFilter_s record{};
-  if (!readKind(line, true, record)) return kNotOfInterest;
-
-  const auto isClient = [&](const Source& source) {
-    return control.ipv4Address == source.text || control.ipv6Address == source.text;
-  };
-  const Source source = readSourceOf(original, record.af);
-  if (isClient(source)) {
-    DestinationText destination{};
-    readDestination(source.end, destination);
-    fillRecord(source, destination, record);
-  } else {
-    const char* reply = findReplyTuple(original);
-    if (reply == nullptr) return kFailed;
-    const Source replySource = readSourceOf(reply, record.af);
-    if (!isClient(replySource)) return logNoMatch();
-    fillRecord(replySource, readReplyDestination(source, replySource), record);
-  }
-  out = record;
-  return kMatched;
+  const ClientAddresses client{NormalAddress(control.ipv4Address),
+                               NormalAddress(control.ipv6Address)};
+  return matchClient(control.line.c_str(), client, out);
 }
 
 int ZanConnTrackParser::parseNfConnTrackLine(std::string line, std::string clientAddress,
                                              std::string lostAddress, ZanConnTrackFilter_s& out) {
-  const char* original = std::strstr(line.c_str(), kTupleStart);
-  ZAN_LOG(kModule, kLogTrace, "ZanConnTrackParser::parseNfConnTrackLine: Now Parsing: %s",
-          line.c_str());
-  if (original == nullptr) {
-    ZAN_LOG(kModule, kLogTrace,
-            "ZanConnTrackParser::parseNfConnTrackLine:substring src is not found in "
-            "connTrackLine");
-    return kFailed;
-  }
-  ZanConnTrackFilter_s record{};
-  if (!readKind(line.c_str(), false, record)) return kNotOfInterest;
-
-  const Source source = readSourceOf(original, record.af);
-  if (clientAddress != source.text) return kNotOfInterest;
-
-  const char* reply = findReplyTuple(original);
-  if (reply == nullptr) return kFailed;
-  const Source replySource = readSourceOf(reply, record.af);
-  const DestinationText destination = readReplyDestination(source, replySource);
-  if (lostAddress != destination.dst) return logNoMatch();
-  fillRecord(replySource, destination, record);
-  out = record;
-  return kMatched;
+  return matchLoss(line.c_str(), NormalAddress(clientAddress), lostAddress, out);
 }

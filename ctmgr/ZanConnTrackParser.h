@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "ctmgr/ConntrackMatch.h"
 #include "ctmgr/Mutex.h"
 #include "ctmgr/ReadingTurns.h"
 #include "ctmgr/TableQuestion.h"
@@ -39,10 +40,10 @@ class ZanConnTrackParser {
 
   /// Results of the line parsers and, kMatched for "read to the end", of the file scans.
   enum Result : int {
-    kMatched = 1,
-    kNotOfInterest = -10,  ///< family or protocol not handled, or another address
-    kFailed = -1,          ///< no stream, or a line that lacks a "src="
-    kTurnedAway = -100     ///< turnCleanUpsAway() came first: nothing was read
+    kMatched = kLineMatched,
+    kNotOfInterest = kLineNotOfInterest,
+    kFailed = kLineFailed,  ///< of a scan also: there is no stream
+    kTurnedAway = -100      ///< turnCleanUpsAway() came first: nothing was read
   };
 
   /// |utils| must outlive the parser.

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <iterator>
 
-#include "ctmgr/AddressText.h"
+#include "ctmgr/ConntrackLine.h"
 #include "ctmgr/Log.h"
 
 namespace {
@@ -107,5 +107,9 @@ void ZanConnTrackUtils::getIpV6Address(char* addr) {
                   b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
                   b[14], b[15]);
   }
+  logExpanded(addr);
+}
+
+void ZanConnTrackUtils::logExpanded(const char* addr) {
   ZAN_LOG(kModule, kLogTrace, "ZanNetlinkMgr::Expanded ipv6 Addr %s\n", addr);
 }

@@ -57,6 +57,9 @@ class ZanConnTrackUtils {
   /// eight groups of four lower-case hexadecimal digits; leaves any other text alone. Any thread.
   static void getIpV6Address(char* addr);
 
+  /// The log line of getIpV6Address(), for |addr| that is expanded already. Any thread.
+  static void logExpanded(const char* addr);
+
  protected:
   struct NlSockListener {
     NlMsgCallback callback;
