@@ -37,7 +37,7 @@ struct Arguments {
   std::string json;
   std::string plotData;
   int readLines = 0;
-  bool ipv6 = false;
+  std::string line = "ipv4";
 };
 
 std::optional<int> readArguments(int argc, char** argv, Arguments& arguments) {
@@ -58,7 +58,7 @@ std::optional<int> readArguments(int argc, char** argv, Arguments& arguments) {
       // What is run under callgrind.
       .number("--read-lines", arguments.readLines, 0, kMostLines, "")
       .hidden()
-      .flag("--ipv6", arguments.ipv6, "")
+      .choice("--line", arguments.line, bench::lineKinds(), "")
       .hidden()
       .parse(argc, argv);
 }
@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
   try {
     lab::UserNamespace::enterIfNeeded();
     if (arguments.readLines == 0) return measureAndReport(arguments);
-    bench::readMatchingLines(arguments.readLines, arguments.ipv6);
+    bench::readLines(arguments.readLines, arguments.line);
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "zanbench: %s\n", error.what());

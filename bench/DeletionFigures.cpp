@@ -109,7 +109,7 @@ void measureDeletions(const Options& options, Report& report) {
   };
   const Comparison result = compare(options.effort, byWorker, byLoop);
   report.add(
-      {"deletions a second by the worker", "prebuilt requests", result.ratio, "x", atLeast(0.95),
+      {"deletions a second by the worker", "prebuilt requests", result.ratio, "x", atLeast(0.92),
        fmt::format("{:.0f} a second, loop {:.0f}", result.subject.median, result.peer.median)});
 }
 

@@ -25,15 +25,17 @@ void measureScans(const Options& options, Report& report);
 /// (ReadFigures.cpp).
 void measureReads(const Options& options, Report& report);
 
-/// A line that matches, away from the kernel; ends with measureInstructions() (LineFigures.cpp).
+/// Lines away from the kernel; ends with measureInstructions() (LineFigures.cpp).
 void measureLines(const Options& options, Report& report);
 
-/// Instructions that a matching line takes, counted by callgrind, against their limits. Runs of one
-/// build on one machine differ by a hundredth at most, however busy it is.
+/// Instructions that a line takes, counted by callgrind, against their limits: what carries over
+/// from one processor to another. Runs of one build differ by a hundredth at most, however busy it
+/// is.
 void measureInstructions(Report& report);
 
-/// Has the parser read |count| matching lines: the run whose instructions are counted.
-void readMatchingLines(int count, bool ipv6);
+/// Has the parser read |count| lines of a kind: the run whose instructions are counted.
+void readLines(int count, const std::string& kind);
+[[nodiscard]] std::vector<std::string> lineKinds();
 
 /// Deletions a second by the worker (DeletionFigures.cpp).
 void measureDeletions(const Options& options, Report& report);

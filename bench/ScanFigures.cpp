@@ -28,14 +28,20 @@ struct Kind {
 
 const std::vector<Kind>& kinds() {
   static const std::vector<Kind> all{
-      {"client owns 1 %", 100, BenchTable::kLoneClient, true, atMost(1.05)},
-      {"client owns all", 1, 0, true, atMost(1.25)},
+      {"client owns 1 %", 100, BenchTable::kLoneClient, true, atMost(1.08)},
+      {"client owns all", 1, 0, true, atMost(1.28)},
       {"owns 1 %, host's log", 100, BenchTable::kLoneClient, true, std::nullopt, true},
       {"owns all, host's log", 1, 0, true, std::nullopt, true},
       {"owns 1 %, text within ten others", 100, 0, true, std::nullopt},
-      {"owns 1 %, no IPv6 address known", 100, BenchTable::kLoneClient, false, std::nullopt},
+      {"owns 1 %, no IPv6 address known", 100, BenchTable::kLoneClient, false, atMost(1.15)},
   };
   return all;
+}
+
+/// Tables whose scans have a target: in smaller ones the cost of a start weighs, larger ones do not
+/// fit into every cache.
+bool isJudged(std::size_t entries) {
+  return entries == 10000 || entries == 60000;
 }
 
 /// What a scan of |kind| finds in |table|.
@@ -101,7 +107,7 @@ void measureScans(const Options& options, Report& report) {
         const Comparison result = measure(table, kind, options.effort);
         Figure figure = againstFloor(fmt::format("scan of {}, {}", grouped(entries), kind.name),
                                      result, entries);
-        figure.target = kind.target;
+        if (isJudged(entries)) figure.target = kind.target;
         figure.point = Point{kind.name, static_cast<double>(entries)};
         report.add(std::move(figure));
       }
