@@ -24,7 +24,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kTimeLimit{10};
 constexpr int kTookTooLong = 124;
 constexpr int kKilled = 125;
-constexpr int kNotRun = 127;
+constexpr int kNotTakenBack = 126;
+constexpr int kNotRun = Firewall::kNotRun;
 
 constexpr std::array kPrograms{"iptables", "ip6tables"};
 
@@ -135,10 +136,19 @@ int run(std::vector<std::string> words, const IdleTimerRule& rule, Complain comp
 }  // namespace
 
 int Firewall::add(const IdleTimerRule& rule) {
-  int failure = run(rule.command("iptables", true), rule, Complain::kYes);
-  if (failure == 0) failure = run(rule.command("ip6tables", true), rule, Complain::kYes);
+  int failure = 0;
+  std::vector<const char*> ran;
+  for (const char* program : kPrograms) {
+    failure = run(rule.command(program, true), rule, Complain::kYes);
+    if (failure != kNotRun) ran.push_back(program);
+    if (failure != 0) break;
+  }
   if (failure == 0) return 0;
-  for (const char* program : kPrograms) run(rule.command(program, false), rule, Complain::kNo);
+  for (const char* program : ran) {
+    if (!isDefinite(run(rule.command(program, false), rule, Complain::kNo))) {
+      failure = kNotTakenBack;
+    }
+  }
   return failure;
 }
 
@@ -152,5 +162,6 @@ int Firewall::remove(const IdleTimerRule& rule) {
 }
 
 bool Firewall::isDefinite(int result) {
-  return result != kTookTooLong && result != kKilled && result != kNotRun;
+  return result != kTookTooLong && result != kKilled && result != kNotTakenBack &&
+         result != kNotRun;
 }

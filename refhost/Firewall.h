@@ -11,14 +11,21 @@
 /// Thread: one.
 class Firewall {
  public:
+  /// A program could not be run, so that it has changed nothing.
+  static constexpr int kNotRun = 127;
+
+  virtual ~Firewall() = default;
+
   /// Adds |rule| for both families, or for none: what was added is taken back when the other
   /// family fails. Returns 0, or the failing program's exit status (124: it took too long, 125: it
-  /// was killed, 127: it could not be run); the log tells what it said.
-  int add(const IdleTimerRule& rule);
+  /// was killed, 126: what was added could not be taken back, kNotRun: nothing was added); the log
+  /// tells what it said.
+  virtual int add(const IdleTimerRule& rule);
 
   /// Deletes |rule| for both families; a failure of one does not keep the other. Results as above.
-  int remove(const IdleTimerRule& rule);
+  virtual int remove(const IdleTimerRule& rule);
 
-  /// Whether |result| is the program's own word. Otherwise nobody knows whether the rule is there.
+  /// Whether |result| is the program's own word. Otherwise, a failed add() with kNotRun apart,
+  /// the rule may be there.
   [[nodiscard]] static bool isDefinite(int result);
 };

@@ -17,6 +17,7 @@
 #include "refhost/Firewall.h"
 #include "refhost/HostLog.h"
 #include "refhost/Privileges.h"
+#include "refhost/RuleExecutor.h"
 #include "refhost/RuleKeeper.h"
 #include "refhost/UniqueFd.h"
 
@@ -25,41 +26,20 @@ namespace {
 constexpr int kCannotStart = 1;
 constexpr int kSignalBase = 128;
 
-/// Results that are not iptables' own: the rule is none of ours; it is not taken on.
-constexpr std::int32_t kNoSuchRule = 2;
-constexpr std::int32_t kNotTaken = 3;
-
 int fail(const char* what) {
   std::fprintf(stderr, "zanhost: %s: %s\n", what, std::strerror(errno));
   return kCannotStart;
-}
-
-/// Keeps the ledger of rules while it adds and deletes them.
-std::int32_t execute(RuleKeeper& keeper, ZAN_COMMANDS command, const IdleTimerRule& rule) {
-  Firewall firewall;
-  if (command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_ADD_2) {
-    if (!keeper.expect(rule)) return kNotTaken;
-    const int result = firewall.add(rule);
-    if (result != 0 && Firewall::isDefinite(result)) keeper.forget(rule);
-    HOST_LOG(kHostTrace, "rule added: %s: %d", rule.text().c_str(), result);
-    return result;
-  }
-  if (!keeper.knows(rule)) {
-    HOST_LOG(kHostTrace, "no rule to delete: %s", rule.text().c_str());
-    return kNoSuchRule;
-  }
-  const int result = firewall.remove(rule);
-  if (Firewall::isDefinite(result)) keeper.forget(rule);
-  HOST_LOG(kHostTrace, "rule deleted: %s: %d", rule.text().c_str(), result);
-  return result;
 }
 
 /// The parent's life between the fork and the child's end.
 class Supervisor {
  public:
   Supervisor(pid_t child, int channel, RuleKeeper& keeper)
-      : child_(child), channel_(channel), server_(channel, [&](auto command, const auto& rule) {
-          return execute(keeper, command, rule);
+      : child_(child),
+        channel_(channel),
+        executor_(keeper, firewall_),
+        server_(channel, [this](ZAN_COMMANDS command, const IdleTimerRule& rule) {
+          return executor_.execute(command, rule);
         }) {}
 
   /// Returns the child's exit code.
@@ -92,6 +72,8 @@ class Supervisor {
   EventLoop loop_;
   pid_t child_;
   int channel_;
+  Firewall firewall_;
+  RuleExecutor executor_;
   CommandServer server_;
   int status_ = 0;
 };

@@ -1,0 +1,28 @@
+#include "refhost/RuleExecutor.h"
+
+#include "refhost/HostLog.h"
+
+std::int32_t RuleExecutor::execute(ZAN_COMMANDS command, const IdleTimerRule& rule) {
+  const bool adds = command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_ADD_2;
+  return adds ? add(rule) : clear(rule);
+}
+
+std::int32_t RuleExecutor::add(const IdleTimerRule& rule) {
+  if (!keeper_.expect(rule)) return kNotTaken;
+  const std::int32_t result = firewall_.add(rule);
+  const bool leftNothing = Firewall::isDefinite(result) || result == Firewall::kNotRun;
+  if (result != 0 && leftNothing) keeper_.forget(rule);
+  HOST_LOG(kHostTrace, "rule added: %s: %d", rule.text().c_str(), result);
+  return result;
+}
+
+std::int32_t RuleExecutor::clear(const IdleTimerRule& rule) {
+  if (!keeper_.knows(rule)) {
+    HOST_LOG(kHostTrace, "no rule to delete: %s", rule.text().c_str());
+    return kNoSuchRule;
+  }
+  const std::int32_t result = firewall_.remove(rule);
+  if (Firewall::isDefinite(result)) keeper_.forget(rule);
+  HOST_LOG(kHostTrace, "rule deleted: %s: %d", rule.text().c_str(), result);
+  return result;
+}

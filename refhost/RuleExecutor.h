@@ -1,0 +1,34 @@
+// Carries out the idle-timer commands that come over the command channel.
+#pragma once
+
+#include <cstdint>
+
+#include "host/ZanCommands.h"
+#include "refhost/Firewall.h"
+#include "refhost/IdleTimerRule.h"
+#include "refhost/RuleKeeper.h"
+
+/// Keeps the keeper's ledger true, and deletes only rules that it added.
+///
+/// Thread: one.
+class RuleExecutor {
+ public:
+  /// Results that are not iptables' own: the rule is none of ours; it is not taken on.
+  static constexpr std::int32_t kNoSuchRule = 2;
+  static constexpr std::int32_t kNotTaken = 3;
+
+  /// Both must outlive it.
+  RuleExecutor(RuleKeeper& keeper, Firewall& firewall) : keeper_(keeper), firewall_(firewall) {}
+
+  /// Returns 0, or the failing program's exit status (see Firewall), or one of the above.
+  std::int32_t execute(ZAN_COMMANDS command, const IdleTimerRule& rule);
+
+ private:
+  std::int32_t add(const IdleTimerRule& rule);
+
+  /// Deletes |rule|.
+  std::int32_t clear(const IdleTimerRule& rule);
+
+  RuleKeeper& keeper_;
+  Firewall& firewall_;
+};
