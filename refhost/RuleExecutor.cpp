@@ -8,6 +8,9 @@ std::int32_t RuleExecutor::execute(ZAN_COMMANDS command, const IdleTimerRule& ru
 }
 
 std::int32_t RuleExecutor::add(const IdleTimerRule& rule) {
+  // One that may still be there must stay in the ledger, and there is room for one only.
+  const std::int32_t cleared = clear(rule);
+  if (!Firewall::isDefinite(cleared)) return cleared;
   if (!keeper_.expect(rule)) return kNotTaken;
   const std::int32_t result = firewall_.add(rule);
   const bool leftNothing = Firewall::isDefinite(result) || result == Firewall::kNotRun;
@@ -17,12 +20,13 @@ std::int32_t RuleExecutor::add(const IdleTimerRule& rule) {
 }
 
 std::int32_t RuleExecutor::clear(const IdleTimerRule& rule) {
-  if (!keeper_.knows(rule)) {
+  const auto present = keeper_.presentRule(rule);
+  if (!present) {
     HOST_LOG(kHostTrace, "no rule to delete: %s", rule.text().c_str());
     return kNoSuchRule;
   }
-  const std::int32_t result = firewall_.remove(rule);
-  if (Firewall::isDefinite(result)) keeper_.forget(rule);
-  HOST_LOG(kHostTrace, "rule deleted: %s: %d", rule.text().c_str(), result);
+  const std::int32_t result = firewall_.remove(*present);
+  if (Firewall::isDefinite(result)) keeper_.forget(*present);
+  HOST_LOG(kHostTrace, "rule deleted: %s: %d", present->text().c_str(), result);
   return result;
 }

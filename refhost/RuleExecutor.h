@@ -8,7 +8,7 @@
 #include "refhost/IdleTimerRule.h"
 #include "refhost/RuleKeeper.h"
 
-/// Keeps the keeper's ledger true, and deletes only rules that it added.
+/// Keeps at most one rule for an interface and direction, and the keeper's ledger true.
 ///
 /// Thread: one.
 class RuleExecutor {
@@ -20,13 +20,15 @@ class RuleExecutor {
   /// Both must outlive it.
   RuleExecutor(RuleKeeper& keeper, Firewall& firewall) : keeper_(keeper), firewall_(firewall) {}
 
-  /// Returns 0, or the failing program's exit status (see Firewall), or one of the above.
+  /// An addition first removes the rule that is there for |rule|'s interface and direction, with
+  /// that one's timeout; a deletion removes it. Returns 0, or the failing program's exit status
+  /// (see Firewall), or one of the above.
   std::int32_t execute(ZAN_COMMANDS command, const IdleTimerRule& rule);
 
  private:
   std::int32_t add(const IdleTimerRule& rule);
 
-  /// Deletes |rule|.
+  /// Removes what is there for |rule|'s interface and direction.
   std::int32_t clear(const IdleTimerRule& rule);
 
   RuleKeeper& keeper_;

@@ -92,6 +92,13 @@ void RuleKeeper::forget(const IdleTimerRule& rule) {
   tell({0, rule});
 }
 
+std::optional<IdleTimerRule> RuleKeeper::presentRule(const IdleTimerRule& rule) const {
+  for (const IdleTimerRule& present : rules_) {
+    if (present.interface == rule.interface && present.direction == rule.direction) return present;
+  }
+  return std::nullopt;
+}
+
 bool RuleKeeper::tell(const Notice& notice) {
   if (write(pipe_.get(), &notice, sizeof(notice)) == sizeof(notice)) return true;
   HOST_LOG(kHostError, "the rule keeper does not listen: %s", notice.rule.text().c_str());

@@ -3,8 +3,8 @@
 
 #include <sys/types.h>
 
-#include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "refhost/IdleTimerRule.h"
@@ -45,10 +45,9 @@ class RuleKeeper {
   /// Tell when a rule is certain to be gone.
   void forget(const IdleTimerRule& rule);
 
-  /// Whether |rule| was added, and not deleted, since the keeper started.
-  [[nodiscard]] bool knows(const IdleTimerRule& rule) const {
-    return std::find(rules_.begin(), rules_.end(), rule) != rules_.end();
-  }
+  /// The rule of |rule|'s interface and direction, whatever its timeout, that was added, and not
+  /// deleted, since the keeper started.
+  [[nodiscard]] std::optional<IdleTimerRule> presentRule(const IdleTimerRule& rule) const;
 
   /// In a child of the owner: lets go of the pipe, so that it ends with the owner.
   void release() {

@@ -120,6 +120,19 @@ TEST_F(IdleTracking, TetheringAndTheModemTakeItDownAndBringItBack) {
   EXPECT_TRUE(mobile.awaitNothingLeft());
 }
 
+TEST_F(IdleTracking, ASecondStartWithoutAStopLeavesNothingMoreToStop) {
+  Mobile mobile;
+  mobile.start();
+  mobile.command("dormancy", "active");
+  mobile.host.command("tethering on");
+  mobile.command("dormancy", "dormant");
+  mobile.host.command("tethering off");
+  ASSERT_TRUE(logs(mobile.host, "installFilters after tethering off ret: 0"));
+  EXPECT_EQ(mobile.link.rules(), kRules);
+  mobile.host.command("tethering on");
+  EXPECT_TRUE(mobile.awaitNothingLeft());
+}
+
 TEST_F(IdleTracking, ReportsIdleOnceATimerAndNotBeforeItHasRunOut) {
   Mobile mobile;
   const auto before = Hotspot::Clock::now();

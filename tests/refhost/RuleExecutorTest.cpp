@@ -9,6 +9,9 @@
 
 namespace {
 
+using testing::ElementsAre;
+using testing::IsEmpty;
+
 constexpr int kTookTooLong = 124;
 constexpr int kNoMatchingRule = 1;
 
@@ -75,6 +78,30 @@ TEST(RuleExecutor, ARuleThatMayBeThereIsDeletedLater) {
   parent.firewall.failure = 0;
   parent.remove("w9", 5);
   EXPECT_EQ(parent.firewall.removals, 2);
+}
+
+TEST(RuleExecutor, ASecondStartReplacesTheFirstWhateverItsTimeout) {
+  for (const std::uint32_t first : {5U, 10U}) {
+    Parent parent;
+    for (const std::uint32_t seconds : {first, 5U}) {
+      parent.execute(ZAN_CMD_IDLETIMER_ADD_1, "w9", seconds);
+      parent.execute(ZAN_CMD_IDLETIMER_ADD_2, "w9", seconds);
+    }
+    EXPECT_THAT(parent.firewall.rules, ElementsAre("CT_w9, outgoing, 5 s", "CT_w9, incoming, 5 s"));
+    EXPECT_EQ(parent.execute(ZAN_CMD_IDLETIMER_DEL_1, "w9", 5), 0);
+    EXPECT_EQ(parent.execute(ZAN_CMD_IDLETIMER_DEL_2, "w9", 5), 0);
+    EXPECT_THAT(parent.firewall.rules, IsEmpty());
+  }
+}
+
+TEST(RuleExecutor, AddsNothingBesideARuleThatCannotBeReplaced) {
+  Parent parent;
+  parent.add("w9", 10);
+  parent.firewall.failure = kTookTooLong;
+  EXPECT_EQ(parent.add("w9", 5), kTookTooLong);
+  parent.firewall.failure = 0;
+  EXPECT_EQ(parent.remove("w9", 5), 0);
+  EXPECT_THAT(parent.firewall.rules, IsEmpty());
 }
 
 }  // namespace
