@@ -23,7 +23,7 @@ std::int32_t RuleExecutor::clear(const IdleTimerRule& rule) {
   const auto present = keeper_.presentRule(rule);
   if (!present) {
     HOST_LOG(kHostTrace, "no rule to delete: %s", rule.text().c_str());
-    return kNoSuchRule;
+    return 0;
   }
   const std::int32_t result = firewall_.remove(*present);
   if (Firewall::isDefinite(result)) keeper_.forget(*present);

@@ -13,16 +13,15 @@
 /// Thread: one.
 class RuleExecutor {
  public:
-  /// Results that are not iptables' own: the rule is none of ours; it is not taken on.
-  static constexpr std::int32_t kNoSuchRule = 2;
+  /// A result that is not iptables' own: the rule is not taken on.
   static constexpr std::int32_t kNotTaken = 3;
 
   /// Both must outlive it.
   RuleExecutor(RuleKeeper& keeper, Firewall& firewall) : keeper_(keeper), firewall_(firewall) {}
 
   /// An addition first removes the rule that is there for |rule|'s interface and direction, with
-  /// that one's timeout; a deletion removes it. Returns 0, or the failing program's exit status
-  /// (see Firewall), or one of the above.
+  /// that one's timeout; a deletion removes it, and succeeds when there is none. Returns 0, or the
+  /// failing program's exit status (see Firewall), or kNotTaken.
   std::int32_t execute(ZAN_COMMANDS command, const IdleTimerRule& rule);
 
  private:

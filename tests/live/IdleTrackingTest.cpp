@@ -133,6 +133,14 @@ TEST_F(IdleTracking, ASecondStartWithoutAStopLeavesNothingMoreToStop) {
   EXPECT_TRUE(mobile.awaitNothingLeft());
 }
 
+TEST_F(IdleTracking, AStopWithoutAStartIsNoError) {
+  Mobile mobile;
+  mobile.link.connect();
+  ASSERT_TRUE(mobile.awaitConnected(true));
+  mobile.host.stop(SIGTERM);
+  EXPECT_EQ(linesWith("failed to execute command", mobile.host), 0);
+}
+
 TEST_F(IdleTracking, ReportsIdleOnceATimerAndNotBeforeItHasRunOut) {
   Mobile mobile;
   const auto before = Hotspot::Clock::now();

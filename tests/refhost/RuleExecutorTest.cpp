@@ -104,4 +104,10 @@ TEST(RuleExecutor, AddsNothingBesideARuleThatCannotBeReplaced) {
   EXPECT_THAT(parent.firewall.rules, IsEmpty());
 }
 
+TEST(RuleExecutor, DeletingARuleThatIsNotThereSucceedsWithoutAskingTheFirewall) {
+  Parent parent;
+  EXPECT_EQ(parent.remove("w9", 0), 0);
+  EXPECT_EQ(parent.firewall.removals, 0);
+}
+
 }  // namespace
