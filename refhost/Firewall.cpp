@@ -102,9 +102,10 @@ int await(pid_t child, Clock::time_point deadline) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : kKilled;
 }
 
-enum class Complain { kYes, kNo };
+void ignoreComplaint(const std::string& /*text*/) {}
 
-int run(std::vector<std::string> words, const IdleTimerRule& rule, Complain complain) {
+int run(std::vector<std::string> words, const IdleTimerRule& rule,
+        const Firewall::Complain& complain) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return kNotRun;
   const UniqueFd reading(ends[0]);
@@ -121,31 +122,35 @@ int run(std::vector<std::string> words, const IdleTimerRule& rule, Complain comp
   }
   writing.reset();
   const auto deadline = Clock::now() + kTimeLimit;
-  const std::string said = readWords(reading.get(), deadline);
+  std::string said = readWords(reading.get(), deadline);
+  while (!said.empty() && said.back() == '\n') said.pop_back();
   const int code = await(child, deadline);
-  if (code != 0 && complain == Complain::kYes) {
-    HOST_LOG(kHostError, "firewall: %s failed with %d for %s: %s", path.c_str(), code,
-             rule.text().c_str(),
-             code == kNotRun        ? "it could not be run"
-             : code == kTookTooLong ? "it took too long and was killed"
-                                    : said.c_str());
+  if (code != 0) {
+    complain(path + " failed with " + std::to_string(code) + " for " + rule.text() + ": " +
+             (code == kNotRun        ? "it could not be run"
+              : code == kTookTooLong ? "it took too long and was killed"
+                                     : said));
   }
   return code;
 }
 
 }  // namespace
 
+void Firewall::logComplaint(const std::string& text) {
+  HOST_LOG(kHostError, "firewall: %s", text.c_str());
+}
+
 int Firewall::add(const IdleTimerRule& rule) {
   int failure = 0;
   std::vector<const char*> ran;
   for (const char* program : kPrograms) {
-    failure = run(rule.command(program, true), rule, Complain::kYes);
+    failure = run(rule.command(program, true), rule, complain_);
     if (failure != kNotRun) ran.push_back(program);
     if (failure != 0) break;
   }
   if (failure == 0) return 0;
   for (const char* program : ran) {
-    if (!isDefinite(run(rule.command(program, false), rule, Complain::kNo))) {
+    if (!isDefinite(run(rule.command(program, false), rule, ignoreComplaint))) {
       failure = kNotTakenBack;
     }
   }
@@ -155,7 +160,7 @@ int Firewall::add(const IdleTimerRule& rule) {
 int Firewall::remove(const IdleTimerRule& rule) {
   int result = 0;
   for (const char* program : kPrograms) {
-    const int failure = run(rule.command(program, false), rule, Complain::kYes);
+    const int failure = run(rule.command(program, false), rule, complain_);
     if (failure != 0 && (result == 0 || !isDefinite(failure))) result = failure;
   }
   return result;

@@ -21,6 +21,7 @@
 #include "refhost/HostLog.h"
 #include "refhost/HostSession.h"
 #include "refhost/HostSides.h"
+#include "refhost/IdleTimerSupport.h"
 #include "refhost/InterfaceName.h"
 #include "refhost/LogSink.h"
 #include "refhost/NetlinkCounters.h"
@@ -181,7 +182,8 @@ int runSession(const Options& options, const std::vector<std::string>& script, i
   return stopped == 0 ? 0 : kExitUnavailable;
 }
 
-int runHost(const Options& options, const std::vector<std::string>& script, int channel) {
+int runHost(const Options& options, const std::vector<std::string>& script,
+            const std::optional<std::string>& warning, int channel) {
   Plugin plugin(options.plugin);
   if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
   if (const auto failure = endLoading()) return fail(kExitUnavailable, *failure);
@@ -192,6 +194,7 @@ int runHost(const Options& options, const std::vector<std::string>& script, int 
   }
   // Deletion workers log until the process has ended.
   static LogSink& log = *new LogSink(STDERR_FILENO, logFormatOf(options), options.logLevel);
+  if (warning) HOST_LOG(kHostWarning, "%s", warning->c_str());
   const int code = runSession(options, script, channel, plugin, signals);
   awaitLastDeletions();
   log.finish();
@@ -211,6 +214,8 @@ int main(int argc, char** argv) {
   }
   if (const auto wrong = wrongInterfaceName(options)) return fail(kExitUsage, *wrong);
   if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
-  return runUnderPrivilegedParent(logFormatOf(options), options.logLevel,
-                                  [&](int channel) { return runHost(options, script, channel); });
+  const auto warning = options.wwan.empty() ? std::nullopt : missingIdleTimerSupport();
+  return runUnderPrivilegedParent(logFormatOf(options), options.logLevel, [&](int channel) {
+    return runHost(options, script, warning, channel);
+  });
 }

@@ -61,6 +61,25 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
   }
 }
 
+TEST_F(HostProgram, WarnsAtTheStartWhenIdleTimersCannotBeHad) {
+  const struct {
+    std::string hidden;  ///< nobody finds what is in there
+    testing::Matcher<std::string> said;
+  } cases[] = {
+      {"/usr/sbin", HasSubstr("iptables failed with 127")},
+      {"/usr/lib/*/xtables", HasSubstr("xt_IDLETIMER")},
+      {"/mnt", Not(HasSubstr("idle timers"))},
+  };
+  for (const auto& test : cases) {
+    const auto result = run({"unshare", "--mount", "sh", "-c",
+                             "mount -t tmpfs none " + test.hidden + R"( && exec "$0" "$@")",
+                             kHostProgram, "--plugin", kPluginPath, "--wwan", "nosuch9"},
+                            "quit\n");
+    EXPECT_TRUE(result.status.success()) << result.errors;
+    EXPECT_THAT(result.errors, test.said);
+  }
+}
+
 TEST_F(HostProgram, AsksForRootInAUserNamespaceThatIsYoungerThanItsNetwork) {
   for (std::vector<std::string> command :
        {std::vector<std::string>{"unshare", "--user"}, {"unshare", "--user", "--map-root-user"}}) {
