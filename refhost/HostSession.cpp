@@ -70,8 +70,11 @@ void HostSession::carryOut(const TetheringCommand& command) {
 }
 
 void HostSession::carryOut(const DormancyCommand& command) {
-  answer(
-      fmt::format("dormancy: {} is {}", command.ifaceName, command.dormant ? "dormant" : "active"));
+  const std::string lack = command.dormant ? wwan_.lacks(command.ifaceName) : std::string();
+  answer(fmt::format(
+      "dormancy: {} is {}{}", command.ifaceName, command.dormant ? "dormant" : "active",
+      lack.empty() ? ""
+                   : "; no filters, no timer: " + lack + "; say it again once it is connected"));
   zan_.zanRix.hostSide().modem.setDormancy(command.ifaceName,
                                            command.dormant ? Modem::kDormant : Modem::kActive);
 }

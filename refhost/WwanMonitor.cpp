@@ -70,7 +70,24 @@ bool WwanMonitor::follow(const std::vector<std::string>& names) {
     HOST_LOG(kHostError, "the kernel does not list its interfaces: %s", std::strerror(errno));
     return false;
   }
+  for (const std::string& name : followed_) {
+    const std::string lack = lacks(name);
+    if (!lack.empty()) HOST_LOG(kHostNotice, "waiting for %s: %s", name.c_str(), lack.c_str());
+  }
   return zan_.zanCom.addComEventHandler(socket_->socketFd, socketReady, this, nullptr, POLLIN) == 0;
+}
+
+std::string WwanMonitor::lacks(const std::string& name) const {
+  const auto& records = zan_.zanDsm.hostSide().wwanInfo;
+  const auto known = records.find(name);
+  if (known != records.end() && known->second.status == ZAN_WWAN_STATUS_CONNECTED) return {};
+  if (followed_.count(name) == 0) return "neither '--wwan' nor the command 'wwan' has connected it";
+  const auto link = std::find_if(links_.begin(), links_.end(),
+                                 [&](const auto& entry) { return entry.second.name == name; });
+  if (link == links_.end()) return "there is no such interface";
+  if (!link->second.up) return "its link is down";
+  if (link->second.addresses.empty()) return "it has no address, link-local ones apart";
+  return "the command 'wwan' has disconnected it";
 }
 
 bool WwanMonitor::synchronise() {

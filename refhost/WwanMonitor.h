@@ -30,13 +30,16 @@ class WwanMonitor {
   WwanMonitor& operator=(const WwanMonitor&) = delete;
 
   /// Follows the kernel's interfaces of these names over rtnetlink(7), present ones and those to
-  /// come. What is there already is known when this returns. False, with a log line, when the
-  /// kernel does not tell.
+  /// come. What is there already is known when this returns, and the log tells what the others
+  /// lack. False, with a log line, when the kernel does not tell.
   [[nodiscard]] bool follow(const std::vector<std::string>& names);
 
   /// Says of an interface that no kernel reports, or of a followed one until its next change,
   /// that it is connected or not.
   void setConnected(const std::string& name, bool connected);
+
+  /// What |name| lacks to be connected; empty when it is.
+  [[nodiscard]] std::string lacks(const std::string& name) const;
 
   /// Sets the access points of |name|; takes effect with its next event.
   void setApns(const std::string& name, std::list<ZanApnType> apns);

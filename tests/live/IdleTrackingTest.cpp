@@ -12,6 +12,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using lab::eventually;
+using testing::StartsWith;
 
 constexpr std::size_t kRules = 4;  // two directions, two families
 
@@ -24,13 +25,13 @@ struct Mobile {
   void start() {
     link.connect();
     ASSERT_TRUE(awaitConnected(true));
-    command("dormancy", "dormant");
+    EXPECT_EQ(command("dormancy", "dormant"), "dormancy: " + link.name() + " is dormant");
     ASSERT_TRUE(awaitRules());
     ASSERT_TRUE(eventually([&] { return link.remainingSeconds().has_value(); }));
   }
 
-  void command(const std::string& word, const std::string& rest = {}) {
-    host.command(word + " " + link.name() + " " + rest);
+  std::string command(const std::string& word, const std::string& rest = {}) {
+    return host.command(word + " " + link.name() + " " + rest);
   }
 
   [[nodiscard]] lab::HostState::Interface state() { return host.status().interface(link.name()); }
@@ -72,6 +73,25 @@ TEST_F(IdleTracking, FollowsAnInterfaceThroughItsLife) {
     EXPECT_FALSE(mobile.state().filters);
     mobile.command("dormancy", "active");
   }
+}
+
+TEST_F(IdleTracking, TellsWhatAnInterfaceLacks) {
+  const lab::HotspotNetwork network({.clients = 0, .ipv6Only = {}});
+  const lab::NetNamespace& gateway = network.gateway();
+  lab::Process::runIpBatch(gateway, "link add down9 type bridge\nlink add bare9 up type bridge\n");
+  const std::map<std::string, std::string> lacks = {{"nosuch9", "there is no such interface"},
+                                                    {"down9", "its link is down"},
+                                                    {"bare9", "it has no address"}};
+  std::vector<std::string> options;
+  for (const auto& [name, lack] : lacks) options.insert(options.end(), {"--wwan", name});
+  lab::HostProcess host(hostOptions({}, options), gateway);
+  for (const auto& [name, lack] : lacks) {
+    EXPECT_TRUE(logs(host, "waiting for " + name + ": " + lack));
+    EXPECT_THAT(host.command("dormancy " + name + " dormant"),
+                StartsWith("dormancy: " + name + " is dormant; no filters, no timer: " + lack));
+  }
+  lab::Process::runIpBatch(gateway, "addr add 192.0.2.9/32 dev bare9\n");
+  EXPECT_TRUE(logs(host, "bare9 is connected"));
 }
 
 TEST_F(IdleTracking, IsNotMisledByRenamesBridgesAndOverlappingPrefixes) {
