@@ -33,7 +33,7 @@ class Departure {
     if (knowsIpv6) known.push_back({client_.ipv6, client_.mac});
     const auto results = inChild([&]() -> std::vector<double> {
       const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-      const LogSink log(nowhere.get(), LogSink::Format::kText, kHostNotice);
+      const LogSink log(nowhere.get(), LogSink::Format::kText, kLogNotice);
       PluginHost host(plugin_);
       host.learn(neighbours_, known);
       return {host.flush(client_.mac, kClientEntries)};

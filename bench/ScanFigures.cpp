@@ -55,7 +55,7 @@ Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effo
   std::optional<SilentLog> silent;
   std::optional<LogSink> hostLog;
   if (kind.hostLog) {
-    hostLog.emplace(nowhere.get(), LogSink::Format::kText, kHostNotice);
+    hostLog.emplace(nowhere.get(), LogSink::Format::kText, kLogNotice);
   } else {
     silent.emplace();
   }

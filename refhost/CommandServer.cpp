@@ -10,15 +10,13 @@
 #include <cstring>
 #include <utility>
 
+#include "ctmgr/Agreement.h"
 #include "refhost/HostLog.h"
 #include "refhost/InterfaceName.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr char kLabelPrefix[] = "CT";
-constexpr char kTarget[] = "IDLETIMER";
 
 bool isAddition(ZAN_COMMANDS command) {
   return command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_ADD_2;
@@ -60,8 +58,8 @@ std::optional<ZAN_COMMANDS> CommandServer::readCommand() {
 
 bool CommandServer::readArguments(ZAN_COMMANDS command, IdleTimerRule& rule) {
   rule.direction = directionOf(command);
-  return readInterface(rule) && readTimeout(command, rule) && readText(kLabelPrefix) &&
-         readText(kTarget);
+  return readInterface(rule) && readTimeout(command, rule) && readText(kIdleTimerLabelPrefix) &&
+         readText(kIdleTimerTarget);
 }
 
 bool CommandServer::readInterface(IdleTimerRule& rule) {
@@ -126,7 +124,7 @@ bool CommandServer::acknowledge() {
 /// new exchange. Always false.
 bool CommandServer::refuse(const std::string& why) {
   if (gone_) return false;
-  HOST_LOG(kHostWarning, "command channel: refused: %s", why.c_str());
+  HOST_LOG(kLogWarning, "command channel: refused: %s", why.c_str());
   constexpr std::size_t kMostDropped = 4096;
   std::array<char, 256> rest;
   std::size_t dropped = 0;
@@ -160,7 +158,7 @@ bool CommandServer::awaitReady(short events) {
 
 /// Closes the channel for both sides. Always false.
 bool CommandServer::giveUp(const char* why) {
-  HOST_LOG(kHostError, "command channel: closed: %s", why);
+  HOST_LOG(kLogError, "command channel: closed: %s", why);
   shutdown(channel_, SHUT_RDWR);
   gone_ = true;
   return false;

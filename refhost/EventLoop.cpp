@@ -28,7 +28,7 @@ EventLoop::~EventLoop() {
 
 int EventLoop::watch(int fd, Handler ready, void* cbData, Handler second, unsigned int events) {
   if (fd < 0 || ready == nullptr) {
-    HOST_LOG(kHostWarning, "event loop: cannot watch descriptor %d%s", fd,
+    HOST_LOG(kLogWarning, "event loop: cannot watch descriptor %d%s", fd,
              ready == nullptr ? ": no handler" : "");
     errno = fd < 0 ? EBADF : EINVAL;
     return -1;
@@ -52,7 +52,7 @@ void EventLoop::turn(int timeoutMs) {
   }
   if (poll(polled.data(), polled.size(), timeoutMs) < 0) {
     if (errno == EINTR) return;
-    HOST_LOG(kHostError, "event loop: stopping: poll: %s", std::strerror(errno));
+    HOST_LOG(kLogError, "event loop: stopping: poll: %s", std::strerror(errno));
     stop();
     return;
   }
@@ -66,7 +66,7 @@ void EventLoop::report(int fd, std::uint64_t generation, short happened) {
   if (found == watches_.end() || found->second.generation != generation) return;
   const Watch watch = found->second;
   if ((happened & POLLNVAL) != 0) {
-    HOST_LOG(kHostWarning, "event loop: descriptor %d was closed while it was watched", fd);
+    HOST_LOG(kLogWarning, "event loop: descriptor %d was closed while it was watched", fd);
     watches_.erase(found);
     return;
   }

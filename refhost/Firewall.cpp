@@ -137,7 +137,7 @@ int run(std::vector<std::string> words, const IdleTimerRule& rule,
 }  // namespace
 
 void Firewall::logComplaint(const std::string& text) {
-  HOST_LOG(kHostError, "firewall: %s", text.c_str());
+  HOST_LOG(kLogError, "firewall: %s", text.c_str());
 }
 
 int Firewall::add(const IdleTimerRule& rule) {

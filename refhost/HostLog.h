@@ -1,10 +1,8 @@
 // The reference host's own log lines, beside those of the plug-in.
 #pragma once
 
+#include "ctmgr/Agreement.h"
 #include "host/ZanMsg.h"
-
-/// Levels, as plug-ins use them.
-enum HostLogLevel : int { kHostTrace = 0, kHostNotice = 2, kHostWarning = 3, kHostError = 4 };
 
 /// The reference host's module identifier.
 inline constexpr int kHostModule = 1;

@@ -65,7 +65,7 @@ void HostSession::carryOut(const ApnsCommand& command) {
 void HostSession::carryOut(const TetheringCommand& command) {
   answer(fmt::format("tethering: {}", command.on ? "on" : "off"));
   zan_.zanDsm.tetheringIndicator = command.on ? 1 : 0;
-  const std::int32_t payload = command.on ? 1 : 0;
+  const std::int32_t payload = command.on ? kTetheringOn : kTetheringOff;
   zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &payload);
 }
 
@@ -76,7 +76,7 @@ void HostSession::carryOut(const DormancyCommand& command) {
       lack.empty() ? ""
                    : "; no filters, no timer: " + lack + "; say it again once it is connected"));
   zan_.zanRix.hostSide().modem.setDormancy(command.ifaceName,
-                                           command.dormant ? Modem::kDormant : Modem::kActive);
+                                           command.dormant ? kLinkDormant : kLinkActive);
 }
 
 void HostSession::carryOut(const FilteringEndedCommand& command) {
@@ -96,6 +96,6 @@ void HostSession::answer(const std::string& text) {
   const std::string line = text + "\n";
   std::string_view rest = line;
   if (!writeTimed(output_, rest, kPatience)) {
-    HOST_LOG(kHostWarning, "an answer was dropped: nobody reads standard output");
+    HOST_LOG(kLogWarning, "an answer was dropped: nobody reads standard output");
   }
 }

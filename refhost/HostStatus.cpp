@@ -62,7 +62,7 @@ std::vector<HostStatus::Interface> readInterfaces(Zan& zan) {
     interfaces.push_back({name,
                           record.status == ZAN_WWAN_STATUS_CONNECTED,
                           {record.apnList.begin(), record.apnList.end()},
-                          radio.dormancy == Modem::kDormant ? "dormant" : "active",
+                          radio.dormancy == kLinkDormant ? "dormant" : "active",
                           radio.filterMode,
                           radio.filters,
                           radio.listenFilters});

@@ -1,7 +1,9 @@
 #include "refhost/IdleTimerRule.h"
 
+#include "ctmgr/Agreement.h"
+
 std::string IdleTimerRule::label() const {
-  return std::string("CT_") + interface.data();
+  return std::string(kIdleTimerLabelPrefix) + "_" + interface.data();
 }
 
 std::vector<std::string> IdleTimerRule::command(const std::string& program, bool add) const {
@@ -15,7 +17,7 @@ std::vector<std::string> IdleTimerRule::command(const std::string& program, bool
           outgoing ? "-o" : "-i",
           interface.data(),
           "-j",
-          "IDLETIMER",
+          kIdleTimerTarget,
           "--timeout",
           std::to_string(timeoutSeconds),
           "--label",

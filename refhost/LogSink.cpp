@@ -23,9 +23,9 @@ constexpr std::size_t kUsualLength = 1024;
 
 std::string moduleName(int module) {
   switch (module) {
-    case 10409:
+    case ZAN_LOG_MODULE_CT_MGR:
       return "CT_MGR";
-    case 10401:
+    case ZAN_LOG_MODULE_CT_NET:
       return "CT_NET";
     case kHostModule:
       return "HOST";
@@ -122,7 +122,7 @@ void LogSink::finish() {
   constexpr std::chrono::seconds kLimit{2};
   writer_->ending->closing = true;
   const std::size_t dropped = writer_->thread->overrun_counter();
-  if (dropped != 0) write(kHostWarning, kHostModule, fmt::format("log: {} lines dropped", dropped));
+  if (dropped != 0) write(kLogWarning, kHostModule, fmt::format("log: {} lines dropped", dropped));
   writer_->lines->flush();
   writer_->ending->allWritten.get_future().wait_for(kLimit);
 }

@@ -24,6 +24,5 @@ void Modem::setDormancy(const std::string& name, std::int32_t status) {
 }
 
 void Modem::endFiltering(const std::string& name) {
-  constexpr std::int32_t kEnded = 1;
-  report(filteringListeners, ZAN_RIX_DFS_EVENT_FILTERING_STATUS, {name, kEnded});
+  report(filteringListeners, ZAN_RIX_DFS_EVENT_FILTERING_STATUS, {name, kFilteringEnded});
 }

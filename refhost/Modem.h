@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "ctmgr/Agreement.h"
 #include "host/ZanRix.h"
 
 /// State, listeners and prepared answers by interface. A command sets what a radio would report.
@@ -13,17 +14,13 @@
 /// Thread: event thread.
 class Modem {
  public:
-  static constexpr std::int32_t kDormant = 1;
-  static constexpr std::int32_t kActive = 2;
-  static constexpr int kSuccess = 1;
-
   struct Interface {
-    std::int32_t dormancy = kActive;
+    std::int32_t dormancy = kLinkActive;
     bool filterMode = false;
     std::optional<HalFilterInfo> filters;        ///< the record last installed
     std::optional<HalFilterInfo> listenFilters;  ///< the same for listen filters
-    int installAnswer = kSuccess;
-    int listenAnswer = kSuccess;
+    int installAnswer = kModemSuccess;
+    int listenAnswer = kModemSuccess;
   };
 
   /// The interface's state, which begins as that of an idle radio.

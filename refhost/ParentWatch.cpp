@@ -16,13 +16,13 @@ ParentWatch::~ParentWatch() {
 
 void ParentWatch::stopIfAlone() {
   if (!gone_ || !nobodyLeft_()) return;
-  HOST_LOG(kHostWarning, "nobody is left to give commands: stopping");
+  HOST_LOG(kLogWarning, "nobody is left to give commands: stopping");
   loop_.stop();
 }
 
 void ParentWatch::channelHungUp(int fd, void* cbData) {
   auto* self = static_cast<ParentWatch*>(cbData);
-  HOST_LOG(kHostError, "the command channel is closed: idle timers do not work any more");
+  HOST_LOG(kLogError, "the command channel is closed: idle timers do not work any more");
   self->loop_.unwatch(fd);
   self->gone_ = true;
   self->stopIfAlone();

@@ -48,7 +48,7 @@ class Supervisor {
     loop_.watch(signalFd, signalReady, this, nullptr, POLLIN);
     loop_.run();
     if (WIFEXITED(status_)) return WEXITSTATUS(status_);
-    HOST_LOG(kHostError, "the process with the plug-in was killed by signal %d", WTERMSIG(status_));
+    HOST_LOG(kLogError, "the process with the plug-in was killed by signal %d", WTERMSIG(status_));
     return kSignalBase + WTERMSIG(status_);
   }
 

@@ -15,18 +15,18 @@ std::int32_t RuleExecutor::add(const IdleTimerRule& rule) {
   const std::int32_t result = firewall_.add(rule);
   const bool leftNothing = Firewall::isDefinite(result) || result == Firewall::kNotRun;
   if (result != 0 && leftNothing) keeper_.forget(rule);
-  HOST_LOG(kHostTrace, "rule added: %s: %d", rule.text().c_str(), result);
+  HOST_LOG(kLogTrace, "rule added: %s: %d", rule.text().c_str(), result);
   return result;
 }
 
 std::int32_t RuleExecutor::clear(const IdleTimerRule& rule) {
   const auto present = keeper_.presentRule(rule);
   if (!present) {
-    HOST_LOG(kHostTrace, "no rule to delete: %s", rule.text().c_str());
+    HOST_LOG(kLogTrace, "no rule to delete: %s", rule.text().c_str());
     return 0;
   }
   const std::int32_t result = firewall_.remove(*present);
   if (Firewall::isDefinite(result)) keeper_.forget(*present);
-  HOST_LOG(kHostTrace, "rule deleted: %s: %d", present->text().c_str(), result);
+  HOST_LOG(kLogTrace, "rule deleted: %s: %d", present->text().c_str(), result);
   return result;
 }

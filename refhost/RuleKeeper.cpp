@@ -27,7 +27,7 @@ void note(const RuleKeeper::Notice& notice, std::vector<IdleTimerRule>& rules) {
 void sweep(const std::vector<IdleTimerRule>& rules) {
   Firewall firewall;
   for (const IdleTimerRule& rule : rules) {
-    HOST_LOG(kHostNotice, "deleting the rule that was left: %s", rule.text().c_str());
+    HOST_LOG(kLogNotice, "deleting the rule that was left: %s", rule.text().c_str());
     if (!Firewall::isDefinite(firewall.remove(rule))) firewall.remove(rule);
   }
 }
@@ -45,7 +45,7 @@ void sweep(const std::vector<IdleTimerRule>& rules) {
     if (count < 0 && errno != EINTR) break;
   }
   if (!rules.empty()) {
-    const LogSink log(STDERR_FILENO, format, kHostNotice);
+    const LogSink log(STDERR_FILENO, format, kLogNotice);
     sweep(rules);
   }
   _exit(0);
@@ -79,7 +79,7 @@ RuleKeeper::~RuleKeeper() {
 
 bool RuleKeeper::expect(const IdleTimerRule& rule) {
   if (rules_.size() >= kMostRules) {
-    HOST_LOG(kHostError, "%zu idle-timer rules are there: no more", rules_.size());
+    HOST_LOG(kLogError, "%zu idle-timer rules are there: no more", rules_.size());
     return false;
   }
   if (!tell({1, rule})) return false;
@@ -101,6 +101,6 @@ std::optional<IdleTimerRule> RuleKeeper::presentRule(const IdleTimerRule& rule) 
 
 bool RuleKeeper::tell(const Notice& notice) {
   if (write(pipe_.get(), &notice, sizeof(notice)) == sizeof(notice)) return true;
-  HOST_LOG(kHostError, "the rule keeper does not listen: %s", notice.rule.text().c_str());
+  HOST_LOG(kLogError, "the rule keeper does not listen: %s", notice.rule.text().c_str());
   return false;
 }

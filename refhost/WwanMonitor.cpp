@@ -67,12 +67,12 @@ bool WwanMonitor::follow(const std::vector<std::string>& names) {
   const bool listed = synchronise();
   starting_ = false;
   if (!listed) {
-    HOST_LOG(kHostError, "the kernel does not list its interfaces: %s", std::strerror(errno));
+    HOST_LOG(kLogError, "the kernel does not list its interfaces: %s", std::strerror(errno));
     return false;
   }
   for (const std::string& name : followed_) {
     const std::string lack = lacks(name);
-    if (!lack.empty()) HOST_LOG(kHostNotice, "waiting for %s: %s", name.c_str(), lack.c_str());
+    if (!lack.empty()) HOST_LOG(kLogNotice, "waiting for %s: %s", name.c_str(), lack.c_str());
   }
   return zan_.zanCom.addComEventHandler(socket_->socketFd, socketReady, this, nullptr, POLLIN) == 0;
 }
@@ -215,7 +215,7 @@ void WwanMonitor::onAddress(const nlmsghdr& msg) {
 /// Reports |address|, which |link| had, unless it still has it.
 void WwanMonitor::reportLost(const Link& link, const std::string& address) {
   if (dumping_ || holds(link.addresses, address)) return;
-  HOST_LOG(kHostNotice, "%s has lost %s", link.name.c_str(), address.c_str());
+  HOST_LOG(kLogNotice, "%s has lost %s", link.name.c_str(), address.c_str());
   const ZanDsmTextList payload{address};
   zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_UPSTREAM_IP_LOST, &payload);
 }
@@ -249,7 +249,7 @@ void WwanMonitor::report(const std::string& name, std::uint32_t status) {
   if (starting_) return;
   ZanDsmWwanStatusInfo payload{status, {}, info.apnList};
   name.copy(payload.ifaceName, sizeof(payload.ifaceName) - 1);
-  HOST_LOG(kHostNotice, "%s is %s", name.c_str(),
+  HOST_LOG(kLogNotice, "%s is %s", name.c_str(),
            status == ZAN_WWAN_STATUS_CONNECTED ? "connected" : "disconnected");
   zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_WWAN_STATUS, &payload);
 }

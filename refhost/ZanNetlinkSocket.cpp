@@ -66,12 +66,12 @@ ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
       return received;
     }
     if (!sentByKernel(sender)) {
-      HOST_LOG(kHostWarning, "netlink: dropped a message that process %u sent, not the kernel",
+      HOST_LOG(kLogWarning, "netlink: dropped a message that process %u sent, not the kernel",
                sender.nl_pid);
       return 0;
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) {
-      HOST_LOG(kHostError, "netlink: a datagram was longer than %zu bytes and has been cut",
+      HOST_LOG(kLogError, "netlink: a datagram was longer than %zu bytes and has been cut",
                vector.iov_len);
     }
     std::memset(buffer.data() + received, 0, kNetlinkReceiveSlack);
@@ -99,14 +99,14 @@ ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
       side(new HostSide{protocol, argument, {}, {}}) {
   side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
   if (socketFd == -1) {
-    HOST_LOG(kHostError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
+    HOST_LOG(kLogError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
     return;
   }
   sockaddr_nl own{};
   own.nl_family = AF_NETLINK;
   own.nl_groups = groupsOf(protocol, argument);
   if (bind(socketFd, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) == -1) {
-    HOST_LOG(kHostError, "netlink: cannot join groups 0x%x of protocol %d: %s", own.nl_groups,
+    HOST_LOG(kLogError, "netlink: cannot join groups 0x%x of protocol %d: %s", own.nl_groups,
              protocol, std::strerror(errno));
     close(socketFd);
     socketFd = -1;
@@ -142,7 +142,7 @@ int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
     ++counters.alreadyGone;
   } else {
     ++counters.refused;
-    HOST_LOG(kHostWarning, "conntrack request %u of socket user %u was refused: %s", sequence,
+    HOST_LOG(kLogWarning, "conntrack request %u of socket user %u was refused: %s", sequence,
              side->argument, std::strerror(-answer));
   }
   return answer;
@@ -154,7 +154,7 @@ int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, vo
   if (received < 0) {
     if (errno == ENOBUFS) {
       if (neighbours) ++notificationCounters().overruns;
-      HOST_LOG(kHostWarning, "netlink: receive buffer overrun, the kernel dropped notifications");
+      HOST_LOG(kLogWarning, "netlink: receive buffer overrun, the kernel dropped notifications");
       errno = ENOBUFS;
     }
     return -1;

@@ -54,7 +54,7 @@ int ZanRix::setDfsFilterMode(std::string ifaceName, bool enabled) {
 
 int ZanRix::installFilters(HalFilterInfo info, int /*conntrackFd*/) {
   Modem::Interface& interface = side->modem.interface(info.ifaceName);
-  if (interface.installAnswer == Modem::kSuccess) interface.filters = std::move(info);
+  if (interface.installAnswer == kModemSuccess) interface.filters = std::move(info);
   return interface.installAnswer;
 }
 
@@ -67,6 +67,6 @@ int ZanRix::uninstallFilters(std::string ifaceName) {
 
 int ZanRix::installListenFilters(HalFilterInfo info) {
   Modem::Interface& interface = side->modem.interface(info.ifaceName);
-  if (interface.listenAnswer == Modem::kSuccess) interface.listenFilters = std::move(info);
+  if (interface.listenAnswer == kModemSuccess) interface.listenFilters = std::move(info);
   return interface.listenAnswer;
 }

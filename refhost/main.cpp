@@ -46,7 +46,7 @@ struct Options {
   std::string script;
   std::vector<std::string> wwan;
   std::string logFormat = "text";
-  int logLevel = kHostNotice;
+  int logLevel = kLogNotice;
 };
 
 int fail(int code, const std::string& text) {
@@ -66,8 +66,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .texts("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
       .text("--script", options.script, "read commands from this file, not standard input")
       .choice("--log-format", options.logFormat, {"text", "json"}, "of standard error")
-      .number("--log-level", options.logLevel, kHostTrace, kHostError,
-              "drop lines below this level")
+      .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
       .parse(argc, argv);
 }
 
@@ -141,7 +140,7 @@ void fillStandardStreams() {
 void signalReady(int fd, void* cbData) {
   signalfd_siginfo info{};
   if (read(fd, &info, sizeof(info)) != sizeof(info)) return;
-  HOST_LOG(kHostNotice, "signal %u: stopping", info.ssi_signo);
+  HOST_LOG(kLogNotice, "signal %u: stopping", info.ssi_signo);
   static_cast<EventLoop*>(cbData)->stop();
 }
 
@@ -151,7 +150,7 @@ void awaitLastDeletions() {
   if (awaitDeletions(kLimit)) return;
   const DeletionCounters& counters = deletionCounters();
   const std::uint64_t answered = counters.deleted + counters.alreadyGone + counters.refused;
-  HOST_LOG(kHostWarning,
+  HOST_LOG(kLogWarning,
            "deletions still go on after %lld s: given up, with %llu requests not answered",
            static_cast<long long>(kLimit.count()),
            static_cast<unsigned long long>(counters.requested - answered));
@@ -169,16 +168,16 @@ int runSession(const Options& options, const std::vector<std::string>& script, i
   }
   CommandConsole console(
       loop, [&](const Command& command) { session.execute(command); },
-      [](const std::string& error) { HOST_LOG(kHostError, "refused: %s", error.c_str()); });
+      [](const std::string& error) { HOST_LOG(kLogError, "refused: %s", error.c_str()); });
   ParentWatch parent(loop, channel, [&] { return console.finished(); });
   console.whenFinished([&] { parent.stopIfAlone(); });
   if (options.script.empty()) console.readFrom(STDIN_FILENO);
   for (const std::string& line : script) console.add(line);
 
-  HOST_LOG(kHostNotice, "ready: %s is loaded", options.plugin.c_str());
+  HOST_LOG(kLogNotice, "ready: %s is loaded", options.plugin.c_str());
   loop.run();
   const int stopped = plugin.stop();
-  HOST_LOG(kHostNotice, "stopped: deinit_ct_mgr returned %d", stopped);
+  HOST_LOG(kLogNotice, "stopped: deinit_ct_mgr returned %d", stopped);
   return stopped == 0 ? 0 : kExitUnavailable;
 }
 
@@ -194,7 +193,7 @@ int runHost(const Options& options, const std::vector<std::string>& script,
   }
   // Deletion workers log until the process has ended.
   static LogSink& log = *new LogSink(STDERR_FILENO, logFormatOf(options), options.logLevel);
-  if (warning) HOST_LOG(kHostWarning, "%s", warning->c_str());
+  if (warning) HOST_LOG(kLogWarning, "%s", warning->c_str());
   const int code = runSession(options, script, channel, plugin, signals);
   awaitLastDeletions();
   log.finish();
