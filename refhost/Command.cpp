@@ -110,7 +110,7 @@ std::optional<int> wholeNumber(const std::string& text) {
 std::string wrongInterface(const Words& arguments) {
   if (arguments.empty()) return "name an interface, such as 'wwan0'";
   if (isInterfaceName(arguments[0])) return {};
-  return "'" + arguments[0] + "' is no interface name";
+  return noInterfaceName(arguments[0]);
 }
 
 ParsedLine parseWwan(const Words& arguments) {
@@ -191,8 +191,8 @@ constexpr Entry kCommands[] = {
      parseModemAnswer},
     {"status", "[json]", "clients, interfaces, privileges and counters", parseStatus},
     {"wait", "SECONDS", "pause before the next command", parseWait},
-    {"help", "", "this list", parsePlain<HelpCommand>},
-    {"quit", "", "take the plug-in down and end", parsePlain<QuitCommand>},
+    {"help", "", "this list; also '?'", parsePlain<HelpCommand>},
+    {"quit", "", "take the plug-in down and end; also 'exit'", parsePlain<QuitCommand>},
 };
 
 std::string acceptedWords() {
@@ -203,10 +203,14 @@ std::string acceptedWords() {
 
 }  // namespace
 
-ParsedLine parseCommand(const std::string& line) {
+ParsedLine parseCommand(std::string line) {
+  // A NUL would end what is said of the line, and hide what follows it.
+  std::replace(line.begin(), line.end(), '\0', '?');
   std::istringstream stream(line);
   std::string word;
   stream >> word;
+  if (word == "?") word = "help";
+  if (word == "exit") word = "quit";
   if (word.empty() || word.front() == '#') return {};
   Words arguments;
   for (std::string argument; stream >> argument;) arguments.push_back(argument);

@@ -78,7 +78,8 @@ struct ParsedLine {
   std::string error;  ///< names the line's first word and what is accepted; empty without error
 };
 
-[[nodiscard]] ParsedLine parseCommand(const std::string& line);
+/// Takes a NUL for a '?'.
+[[nodiscard]] ParsedLine parseCommand(std::string line);
 
 /// Every command with its arguments and meaning, a line each.
 [[nodiscard]] std::string commandHelp();

@@ -70,6 +70,15 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
   try {
     side_->app.parse(argc, argv);
     return std::nullopt;
+  } catch (const CLI::RequiredError& missing) {
+    // Who mistypes an option is told of that first, and not that it is missing.
+    const std::vector<std::string> wrong = side_->app.remaining();
+    if (wrong.empty()) {
+      side_->app.exit(missing);
+    } else {
+      side_->app.exit(CLI::ExtrasError(wrong));
+    }
+    return kWrongArguments;
   } catch (const CLI::ParseError& error) {
     return side_->app.exit(error) == 0 ? 0 : kWrongArguments;
   }

@@ -17,3 +17,9 @@
          std::isalnum(static_cast<unsigned char>(name.front())) != 0 &&
          std::all_of(name.begin(), name.end(), isPlain);
 }
+
+/// What to say of |name|, which is none.
+[[nodiscard]] inline std::string noInterfaceName(const std::string& name) {
+  return "'" + name + "' is no interface name: up to " + std::to_string(IFNAMSIZ - 1) +
+         " letters, digits, '_', '-' and '.', the first one a letter or a digit";
+}

@@ -65,8 +65,10 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .text("--properties", options.propertiesFile, "a file of NAME=VALUE lines")
       .texts("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
       .text("--script", options.script, "read commands from this file, not standard input")
-      .choice("--log-format", options.logFormat, {"text", "json"}, "of standard error")
-      .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
+      .choice("--log-format", options.logFormat, {"text", "json"},
+              "what standard error gets: lines of text, the default, or of JSON")
+      .number("--log-level", options.logLevel, kLogTrace, kLogError,
+              "drop lines below this level")
       .parse(argc, argv);
 }
 
@@ -89,7 +91,7 @@ std::optional<std::string> readScript(const std::string& path, std::vector<std::
 
 std::optional<std::string> wrongInterfaceName(const Options& options) {
   for (const std::string& name : options.wwan) {
-    if (!isInterfaceName(name)) return "--wwan: '" + name + "' is no interface name";
+    if (!isInterfaceName(name)) return "--wwan: " + noInterfaceName(name);
   }
   return std::nullopt;
 }

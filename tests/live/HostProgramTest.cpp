@@ -44,6 +44,8 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
     std::string said;
   } cases[] = {
       {{kHostProgram}, 2, "--plugin is required"},
+      {{kHostProgram, "--plagin"}, 2, "not expected: --plagin"},
+      {{kHostProgram, "--plugin", kPluginPath, "--wwan", "a/b"}, 2, "letters, digits"},
       {{kHostProgram, "--plugin", "/nonexistent.so"}, 1, "/nonexistent.so"},
       {{kHostProgram, "--plugin", library}, 1, "cannot load the plug-in"},
       {{kHostProgram, "--plugin", "libc.so.6"}, 1, "libc.so.6"},

@@ -13,6 +13,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -36,13 +37,14 @@ TEST(Command, UnderstandsEveryCommand) {
   EXPECT_EQ(parsed<ModemAnswerCommand>("modem-answer wwan0 install -7").answer, -7);
   EXPECT_FALSE(parsed<StatusCommand>("status").json);
   EXPECT_TRUE(parsed<StatusCommand>("status json").json);
-  parsed<HelpCommand>("help");
+  for (const char* help : {"help", "?"}) parsed<HelpCommand>(help);
+  for (const char* quit : {"quit", "exit"}) parsed<QuitCommand>(quit);
   EXPECT_EQ(parsed<WaitCommand>("wait 2.5").time.count(), 2500);
 }
 
 TEST(Command, NamesWhatIsWrongAndWhatIsAccepted) {
   const struct {
-    const char* line;
+    std::string line;
     const char* named;     ///< what the error must point at
     const char* accepted;  ///< and what it must offer
   } cases[] = {
@@ -66,11 +68,12 @@ TEST(Command, NamesWhatIsWrongAndWhatIsAccepted) {
       {"apns wwan0 0 default", "'default'", "0 is the default"},
       {"tethering 1", "tethering: ", "on"},
       {"dormancy wwan0 1", "dormancy: ", "active"},
-      {"dormancy a/b dormant", "'a/b'", "interface name"},
+      {"dormancy a/b dormant", "'a/b'", "letters, digits, '_', '-' and '.'"},
       {"filtering-ended wwan0 1", "filtering-ended: ", "one interface"},
       {"modem-answer wwan0 listen", "modem-answer: ", "1 is success"},
       {"modem-answer wwan0 listen 99999999999", "modem-answer: ", "NUMBER"},
       {"quit now", "quit: 'now'", "takes no argument"},
+      {"upstream-lost 1.1.1.1\0x"s, "'1.1.1.1?x'", "IPv4 or IPv6"},
   };
   for (const auto& test : cases) {
     const ParsedLine line = parseCommand(test.line);
