@@ -4,10 +4,8 @@
 
 #include <algorithm>
 
-#include "refhost/HostLog.h"
 #include "refhost/HostSides.h"
 #include "refhost/HostStatus.h"
-#include "refhost/TimedWrite.h"
 
 void HostSession::execute(const Command& command) {
   std::visit([this](const auto& specific) { carryOut(specific); }, command);
@@ -89,13 +87,4 @@ void HostSession::carryOut(const ModemAnswerCommand& command) {
   (command.listenFilters ? interface.listenAnswer : interface.installAnswer) = command.answer;
   answer(fmt::format("modem-answer: {} {} {}", command.ifaceName,
                      command.listenFilters ? "listen" : "install", command.answer));
-}
-
-void HostSession::answer(const std::string& text) {
-  constexpr std::chrono::seconds kPatience{1};
-  const std::string line = text + "\n";
-  std::string_view rest = line;
-  if (!writeTimed(output_, rest, kPatience)) {
-    HOST_LOG(kLogWarning, "an answer was dropped: nobody reads standard output");
-  }
 }

@@ -5,16 +5,19 @@
 #include <vector>
 
 #include "host/Zan.h"
+#include "refhost/AnswerQueue.h"
 #include "refhost/Command.h"
+#include "refhost/HostSides.h"
 #include "refhost/WwanMonitor.h"
 
 /// Thread: event thread.
 class HostSession {
  public:
   /// Answers of commands go to the descriptor |answers|, one line each (help and plain status:
-  /// several). One that nobody takes for a second is dropped, with a log line. |channel| is the
-  /// command channel to the privileged parent process, or -1.
-  HostSession(int answers, int channel) : output_(answers), wwan_(zan_) {
+  /// several), as AnswerQueue writes them. |channel| is the command channel to the privileged
+  /// parent process, or -1.
+  HostSession(int answers, int channel)
+      : answers_(zan_.zanCom.hostSide().loop, answers), wwan_(zan_) {
     zan_.commandChannelFd = channel;
   }
 
@@ -41,9 +44,9 @@ class HostSession {
   void carryOut(const DormancyCommand& command);
   void carryOut(const FilteringEndedCommand& command);
   void carryOut(const ModemAnswerCommand& command);
-  void answer(const std::string& text);
+  void answer(const std::string& text) { answers_.add(text + "\n"); }
 
-  int output_;
   Zan zan_;
+  AnswerQueue answers_;
   WwanMonitor wwan_;
 };
