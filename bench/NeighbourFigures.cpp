@@ -56,6 +56,9 @@ class Manager final : public ZanNetlinkMgr {
   Manager(Zan& zan, ZanConnTrackUtils& utils, std::size_t known)
       : ZanNetlinkMgr(zan.zanCom, zan.zanDsm, utils) {
     makeNonBlocking(fd());
+    while (nlSocket->NetlinkRecv(0, HandleNlMsg, this) >= 0) {
+      // Who is there already is none of those that are counted.
+    }
     for (std::size_t i = 0; i < known; ++i) {
       auto bytes = NeighbourTable::announcement({"10.0.0.1", macOf(scattered(i, known))});
       auto* msg = static_cast<nlmsghdr*>(static_cast<void*>(bytes.data()));

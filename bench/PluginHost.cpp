@@ -40,11 +40,13 @@ void PluginHost::learn(NeighbourTable& table, const std::vector<Neighbour>& neig
   for (Neighbour& stranger : strangers) stranger.mac = kStranger;
   table.set(strangers);
   table.set(neighbours);
+  const auto end = std::chrono::steady_clock::now() + kPatience;
   std::uint64_t before = 0;
   do {
     before = notificationCounters().delivered;
     zan_.zanCom.hostSide().loop.turn(0);
-  } while (notificationCounters().delivered != before);
+  } while (notificationCounters().delivered != before ||
+           (before < expected && std::chrono::steady_clock::now() < end));
   if (before < expected) throw lab::Error("the plug-in was not told of all neighbours");
 }
 

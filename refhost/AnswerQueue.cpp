@@ -58,5 +58,5 @@ void AnswerQueue::write() {
 
 void AnswerQueue::letGo(const char* why) {
   if (std::exchange(letGo_, true)) return;
-  HOST_LOG(kHostWarning, "answers are dropped from now on: %s", why);
+  HOST_LOG(kLogWarning, "answers are dropped from now on: %s", why);
 }

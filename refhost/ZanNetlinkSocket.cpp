@@ -1,6 +1,7 @@
 #include "host/ZanNetlinkSocket.h"
 
 #include <linux/rtnetlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 
 #include "refhost/EventLoop.h"
 #include "refhost/HostLog.h"
+#include "refhost/NeighbourListing.h"
 #include "refhost/NetlinkCounters.h"
 #include "refhost/NetlinkMessages.h"
 
@@ -44,12 +46,29 @@ struct ZanNetlinkSocket::HostSide {
   unsigned int argument;
   std::mutex requestMutex;  ///< held from a request to its acknowledgement
   std::vector<unsigned char> buffer;
+  NeighbourListing listing;
+  bool neighboursMissing;  ///< some were there before the socket, or have been dropped
+
+  [[nodiscard]] bool hearsOfNeighbours() const {
+    return (groupsOf(protocol, argument) & RTMGRP_NEIGH) != 0;
+  }
+
+  /// Asks for all neighbours, if some are missing and what is older has been read.
+  void askForMissing(int fd);
 
   /// One datagram from the kernel into the buffer, zeroes behind it; recvmsg(2)'s result, and 0
   /// for a datagram that somebody else has sent.
   ssize_t receive(int fd, int flags);
   int awaitAnswer(int fd, std::uint32_t sequence);
 };
+
+void ZanNetlinkSocket::HostSide::askForMissing(int fd) {
+  pollfd older{fd, POLLIN, 0};
+  if (!neighboursMissing || listing.underWay() || poll(&older, 1, 0) != 0) return;
+  neighboursMissing = false;
+  if (listing.ask(fd)) return;
+  HOST_LOG(kLogWarning, "netlink: cannot ask for the present neighbours: %s", std::strerror(errno));
+}
 
 ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
   for (;;) {
@@ -96,7 +115,7 @@ int ZanNetlinkSocket::HostSide::awaitAnswer(int fd, std::uint32_t sequence) {
 
 ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
     : socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol)),
-      side(new HostSide{protocol, argument, {}, {}}) {
+      side(new HostSide{protocol, argument, {}, {}, {}, false}) {
   side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
   if (socketFd == -1) {
     HOST_LOG(kLogError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
@@ -115,6 +134,8 @@ ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
   if (protocol == NETLINK_NETFILTER) {
     setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout, sizeof(kAnswerTimeout));
   }
+  side->neighboursMissing = side->hearsOfNeighbours();
+  side->askForMissing(socketFd);
 }
 
 ZanNetlinkSocket::~ZanNetlinkSocket() {
@@ -149,21 +170,36 @@ int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
 }
 
 int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, void* cbData) {
-  const bool neighbours = (groupsOf(side->protocol, side->argument) & RTMGRP_NEIGH) != 0;
+  const bool neighbours = side->hearsOfNeighbours();
   const ssize_t received = side->receive(socketFd, static_cast<int>(flags));
   if (received < 0) {
     if (errno == ENOBUFS) {
       if (neighbours) ++notificationCounters().overruns;
       HOST_LOG(kLogWarning, "netlink: receive buffer overrun, the kernel dropped notifications");
+      side->neighboursMissing = neighbours;
+      side->askForMissing(socketFd);
       errno = ENOBUFS;
     }
     return -1;
   }
-  return forEachNetlinkMessage(side->buffer.data(), static_cast<std::size_t>(received),
-                               [&](nlmsghdr* msg) {
-                                 if (neighbours) ++notificationCounters().delivered;
-                                 callback(cbData, msg, msg->nlmsg_len);
-                               });
+  const auto handOn = [&](nlmsghdr* msg) {
+    if (neighbours) ++notificationCounters().delivered;
+    callback(cbData, msg, msg->nlmsg_len);
+  };
+  const int count = forEachNetlinkMessage(
+      side->buffer.data(), static_cast<std::size_t>(received), [&](nlmsghdr* msg) {
+        if (!side->listing.underWay()) {
+          handOn(msg);
+          return;
+        }
+        side->listing.take(*msg);
+        if (side->listing.underWay()) return;
+        for (NeighbourListing::Message& kept : side->listing.result()) {
+          handOn(static_cast<nlmsghdr*>(static_cast<void*>(kept.data())));
+        }
+      });
+  side->askForMissing(socketFd);
+  return count;
 }
 
 int ZanNetlinkSocket::NetlinkRecvSocketEvent(unsigned int flags, NlMsgCallback callback,

@@ -67,8 +67,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .text("--script", options.script, "read commands from this file, not standard input")
       .choice("--log-format", options.logFormat, {"text", "json"},
               "what standard error gets: lines of text, the default, or of JSON")
-      .number("--log-level", options.logLevel, kLogTrace, kLogError,
-              "drop lines below this level")
+      .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
       .parse(argc, argv);
 }
 

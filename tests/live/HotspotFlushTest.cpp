@@ -2,6 +2,7 @@
 #include <netinet/in.h>
 
 #include <csignal>
+#include <thread>
 
 #include "lab/ConntrackInserter.h"
 #include "lab/Process.h"
@@ -176,10 +177,29 @@ TEST_F(HotspotFlush, TakesThousandsFromALargeTable) {
   EXPECT_EQ(hotspot.table().size(), kEntries - kEntries / 4);
 }
 
-TEST_F(HotspotFlush, SurvivesAFloodOfNeighbourNotifications) {
+TEST_F(HotspotFlush, TakesTheEntriesOfWhoWasThereBeforeTheHost) {
   Hotspot hotspot;
-  hotspot.connect(0, 1);
-  hotspot.reportClients({0});
+  const auto& client = hotspot.network.client(0);
+  // Addresses that the client had before those that its connections use.
+  std::string former;
+  for (int i = 100; i < 120; ++i) {
+    former += "neigh replace 10.43.0." + std::to_string(i) + " lladdr " + client.mac + " dev " +
+              client.gatewayInterface + " nud stale\n";
+  }
+  lab::Process::runIpBatch(hotspot.network.gateway(), former);
+  std::this_thread::sleep_for(50ms);  // the kernel tells ages in hundredths of a second
+  hotspot.connect(0, kPerKind);
+  hotspot.host.stop(SIGTERM);
+
+  lab::HostProcess later(hostOptions({}), hotspot.network.gateway());
+  later.command("clients " + client.mac);
+  hotspot.network.detachClient(0);
+  later.command("clients");
+  EXPECT_TRUE(eventually([&] { return hotspot.entriesOf(0).empty(); }));
+}
+
+TEST_F(HotspotFlush, KnowsItsClientsAlsoAfterAFloodOfNeighbourNotifications) {
+  Hotspot hotspot;
   // The host is two processes, in a group of their own.
   const pid_t process = pluginProcess(hotspot.host);
   ::kill(-hotspot.host.pid(), SIGSTOP);
@@ -189,10 +209,19 @@ TEST_F(HotspotFlush, SurvivesAFloodOfNeighbourNotifications) {
     batch += "neigh replace 10.43.1." + std::to_string(i % 250 + 3) +
              " lladdr 02:00:00:01:00:" + (i / 250 % 2 == 0 ? "01" : "02") + " dev ap1\n";
   }
+  // Behind the flood the client comes, of whom nothing else will be announced.
+  const auto& client = hotspot.network.client(0);
+  for (const std::string& address : {client.ipv4, client.ipv6}) {
+    batch += "neigh replace " + address + " lladdr " + client.mac + " dev " +
+             client.gatewayInterface + " nud permanent\n";
+  }
   lab::Process::runIpBatch(hotspot.network.gateway(), batch);
+  hotspot.open(0, 1);
   ::kill(-hotspot.host.pid(), SIGCONT);
   EXPECT_TRUE(eventually([&] { return hotspot.host.status().neighbourOverruns > 0; }))
       << "the kernel had to drop some";
+  EXPECT_TRUE(logs(hotspot.host, "Ipv6 neighbor Address " + client.ipv6));
+  hotspot.reportClients({0});
   hotspot.lose(0);
   EXPECT_TRUE(hotspot.awaitDeletions(4));
 }
