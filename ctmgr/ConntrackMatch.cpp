@@ -88,6 +88,7 @@ unsigned long long fieldAddress(const std::uint8_t (&address)[16]) {
 
 void fillRecord(const Kind& kind, const AddressToken& source, const Destination& destination,
                 ZanConnTrackFilter_s& record) {
+  record = {};  // padding included
   record.af = kind.af;
   record.sport = destination.sport;
   record.dport = destination.dport;
