@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <vector>
 
@@ -17,10 +18,17 @@ namespace {
 
 using testing::ElementsAre;
 
-/// A listing that is under way; its neighbours are known by their interface numbers.
+/// A listing that is under way; its neighbours are known by their interface numbers. The test
+/// stands in for the kernel.
 class NeighbourListingTest : public testing::Test {
  protected:
-  NeighbourListingTest() { EXPECT_TRUE(listing.ask(socket.get())); }
+  NeighbourListingTest() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    socket.reset(ends[0]);
+    kernel.reset(ends[1]);
+    EXPECT_TRUE(listing.ask(socket.get()));
+  }
 
   void list(int neighbour, int state, std::optional<std::uint32_t> updatedAgo) {
     take(neighbour, state, kAnswer, updatedAgo);
@@ -47,7 +55,8 @@ class NeighbourListingTest : public testing::Test {
     return neighbours;
   }
 
-  UniqueFd socket{::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
+  UniqueFd socket;
+  UniqueFd kernel;
   NeighbourListing listing;
 
  private:
