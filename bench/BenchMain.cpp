@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/CommandLine.h"
 #include "bench/Figures.h"
 #include "bench/Report.h"
 #include "lab/BuiltFile.h"
 #include "lab/UserNamespace.h"
-#include "refhost/CommandLine.h"
 
 namespace {
 
@@ -44,9 +44,10 @@ std::optional<int> readArguments(int argc, char** argv, Arguments& arguments) {
   std::vector<std::string> subjects;
   for (const Subject& subject : kSubjects) subjects.emplace_back(subject.name);
   constexpr int kMostLines = 1'000'000;
-  return CommandLine("Measures the plug-in against its floors and peers, in network namespaces.",
-                     "Exit status: 0 measured, 1 something could not be, or there are too many "
-                     "instructions,\n2 wrong arguments.")
+  return base::CommandLine(
+             "Measures the plug-in against its floors and peers, in network namespaces.",
+             "Exit status: 0 measured, 1 something could not be, or there are too many "
+             "instructions,\n2 wrong arguments.")
       .text("--plugin", arguments.options.plugin, "the plug-in; that of the same build if none")
       .flag("--quick", arguments.quick, "smaller tables and fewer rounds: about a minute")
       .choice("--only", arguments.only, subjects, "one subject instead of all")

@@ -12,8 +12,8 @@
 #include <exception>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "lab/Error.h"
-#include "refhost/UniqueFd.h"
 
 namespace bench {
 namespace {
@@ -56,8 +56,8 @@ std::string readAll(int fd) {
 std::vector<double> inChild(const std::function<std::vector<double>()>& measurement) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) throw lab::systemError("cannot create a pipe");
-  const UniqueFd reading(ends[0]);
-  UniqueFd writing(ends[1]);
+  const base::UniqueFd reading(ends[0]);
+  base::UniqueFd writing(ends[1]);
   const pid_t child = fork();
   if (child < 0) throw lab::systemError("cannot fork for a measurement");
   if (child == 0) beChild(measurement, writing.get());

@@ -13,7 +13,7 @@
 #include "ctmgr/NetlinkRequest.h"
 #include "ctmgr/ZanConnTrackMgr.h"
 #include "lab/Error.h"
-#include "refhost/NetlinkCounters.h"
+#include "refhost/framework/NetlinkCounters.h"
 
 namespace bench {
 namespace {
@@ -74,9 +74,9 @@ Request requestFor(const ZanConnTrackFilter_s& record, ZanConnTrackMgr& manager)
 /// Deletions a second of |work|, which is to delete all of |table|.
 template <typename Work>
 double deletionRate(BenchTable& table, Work work) {
-  const std::uint64_t before = deletionCounters().deleted;
+  const std::uint64_t before = framework::deletionCounters().deleted;
   const double seconds = secondsOf(work);
-  if (deletionCounters().deleted - before != table.shape().entries) {
+  if (framework::deletionCounters().deleted - before != table.shape().entries) {
     throw lab::Error("a deletion left entries in the table");
   }
   table.refill(0);

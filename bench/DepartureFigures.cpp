@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Patience.h"
 #include "bench/BenchTable.h"
 #include "bench/ChildRun.h"
 #include "bench/Figures.h"
@@ -16,7 +17,6 @@
 #include "bench/Scanner.h"
 #include "bench/SilentLog.h"
 #include "lab/Error.h"
-#include "lab/Patience.h"
 
 namespace bench {
 namespace {
@@ -93,7 +93,7 @@ std::vector<double> depart(const Options& options, NeighbourTable& neighbours,
   const double before = memoryKiB("VmRSS:");
   const double cpuBefore = cpuSeconds();
   const double seconds = host.leave(macs);
-  if (toTheEnd && !lab::eventually(isAlone)) throw lab::Error("the clean-ups do not end");
+  if (toTheEnd && !base::eventually(isAlone)) throw lab::Error("the clean-ups do not end");
   return {seconds, cpuSeconds() - cpuBefore, memoryKiB("VmHWM:") - before};
 }
 

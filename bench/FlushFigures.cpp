@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "base/UniqueFd.h"
 #include "bench/BenchTable.h"
 #include "bench/ChildRun.h"
 #include "bench/Figures.h"
@@ -10,9 +11,8 @@
 #include "bench/Report.h"
 #include "lab/Error.h"
 #include "lab/Process.h"
-#include "refhost/HostLog.h"
-#include "refhost/LogSink.h"
-#include "refhost/UniqueFd.h"
+#include "refhost/framework/HostLog.h"
+#include "refhost/zanhost/LogSink.h"
 
 namespace bench {
 namespace {
@@ -32,8 +32,8 @@ class Departure {
     std::vector<Neighbour> known{{client_.ipv4, client_.mac}};
     if (knowsIpv6) known.push_back({client_.ipv6, client_.mac});
     const auto results = inChild([&]() -> std::vector<double> {
-      const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-      const LogSink log(nowhere.get(), LogSink::Format::kText, kLogNotice);
+      const base::UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+      const zanhost::LogSink log(nowhere.get(), zanhost::LogSink::Format::kText, kLogNotice);
       PluginHost host(plugin_);
       host.learn(neighbours_, known);
       return {host.flush(client_.mac, kClientEntries)};

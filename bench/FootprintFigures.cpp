@@ -121,7 +121,7 @@ void measureStarts(const Options& options, Report& report) {
   const Spread microseconds = repeat(options.effort, [&] {
     return inChild([&]() -> std::vector<double> {
              Zan zan;
-             Plugin plugin(options.plugin);
+             zanhost::Plugin plugin(options.plugin);
              if (!plugin.loaded()) throw lab::Error(plugin.error());
              const double seconds = secondsOf([&] {
                for (int i = 0; i < kStarts; ++i) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "bench/BenchTable.h"
 #include "bench/Figures.h"
 #include "bench/Report.h"
@@ -18,7 +19,6 @@
 #include "host/Zan.h"
 #include "lab/Error.h"
 #include "lab/Process.h"
-#include "refhost/UniqueFd.h"
 
 namespace bench {
 namespace {
@@ -85,7 +85,7 @@ class LineReader {
   SilentLog log_;
   Zan zan_;
   ZanConnTrackUtils utils_{zan_};
-  UniqueFd file_{memfd_create("table", MFD_CLOEXEC)};
+  base::UniqueFd file_{memfd_create("table", MFD_CLOEXEC)};
   ZanConnTrackParser parser_{utils_};
   ZanConnTrackFileParseControlType control_;
   std::size_t expected_;

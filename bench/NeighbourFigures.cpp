@@ -15,7 +15,7 @@
 #include "ctmgr/ZanNetlinkMgr.h"
 #include "host/Zan.h"
 #include "lab/Error.h"
-#include "refhost/NetlinkCounters.h"
+#include "refhost/framework/NetlinkCounters.h"
 
 namespace bench {
 namespace {
@@ -71,12 +71,12 @@ class Manager final : public ZanNetlinkMgr {
 
   /// Notifications that were waiting, handled as the event loop has them handled.
   std::uint64_t drain() {
-    const std::uint64_t start = notificationCounters().delivered;
+    const std::uint64_t start = framework::notificationCounters().delivered;
     std::uint64_t before = 0;
     do {
-      before = notificationCounters().delivered;
+      before = framework::notificationCounters().delivered;
       zanNetlinkEvtCallback(fd(), this);
-    } while (notificationCounters().delivered != before);
+    } while (framework::notificationCounters().delivered != before);
     return before - start;
   }
 };

@@ -14,7 +14,7 @@
 #include "lab/Error.h"
 #include "lab/NetlinkWriter.h"
 #include "lab/Process.h"
-#include "refhost/NetlinkMessages.h"
+#include "refhost/framework/NetlinkMessages.h"
 
 namespace bench {
 namespace {
@@ -88,10 +88,11 @@ void NeighbourTable::awaitAcknowledgement(std::uint32_t sequence) {
     alignas(nlmsghdr) std::array<unsigned char, 8192> buffer;
     const ssize_t got = recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (got < 0) throw lab::systemError("no acknowledgement of a neighbour");
-    forEachNetlinkMessage(buffer.data(), static_cast<std::size_t>(got), [&](nlmsghdr* msg) {
-      if (msg->nlmsg_type != NLMSG_ERROR || msg->nlmsg_seq != sequence) return;
-      answer = netlinkPayload<nlmsgerr>(msg)->error;
-    });
+    framework::forEachNetlinkMessage(
+        buffer.data(), static_cast<std::size_t>(got), [&](nlmsghdr* msg) {
+          if (msg->nlmsg_type != NLMSG_ERROR || msg->nlmsg_seq != sequence) return;
+          answer = framework::netlinkPayload<nlmsgerr>(msg)->error;
+        });
   }
   if (*answer != 0) throw lab::systemError("the kernel refuses a neighbour", -*answer);
 }

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "lab/NetNamespace.h"
-#include "refhost/UniqueFd.h"
 
 namespace bench {
 
@@ -38,7 +38,7 @@ class NeighbourTable {
  private:
   void awaitAcknowledgement(std::uint32_t sequence);
 
-  UniqueFd socket_;
+  base::UniqueFd socket_;
   int interface_ = 0;
   std::uint32_t sequence_ = 0;
 };

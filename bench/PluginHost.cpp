@@ -7,8 +7,8 @@
 
 #include "bench/Measure.h"
 #include "lab/Error.h"
-#include "refhost/HostSides.h"
-#include "refhost/NetlinkCounters.h"
+#include "refhost/framework/HostSides.h"
+#include "refhost/framework/NetlinkCounters.h"
 
 namespace bench {
 namespace {
@@ -21,7 +21,7 @@ constexpr std::chrono::seconds kPatience{20};
 
 void waitForDeletions(std::uint64_t total) {
   const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (deletionCounters().deleted < total) {
+  while (framework::deletionCounters().deleted < total) {
     std::this_thread::sleep_for(kLook);
     if (std::chrono::steady_clock::now() > end) throw lab::Error("a flush deleted too little");
   }
@@ -35,7 +35,8 @@ PluginHost::PluginHost(const std::string& path) : plugin_(path) {
 }
 
 void PluginHost::learn(NeighbourTable& table, const std::vector<Neighbour>& neighbours) {
-  const std::uint64_t expected = notificationCounters().delivered + 2 * neighbours.size();
+  const std::uint64_t expected =
+      framework::notificationCounters().delivered + 2 * neighbours.size();
   std::vector<Neighbour> strangers = neighbours;
   for (Neighbour& stranger : strangers) stranger.mac = kStranger;
   table.set(strangers);
@@ -43,9 +44,9 @@ void PluginHost::learn(NeighbourTable& table, const std::vector<Neighbour>& neig
   const auto end = std::chrono::steady_clock::now() + kPatience;
   std::uint64_t before = 0;
   do {
-    before = notificationCounters().delivered;
+    before = framework::notificationCounters().delivered;
     zan_.zanCom.hostSide().loop.turn(0);
-  } while (notificationCounters().delivered != before ||
+  } while (framework::notificationCounters().delivered != before ||
            (before < expected && std::chrono::steady_clock::now() < end));
   if (before < expected) throw lab::Error("the plug-in was not told of all neighbours");
 }
@@ -57,8 +58,8 @@ double PluginHost::leave(const ZanDsmTextList& macs) {
 }
 
 double PluginHost::flush(const std::string& mac, std::uint64_t entries) {
-  const std::uint64_t requested = deletionCounters().requested;
-  const std::uint64_t deleted = deletionCounters().deleted;
+  const std::uint64_t requested = framework::deletionCounters().requested;
+  const std::uint64_t deleted = framework::deletionCounters().deleted;
   const ZanDsmTextList present{mac};
   const ZanDsmTextList absent;
   zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &present);
@@ -67,8 +68,8 @@ double PluginHost::flush(const std::string& mac, std::uint64_t entries) {
     waitForDeletions(deleted + entries);
   });
   plugin_.stop();
-  static_cast<void>(awaitDeletions(kPatience));
-  const std::uint64_t asked = deletionCounters().requested - requested;
+  static_cast<void>(framework::awaitDeletions(kPatience));
+  const std::uint64_t asked = framework::deletionCounters().requested - requested;
   if (asked == entries) return seconds;
   throw lab::Error(fmt::format("a flush asked for {} deletions, not {}", asked, entries));
 }

@@ -7,7 +7,7 @@
 
 #include "bench/NeighbourTable.h"
 #include "host/Zan.h"
-#include "refhost/Plugin.h"
+#include "refhost/zanhost/Plugin.h"
 
 namespace bench {
 
@@ -35,7 +35,7 @@ class PluginHost {
 
  private:
   Zan zan_;
-  Plugin plugin_;
+  zanhost::Plugin plugin_;
 };
 
 }  // namespace bench

@@ -4,14 +4,14 @@
 #include <optional>
 #include <utility>
 
+#include "base/UniqueFd.h"
 #include "bench/BenchTable.h"
 #include "bench/Figures.h"
 #include "bench/Report.h"
 #include "bench/Scanner.h"
 #include "bench/SilentLog.h"
-#include "refhost/HostLog.h"
-#include "refhost/LogSink.h"
-#include "refhost/UniqueFd.h"
+#include "refhost/framework/HostLog.h"
+#include "refhost/zanhost/LogSink.h"
 
 namespace bench {
 namespace {
@@ -51,11 +51,11 @@ std::size_t expectedOf(const BenchTable& table, const Kind& kind) {
 
 Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effort) {
   // The threshold drops every line of a scan.
-  const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const base::UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
   std::optional<SilentLog> silent;
-  std::optional<LogSink> hostLog;
+  std::optional<zanhost::LogSink> hostLog;
   if (kind.hostLog) {
-    hostLog.emplace(nowhere.get(), LogSink::Format::kText, kLogNotice);
+    hostLog.emplace(nowhere.get(), zanhost::LogSink::Format::kText, kLogNotice);
   } else {
     silent.emplace();
   }

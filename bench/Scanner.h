@@ -11,13 +11,13 @@
 #include <optional>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "bench/BenchTable.h"
 #include "bench/Measure.h"
 #include "bench/Report.h"
 #include "ctmgr/ZanConnTrackParser.h"
 #include "host/Zan.h"
 #include "lab/Error.h"
-#include "refhost/UniqueFd.h"
 
 namespace bench {
 
@@ -72,7 +72,7 @@ class Scanner {
   }
 
  private:
-  UniqueFd fd_;
+  base::UniqueFd fd_;
   Zan zan_;
   ZanConnTrackUtils utils_{zan_};
   Parser parser_{utils_};

@@ -2,8 +2,8 @@
 
 #include <unistd.h>
 
-#include "ctmgr/Agreement.h"
 #include "ctmgr/Log.h"
+#include "host/Agreement.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "ctmgr/Agreement.h"
+#include "host/Agreement.h"
 #include "host/ZanMsg.h"
 
 /// One log line. A macro, so that the compiler checks every format against its arguments.

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <utility>
 
-#include "ctmgr/Agreement.h"
 #include "ctmgr/CommandChannel.h"
 #include "ctmgr/Log.h"
 #include "ctmgr/NumberProperty.h"
+#include "host/Agreement.h"
 
 namespace {
 

@@ -20,7 +20,7 @@ std::string bytesOf(std::uint32_t value) {
 }
 
 /// What there is to be read from |fd|.
-std::string received(const UniqueFd& fd) {
+std::string received(const base::UniqueFd& fd) {
   char all[8192];
   const ssize_t length = recv(fd.get(), all, sizeof(all), MSG_DONTWAIT);
   return {all, all + std::max<ssize_t>(length, 0)};
@@ -41,8 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   int ends[2];
   require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "no channel");
-  const UniqueFd own(ends[0]);
-  const UniqueFd parents(ends[1]);
+  const base::UniqueFd own(ends[0]);
+  const base::UniqueFd parents(ends[1]);
   send(parents.get(), said.data(), said.size(), 0);
   shutdown(parents.get(), SHUT_WR);
   host.host.zan.commandChannelFd = own.get();

@@ -9,9 +9,9 @@
 #include <array>
 #include <cerrno>
 
+#include "base/Patience.h"
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
-#include "lab/Patience.h"
 
 namespace lab {
 namespace {
@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 /// Also bounds connect(), which is why it is set before.
 void setSendTimeout(int fd) {
   timeval timeout{};
-  timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(kPatience.count());
+  timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(base::kPatience.count());
   ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
@@ -78,7 +78,7 @@ void ClientConnections::open(const HotspotNetwork& network, std::size_t client, 
 }
 
 std::size_t ClientConnections::exchange() {
-  const Clock::time_point deadline = Clock::now() + kPatience;
+  const Clock::time_point deadline = Clock::now() + base::kPatience;
   sendPayloads();
   std::vector<Connection*> waiting;
   for (Connection& connection : connections_) waiting.push_back(&connection);

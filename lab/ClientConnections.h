@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "lab/HotspotNetwork.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 
@@ -36,7 +36,7 @@ class ClientConnections {
 
  private:
   struct Connection {
-    UniqueFd fd;
+    base::UniqueFd fd;
     bool stream = false;
     std::string description;
     std::string expected;

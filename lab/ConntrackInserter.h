@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "lab/ConntrackTable.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 
@@ -43,7 +43,7 @@ class ConntrackInserter {
   void collectAcknowledgements(const std::vector<Entry>& entries, std::size_t begin,
                                std::size_t end);
 
-  UniqueFd socket_;
+  base::UniqueFd socket_;
 };
 
 }  // namespace lab

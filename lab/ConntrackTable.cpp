@@ -10,10 +10,10 @@
 #include <string_view>
 #include <tuple>
 
+#include "base/UniqueFd.h"
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
 #include "lab/NetNamespace.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 namespace {
@@ -76,7 +76,7 @@ ConntrackEntry parseLine(const std::string& line) {
 }
 
 std::string readTableFile() {
-  const UniqueFd file(::open(kTableFile, O_RDONLY | O_CLOEXEC));
+  const base::UniqueFd file(::open(kTableFile, O_RDONLY | O_CLOEXEC));
   if (!file.valid()) {
     throw systemError(std::string("cannot open ") + kTableFile, errno,
                       "is nf_conntrack loaded and built with its proc file?");

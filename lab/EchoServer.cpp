@@ -24,8 +24,8 @@ void setOption(int fd, int level, int option, int value) {
   }
 }
 
-UniqueFd openSocket(int family, int type, std::uint16_t port) {
-  UniqueFd fd(::socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+base::UniqueFd openSocket(int family, int type, std::uint16_t port) {
+  base::UniqueFd fd(::socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!fd.valid()) throw systemError("cannot create a socket for the echo server");
   setOption(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1);
   if (family == AF_INET6) setOption(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, 1);
@@ -54,7 +54,7 @@ EchoServer::EchoServer(const NetNamespace& where, std::uint16_t port) : port_(po
   stop_.reset(::eventfd(0, EFD_CLOEXEC));
   epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
   if (!stop_.valid() || !epoll_.valid()) throw systemError("cannot create the server's loop");
-  for (const UniqueFd* fd : {&tcp4_, &tcp6_, &udp4_, &udp6_, &stop_}) {
+  for (const base::UniqueFd* fd : {&tcp4_, &tcp6_, &udp4_, &udp6_, &stop_}) {
     watch(fd->get(), EPOLLIN, EPOLL_CTL_ADD);
   }
   thread_ = std::thread([this] { serve(); });
@@ -109,7 +109,7 @@ void EchoServer::handle(int fd, std::uint32_t events) {
 
 void EchoServer::acceptAll(int listener) {
   while (true) {
-    UniqueFd fd(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    base::UniqueFd fd(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!fd.valid()) return;
     // Closing resets: a connection that waits for the last answer of a client that is gone
     // would keep the namespace alive for minutes.

@@ -6,7 +6,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "refhost/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace lab {
 
@@ -41,15 +41,15 @@ class EchoServer {
   void drop(int fd);
 
   std::uint16_t port_;
-  UniqueFd tcp4_;
-  UniqueFd tcp6_;
-  UniqueFd udp4_;
-  UniqueFd udp6_;
-  UniqueFd stop_;
-  UniqueFd epoll_;
+  base::UniqueFd tcp4_;
+  base::UniqueFd tcp6_;
+  base::UniqueFd udp4_;
+  base::UniqueFd udp6_;
+  base::UniqueFd stop_;
+  base::UniqueFd epoll_;
 
   struct Stream {
-    UniqueFd fd;
+    base::UniqueFd fd;
     /// Read but not yet accepted back by the kernel.
     std::string pending;
   };

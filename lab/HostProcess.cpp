@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <csignal>
 
+#include "base/Patience.h"
 #include "lab/Error.h"
 #include "lab/NetNamespace.h"
-#include "lab/Patience.h"
 
 namespace lab {
 namespace {
@@ -81,7 +81,7 @@ std::string HostProcess::command(const std::string& text) {
   // A host that does not read any more is about to end, and its output with it.
   static_cast<void>(process_.write(text + "\n"));
   lock.lock();
-  changed_.wait_for(lock, kPatience, [&] {
+  changed_.wait_for(lock, base::kPatience, [&] {
     return answers_.size() > answersBefore || outputEnded_ || complaint() != log_.end();
   });
   if (answers_.size() > answersBefore) return answers_[answersBefore];
@@ -101,7 +101,7 @@ std::optional<HostProcess::LogLine> HostProcess::waitForLog(const Predicate& pre
   std::unique_lock lock(mutex_);
   std::size_t next = 0;
   std::optional<LogLine> found;
-  changed_.wait_for(lock, kPatience, [&] {
+  changed_.wait_for(lock, base::kPatience, [&] {
     for (; next < log_.size() && !found; ++next) {
       if (predicate(log_[next])) found = log_[next];
     }
@@ -128,7 +128,7 @@ ExitStatus HostProcess::stop(int signal) {
   }
   // A child of the host could hold its streams open, hence the limit.
   std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, kPatience, [this] { return outputEnded_; });
+  changed_.wait_for(lock, base::kPatience, [this] { return outputEnded_; });
   return process_.status();
 }
 

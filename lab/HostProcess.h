@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "lab/HostOutput.h"
 #include "lab/Process.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 
@@ -85,7 +85,7 @@ class HostProcess {
 
   Process process_;
   std::function<bool(const std::string&)> keepLine_;
-  UniqueFd stopCollecting_;
+  base::UniqueFd stopCollecting_;
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;

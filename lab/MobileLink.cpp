@@ -24,8 +24,9 @@ std::string uniqueName() {
 }
 
 /// Bound to kPort of every address of |where|, also while others are.
-UniqueFd openPort(const NetNamespace& where, int family) {
-  UniqueFd fd = where.run([&] { return UniqueFd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)); });
+base::UniqueFd openPort(const NetNamespace& where, int family) {
+  base::UniqueFd fd =
+      where.run([&] { return base::UniqueFd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)); });
   const int on = 1;
   ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_storage any{};
@@ -36,7 +37,7 @@ UniqueFd openPort(const NetNamespace& where, int family) {
   return fd;
 }
 
-void sendDatagram(const UniqueFd& from, const std::string& to) {
+void sendDatagram(const base::UniqueFd& from, const std::string& to) {
   sockaddr_storage target{};
   const socklen_t length = IpAddress(to).toSockaddr(kPort, target);
   const auto* destination = reinterpret_cast<const sockaddr*>(&target);

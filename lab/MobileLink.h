@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "lab/NetNamespace.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 
@@ -51,8 +51,8 @@ class MobileLink {
   std::string ipv4Net_;
   std::string ipv6Net_;
   /// By family. Without a socket that takes a datagram the kernel would answer it.
-  std::map<int, UniqueFd> gatewayPorts_;
-  std::map<int, UniqueFd> networkPorts_;
+  std::map<int, base::UniqueFd> gatewayPorts_;
+  std::map<int, base::UniqueFd> networkPorts_;
 };
 
 }  // namespace lab

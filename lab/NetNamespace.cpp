@@ -49,7 +49,7 @@ std::string NetNamespace::path() const {
 void NetNamespace::setSysctl(const char* path, const char* value) const {
   run([path, value] {
     const std::string file = std::string("/proc/sys/net/") + path;
-    const UniqueFd fd(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    const base::UniqueFd fd(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
     if (!fd.valid() || ::write(fd.get(), value, std::strlen(value)) < 0) {
       throw systemError("cannot write " + file);
     }

@@ -5,7 +5,7 @@
 #include <string>
 #include <type_traits>
 
-#include "refhost/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace lab {
 
@@ -48,7 +48,7 @@ class NetNamespace {
  private:
   void runOnThread(const std::function<void()>& work) const;
 
-  UniqueFd fd_;
+  base::UniqueFd fd_;
 };
 
 }  // namespace lab

@@ -14,9 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/ArgumentVector.h"
 #include "lab/Error.h"
 #include "lab/NetNamespace.h"
-#include "refhost/ArgumentVector.h"
 
 // The numbers are the same on every architecture; older C libraries lack the wrappers.
 #ifndef SYS_pidfd_open
@@ -35,14 +35,14 @@ constexpr unsigned kCloseRangeCloexec = 1U << 2U;
 constexpr std::size_t kChunk = 65536;
 
 struct Pipe {
-  UniqueFd read;
-  UniqueFd write;
+  base::UniqueFd read;
+  base::UniqueFd write;
 };
 
 Pipe makePipe() {
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw systemError("cannot create a pipe");
-  return Pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
+  return Pipe{base::UniqueFd(ends[0]), base::UniqueFd(ends[1])};
 }
 
 std::string searchPath() {
@@ -175,8 +175,8 @@ Process::Process(const std::vector<std::string>& argv, const NetNamespace* where
   const std::string program = findProgram(argv.at(0));
   std::vector<std::string> arguments = argv;
   std::vector<std::string> environment = childEnvironment();
-  std::vector<char*> argumentPointers = argumentVector(arguments);
-  std::vector<char*> environmentPointers = argumentVector(environment);
+  std::vector<char*> argumentPointers = base::argumentVector(arguments);
+  std::vector<char*> environmentPointers = base::argumentVector(environment);
 
   Pipe in = makePipe();
   Pipe out = makePipe();

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "lab/Patience.h"
-#include "refhost/UniqueFd.h"
+#include "base/Patience.h"
+#include "base/UniqueFd.h"
 
 namespace lab {
 
@@ -49,7 +49,7 @@ class Process {
   /// caller's to judge.
   [[nodiscard]] static CommandResult run(const std::vector<std::string>& argv,
                                          const NetNamespace* where, const std::string& input = {},
-                                         std::chrono::milliseconds limit = kPatience);
+                                         std::chrono::milliseconds limit = base::kPatience);
 
   /// Like run(), and throws Error with the command and what it said unless it succeeds.
   static std::string runChecked(const std::vector<std::string>& argv, const NetNamespace* where,
@@ -69,7 +69,7 @@ class Process {
 
   void signal(int number) const;
   /// Waits up to |limit|. False if the child still runs then.
-  bool waitFor(std::chrono::milliseconds limit = kPatience);
+  bool waitFor(std::chrono::milliseconds limit = base::kPatience);
   [[nodiscard]] bool ended() const { return reaped_; }
   /// Valid once waitFor() returned true.
   [[nodiscard]] const ExitStatus& status() const { return status_; }
@@ -78,10 +78,10 @@ class Process {
   void pump(const std::string& input, std::chrono::milliseconds limit, CommandResult& result);
 
   pid_t pid_ = -1;
-  UniqueFd pidFd_;
-  UniqueFd input_;
-  UniqueFd output_;
-  UniqueFd errors_;
+  base::UniqueFd pidFd_;
+  base::UniqueFd input_;
+  base::UniqueFd output_;
+  base::UniqueFd errors_;
   bool reaped_ = false;
   ExitStatus status_;
 };

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "lab/Error.h"
-#include "refhost/UniqueFd.h"
 
 namespace lab {
 namespace {
@@ -24,7 +24,7 @@ bool hasCapability(unsigned capability) {
 }
 
 void writeFile(const char* path, const std::string& text) {
-  const UniqueFd file(::open(path, O_WRONLY | O_CLOEXEC));
+  const base::UniqueFd file(::open(path, O_WRONLY | O_CLOEXEC));
   if (!file.valid() || ::write(file.get(), text.data(), text.size()) < 0) {
     throw systemError(std::string("cannot write ") + path);
   }

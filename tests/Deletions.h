@@ -3,8 +3,8 @@
 
 #include <memory>
 
+#include "base/Patience.h"
 #include "ctmgr/ZanConnTrackMgr.h"
-#include "lab/Patience.h"
 
 /// What a manager keeps to itself.
 struct Deletions : ZanConnTrackMgr {
@@ -26,6 +26,6 @@ struct Deletions : ZanConnTrackMgr {
 inline int stopAndAwaitDeletions() {
   const auto deletions = Deletions::handle();
   const int result = deinit_ct_mgr();
-  static_cast<void>(lab::eventually([&] { return deletions.expired(); }));
+  static_cast<void>(base::eventually([&] { return deletions.expired(); }));
   return result;
 }

@@ -14,8 +14,8 @@
 #include <set>
 #include <sstream>
 
+#include "base/Patience.h"
 #include "host/Properties.h"
-#include "lab/Patience.h"
 
 namespace {
 
@@ -181,7 +181,7 @@ std::string RecordingHost::take(const std::string& having) {
 
 std::vector<Bytes> RecordingHost::awaitRequests(std::size_t count) {
   std::unique_lock<std::mutex> lock(mutex);
-  requestRecorded.wait_for(lock, lab::kPatience, [&] { return requests.size() >= count; });
+  requestRecorded.wait_for(lock, base::kPatience, [&] { return requests.size() >= count; });
   return requests;
 }
 

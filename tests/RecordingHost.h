@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "host/Zan.h"
 #include "host/ZanMsg.h"
 #include "host/ZanNetlinkSocket.h"
-#include "refhost/UniqueFd.h"
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -92,7 +92,7 @@ class TableFile {
   [[nodiscard]] int fd() const { return file.get(); }
 
  private:
-  UniqueFd file{memfd_create("table", MFD_CLOEXEC)};
+  base::UniqueFd file{memfd_create("table", MFD_CLOEXEC)};
 };
 
 /// A connection of |client|, IPv4 or IPv6, from |port| to a server, translated to |upstream|.

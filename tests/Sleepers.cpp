@@ -6,7 +6,7 @@
 #include <ctime>
 #include <mutex>
 
-#include "lab/Patience.h"
+#include "base/Patience.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ Pauses& pauses = *new Pauses;
 std::chrono::seconds sleepers::await() {
   std::unique_lock<std::mutex> lock(pauses.mutex);
   const bool asleep =
-      pauses.changed.wait_for(lock, lab::kPatience, [] { return pauses.going > 0; });
+      pauses.changed.wait_for(lock, base::kPatience, [] { return pauses.going > 0; });
   return asleep ? pauses.last : std::chrono::seconds(0);
 }
 

@@ -9,9 +9,9 @@
 #include <future>
 #include <tuple>
 
+#include "base/Patience.h"
 #include "ctmgr/NetlinkRequest.h"
 #include "ctmgr/ZanConnTrackMgr.h"
-#include "lab/Patience.h"
 #include "tests/Deletions.h"
 #include "tests/RecordingHost.h"
 #include "tests/Sleepers.h"
@@ -46,7 +46,7 @@ struct ZanConnTrackMgrTest : testing::Test {
   }
   /// Wakes the clean-ups of a manager that has gone; whether all of them end.
   [[nodiscard]] bool cleanUpsEnd() const {
-    return lab::eventually([this] {
+    return base::eventually([this] {
       sleepers::wake();
       return gate.use_count() <= 1;
     });
@@ -254,7 +254,7 @@ TEST_F(ZanConnTrackMgrTest, FlushesADepartedClientAtOnceAndAfterEachOfTwoPausesA
     sleepers::wake();
   }
   EXPECT_EQ(host.awaitRequests(3).size(), 3U);
-  EXPECT_TRUE(lab::eventually([&] {
+  EXPECT_TRUE(base::eventually([&] {
     notify(RTM_DELNEIGH, "10.0.0.1", 1);
     return host.take("lost event received on unknown client") != "\n";
   }));
@@ -296,13 +296,13 @@ TEST_F(ZanConnTrackMgrTest, ASendThatNeverReturnsHoldsUpNobodyElse) {
               tableEntry("10.0.0.2", 103));
   clients({kA, kB});
   clients({kB});
-  EXPECT_TRUE(lab::eventually([&] { return sends == 1; }));
+  EXPECT_TRUE(base::eventually([&] { return sends == 1; }));
   clients({});
   EXPECT_EQ(ports(1), Ports{103}) << "another worker's request";
   const auto deletions = Deletions::handle();
   EXPECT_EQ(deinit_ct_mgr(), 0);
   release.set_value();
-  EXPECT_TRUE(lab::eventually([&] { return deletions.expired(); }));
+  EXPECT_TRUE(base::eventually([&] { return deletions.expired(); }));
   EXPECT_EQ(ports(0), (Ports{101, 102, 103})) << "deletions go on to their end";
 }
 

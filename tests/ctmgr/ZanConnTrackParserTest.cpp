@@ -5,8 +5,8 @@
 #include <thread>
 #include <tuple>
 
+#include "base/Patience.h"
 #include "ctmgr/ZanConnTrackParser.h"
-#include "lab/Patience.h"
 #include "tests/RecordingHost.h"
 
 namespace {
@@ -155,7 +155,7 @@ TEST_F(ZanConnTrackParserTest, WhoReadsWhileAnotherWaitsKeepsTheText) {
         EXPECT_EQ(scan(question), "1: 11");
       });
     }
-    EXPECT_TRUE(lab::eventually([this] { return parser.turns.waiting() == 2; }));
+    EXPECT_TRUE(base::eventually([this] { return parser.turns.waiting() == 2; }));
   }
   for (std::thread& cleanUp : cleanUps) cleanUp.join();
   EXPECT_TRUE(isKept());
@@ -171,7 +171,7 @@ TEST_F(ZanConnTrackParserTest, EventsGoBeforeCleanUps) {
         const ReadingTurn next(parser.turns, asker);
         order += asker == Asker::kEvent ? "event " : "clean-up";
       });
-      EXPECT_TRUE(lab::eventually([&] { return parser.turns.waiting() == threads.size(); }));
+      EXPECT_TRUE(base::eventually([&] { return parser.turns.waiting() == threads.size(); }));
     }
   }
   for (std::thread& thread : threads) thread.join();

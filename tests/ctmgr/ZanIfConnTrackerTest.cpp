@@ -146,11 +146,12 @@ TEST_F(ZanIfConnTrackerTest, EndsAStartAtTheFirstRefusal) {
 
 /// The result of a command to a parent that acknowledges each piece and then |leaves| instead of
 /// giving a result.
-int commandAbandoned(RecordingHost& host, Tracker& tracker, void (*leaves)(UniqueFd& parentsEnd)) {
+int commandAbandoned(RecordingHost& host, Tracker& tracker,
+                     void (*leaves)(base::UniqueFd& parentsEnd)) {
   std::array<int, 2> ends{};
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
-  const UniqueFd own(ends[0]);
-  UniqueFd parentsEnd(ends[1]);
+  const base::UniqueFd own(ends[0]);
+  base::UniqueFd parentsEnd(ends[1]);
   const int before = std::exchange(host.zan.commandChannelFd, own.get());
   std::thread parent([&] {
     constexpr int kPieces = 5;
@@ -169,14 +170,15 @@ int commandAbandoned(RecordingHost& host, Tracker& tracker, void (*leaves)(Uniqu
 }
 
 TEST_F(ZanIfConnTrackerTest, AParentThatOnlyStopsTalkingMakesACommandSucceed) {
-  EXPECT_EQ(commandAbandoned(host, *tracker, [](UniqueFd& end) { shutdown(end.get(), SHUT_WR); }),
-            0);
+  EXPECT_EQ(
+      commandAbandoned(host, *tracker, [](base::UniqueFd& end) { shutdown(end.get(), SHUT_WR); }),
+      0);
 }
 
 TEST_F(ZanIfConnTrackerTest, AParentThatHasClosedItsSocketMakesACommandFail) {
   std::signal(SIGPIPE, SIG_IGN);  // as every host has it
   host.take();
-  EXPECT_EQ(commandAbandoned(host, *tracker, [](UniqueFd& end) { end.reset(); }), -1);
+  EXPECT_EQ(commandAbandoned(host, *tracker, [](base::UniqueFd& end) { end.reset(); }), -1);
   EXPECT_EQ(host.take(), "\n4 10409 send_and_recv_ack write failed\n");
 }
 

@@ -14,8 +14,8 @@
 #include <sstream>
 #include <thread>
 
+#include "base/Patience.h"
 #include "ctmgr/ZanConnTrackMgr.h"
-#include "lab/Patience.h"
 #include "tests/Deletions.h"
 #include "tests/RecordingHost.h"
 #include "tests/Sleepers.h"
@@ -97,7 +97,7 @@ struct World {
   /// What has been recorded, sorted, once no worker works.
   Lines taken() {
     static_cast<void>(
-        lab::eventually([] { return gConnTrackMgr == nullptr || Deletions::rest(); }));
+        base::eventually([] { return gConnTrackMgr == nullptr || Deletions::rest(); }));
     std::string text = host.take();
     std::erase(text, '\0');
     std::istringstream stream(text);
@@ -259,7 +259,7 @@ TEST(FaultTable, EveryCallFailsInTurn) {
     const long before = faults::allocations;
     failed += failAll(name, prepare, run);
     // A clean-up that sleeps when its manager goes keeps its own until it wakes.
-    EXPECT_TRUE(lab::eventually([before] {
+    EXPECT_TRUE(base::eventually([before] {
       sleepers::wake();
       return faults::allocations == before;
     })) << name;

@@ -11,8 +11,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using base::eventually;
 using lab::ConntrackInserter;
-using lab::eventually;
 
 constexpr std::size_t kPerKind = 5;
 
@@ -76,7 +76,8 @@ TEST_F(HotspotFlush, ComesBackAfterFiveAndTenSecondsAndThenForgetsTheClient) {
   hotspot.server.sendDatagram(client.ipv6, 40000, "late");
   ASSERT_TRUE(hotspot.awaitDeletions(5));
   EXPECT_GE(Hotspot::Clock::now() - departure, 5s);
-  ASSERT_TRUE(eventually([&] { return threadsOf(process) == threads; })) << "the clean-up ends";
+  ASSERT_TRUE(base::eventually([&] { return threadsOf(process) == threads; }))
+      << "the clean-up ends";
   EXPECT_GE(Hotspot::Clock::now() - departure, 10s);
 
   // Who is forgotten is looked for under no address at all.
@@ -155,7 +156,7 @@ TEST_F(HotspotFlush, LostUpstreamAddressTakesTheClientsTranslatedEntriesOnly) {
   ASSERT_EQ(staying.size(), kPerKind * 4 + 3);
 
   hotspot.host.command("upstream-lost 203.0.113.200 203.0.113.1");
-  EXPECT_TRUE(eventually([&] { return sameConnections(hotspot.table(), staying); }));
+  EXPECT_TRUE(base::eventually([&] { return sameConnections(hotspot.table(), staying); }));
 }
 
 TEST_F(HotspotFlush, TakesThousandsFromALargeTable) {
@@ -195,7 +196,7 @@ TEST_F(HotspotFlush, TakesTheEntriesOfWhoWasThereBeforeTheHost) {
   later.command("clients " + client.mac);
   hotspot.network.detachClient(0);
   later.command("clients");
-  EXPECT_TRUE(eventually([&] { return hotspot.entriesOf(0).empty(); }));
+  EXPECT_TRUE(base::eventually([&] { return hotspot.entriesOf(0).empty(); }));
 }
 
 TEST_F(HotspotFlush, KnowsItsClientsAlsoAfterAFloodOfNeighbourNotifications) {
@@ -203,7 +204,7 @@ TEST_F(HotspotFlush, KnowsItsClientsAlsoAfterAFloodOfNeighbourNotifications) {
   // The host is two processes, in a group of their own.
   const pid_t process = pluginProcess(hotspot.host);
   ::kill(-hotspot.host.pid(), SIGSTOP);
-  ASSERT_TRUE(eventually([&] { return stateOf(process) == 'T'; }));
+  ASSERT_TRUE(base::eventually([&] { return stateOf(process) == 'T'; }));
   std::string batch;
   for (int i = 0; i < 4000; ++i) {
     batch += "neigh replace 10.43.1." + std::to_string(i % 250 + 3) +
@@ -218,7 +219,7 @@ TEST_F(HotspotFlush, KnowsItsClientsAlsoAfterAFloodOfNeighbourNotifications) {
   lab::Process::runIpBatch(hotspot.network.gateway(), batch);
   hotspot.open(0, 1);
   ::kill(-hotspot.host.pid(), SIGCONT);
-  EXPECT_TRUE(eventually([&] { return hotspot.host.status().neighbourOverruns > 0; }))
+  EXPECT_TRUE(base::eventually([&] { return hotspot.host.status().neighbourOverruns > 0; }))
       << "the kernel had to drop some";
   EXPECT_TRUE(logs(hotspot.host, "Ipv6 neighbor Address " + client.ipv6));
   hotspot.reportClients({0});

@@ -11,7 +11,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using lab::eventually;
+using base::eventually;
 using testing::StartsWith;
 
 constexpr std::size_t kRules = 4;  // two directions, two families
@@ -27,7 +27,7 @@ struct Mobile {
     ASSERT_TRUE(awaitConnected(true));
     EXPECT_EQ(command("dormancy", "dormant"), "dormancy: " + link.name() + " is dormant");
     ASSERT_TRUE(awaitRules());
-    ASSERT_TRUE(eventually([&] { return link.remainingSeconds().has_value(); }));
+    ASSERT_TRUE(base::eventually([&] { return link.remainingSeconds().has_value(); }));
   }
 
   std::string command(const std::string& word, const std::string& rest = {}) {
@@ -36,13 +36,14 @@ struct Mobile {
 
   [[nodiscard]] lab::HostState::Interface state() { return host.status().interface(link.name()); }
   [[nodiscard]] bool awaitConnected(bool connected) {
-    return eventually([&] { return state().connected == connected; });
+    return base::eventually([&] { return state().connected == connected; });
   }
   [[nodiscard]] bool awaitRules() {
-    return eventually([&] { return link.rules() == kRules; });
+    return base::eventually([&] { return link.rules() == kRules; });
   }
   [[nodiscard]] bool awaitNothingLeft() {
-    return eventually([&] { return link.rules() == 0 && !link.remainingSeconds().has_value(); });
+    return base::eventually(
+        [&] { return link.rules() == 0 && !link.remainingSeconds().has_value(); });
   }
   [[nodiscard]] std::ptrdiff_t idleReports() const {
     return linesWith("ExpiryHandler - idleStatus = 1", host);
@@ -63,8 +64,8 @@ TEST_F(IdleTracking, FollowsAnInterfaceThroughItsLife) {
     EXPECT_EQ(mobile.state().filters, link.ipv4());
     EXPECT_TRUE(mobile.state().filterMode);
     link.loseIpv4();
-    EXPECT_TRUE(
-        eventually([&] { return linesWith(" has lost " + link.ipv4(), mobile.host) == life; }));
+    EXPECT_TRUE(base::eventually(
+        [&] { return linesWith(" has lost " + link.ipv4(), mobile.host) == life; }));
     EXPECT_TRUE(mobile.state().connected) << "an address is not the link";
     EXPECT_TRUE(mobile.awaitRules());
     life == 1 ? link.disconnect() : link.remove();
@@ -165,9 +166,9 @@ TEST_F(IdleTracking, ReportsIdleOnceATimerAndNotBeforeItHasRunOut) {
   Mobile mobile;
   const auto before = Hotspot::Clock::now();
   mobile.start();
-  ASSERT_TRUE(eventually([&] { return mobile.idleReports() >= 1; }));
+  ASSERT_TRUE(base::eventually([&] { return mobile.idleReports() >= 1; }));
   EXPECT_GE(Hotspot::Clock::now() - before, 5s - kTick);
-  ASSERT_TRUE(eventually([&] { return mobile.idleReports() >= 2; }));
+  ASSERT_TRUE(base::eventually([&] { return mobile.idleReports() >= 2; }));
   EXPECT_GE(Hotspot::Clock::now() - before, 5s + 10s - 2 * kTick);
 }
 
@@ -175,13 +176,13 @@ TEST_F(IdleTracking, AnIdleLinkGetsListenFiltersAndATimerThatAnyPacketSetsBack) 
   Mobile mobile;
   const lab::MobileLink& link = mobile.link;
   mobile.start();
-  ASSERT_TRUE(eventually([&] { return mobile.state().listenFilters.has_value(); }));
+  ASSERT_TRUE(base::eventually([&] { return mobile.state().listenFilters.has_value(); }));
   // A timer of 10 s shows what is left of it in whole seconds.
   const auto isFresh = [&] { return link.remainingSeconds() >= 9; };
   for (const auto send : {&lab::MobileLink::sendOut, &lab::MobileLink::sendIn}) {
     for (const int family : {AF_INET, AF_INET6}) {
-      ASSERT_TRUE(eventually([&] { return !isFresh(); }));
-      ASSERT_TRUE(eventually([&] {
+      ASSERT_TRUE(base::eventually([&] { return !isFresh(); }));
+      ASSERT_TRUE(base::eventually([&] {
         (link.*send)(family);
         return isFresh();
       }));
@@ -216,10 +217,10 @@ TEST_F(IdleTracking, LivesOnWhenItsParentIsKilledInTheMiddleOfAnExchange) {
   const pid_t parent = mobile.host.pid();
   const pid_t child = pluginProcess(mobile.host);
   ::kill(parent, SIGSTOP);
-  ASSERT_TRUE(eventually([&] { return stateOf(parent) == 'T'; }));
+  ASSERT_TRUE(base::eventually([&] { return stateOf(parent) == 'T'; }));
   mobile.command("dormancy", "dormant");
   ASSERT_TRUE(logs(mobile.host, "runIpTableAddCommands"));
-  ASSERT_TRUE(eventually([&] { return stateOf(child) == 'S'; })) << "it waits for an answer";
+  ASSERT_TRUE(base::eventually([&] { return stateOf(child) == 'S'; })) << "it waits for an answer";
   ::kill(parent, SIGKILL);
   EXPECT_TRUE(logs(mobile.host, "send_and_recv_ack read failed"));
   EXPECT_THAT(mobile.host.status().capabilities, testing::ElementsAre("CAP_NET_ADMIN"));

@@ -35,7 +35,7 @@ bool holds(const lab::HostProcess::LogLine& line, const std::string& text) {
 
 }  // namespace
 
-const std::string kHostProgram = lab::builtFile("refhost/zanhost");
+const std::string kHostProgram = lab::builtFile("refhost/zanhost/zanhost");
 const std::string kPluginPath = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
 
 int main(int argc, char** argv) {
@@ -133,7 +133,7 @@ Hotspot::Entries Hotspot::entriesOf(std::size_t i) const {
 }
 
 bool Hotspot::awaitDeletions(std::size_t count) {
-  return lab::eventually([&] { return host.status().deletions.deleted == count; });
+  return base::eventually([&] { return host.status().deletions.deleted == count; });
 }
 
 std::vector<std::size_t> Hotspot::foundByEachScan() const {

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "base/Patience.h"
 #include "lab/ClientConnections.h"
 #include "lab/ConntrackTable.h"
 #include "lab/EchoServer.h"
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
-#include "lab/Patience.h"
 
 /// Skips the test, with the reason, where the kernel does not let it run; fails it instead when
 /// CI=true is in the environment.

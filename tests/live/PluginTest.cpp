@@ -9,9 +9,9 @@
 
 #include "lab/ConntrackInserter.h"
 #include "lab/Process.h"
-#include "refhost/HostSides.h"
-#include "refhost/NetlinkCounters.h"
-#include "refhost/Plugin.h"
+#include "refhost/framework/HostSides.h"
+#include "refhost/framework/NetlinkCounters.h"
+#include "refhost/zanhost/Plugin.h"
 #include "tests/live/LiveTest.h"
 
 namespace {
@@ -20,7 +20,7 @@ class PluginLibrary : public LiveTest {};
 
 /// Waits until this thread is the only one left.
 bool workersEnd() {
-  return lab::eventually([] { return threadsOf(getpid()) == 1; });
+  return base::eventually([] { return threadsOf(getpid()) == 1; });
 }
 
 bool isMapped(const std::string& library) {
@@ -49,7 +49,7 @@ struct Footprint {
 TEST_F(PluginLibrary, StaysMappedForWorkersThatStillSleep) {
   Zan host;
   {
-    Plugin plugin(kPluginPath);
+    zanhost::Plugin plugin(kPluginPath);
     ASSERT_EQ(plugin.start(host), 0);
     for (const ZanDsmTextList& clients : {ZanDsmTextList{"02:00:00:00:00:01"}, ZanDsmTextList{}}) {
       host.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &clients);
@@ -73,19 +73,19 @@ TEST_F(PluginLibrary, GoesOnDeletingAfterItHasBeenUnloaded) {
   lab::ConntrackInserter(gateway).insert(entries);
   Zan host;
   {
-    Plugin plugin(kPluginPath);
+    zanhost::Plugin plugin(kPluginPath);
     ASSERT_EQ(plugin.start(host), 0);
     lab::Process::runIpBatch(gateway,
                              "link add ap1 type veth peer name ap2\nlink set ap1 up\n"
                              "neigh replace " +
                                  address + " lladdr " + mac + " dev ap1 nud permanent\n");
-    while (notificationCounters().delivered == 0) host.zanCom.hostSide().loop.turn(-1);
+    while (framework::notificationCounters().delivered == 0) host.zanCom.hostSide().loop.turn(-1);
     for (const ZanDsmTextList& clients : {ZanDsmTextList{mac}, ZanDsmTextList{}}) {
       host.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &clients);
     }
     ASSERT_EQ(plugin.stop(), 0);
   }
-  EXPECT_TRUE(lab::eventually([] { return deletionCounters().deleted == kEntries; }));
+  EXPECT_TRUE(base::eventually([] { return framework::deletionCounters().deleted == kEntries; }));
   EXPECT_TRUE(workersEnd());
 }
 
@@ -104,7 +104,7 @@ TEST_F(PluginLibrary, LoadsAndUnloadsAThousandTimesWithoutGrowing) {
   setrlimit(RLIMIT_NOFILE, &limit);
   Zan host;
   const auto round = [&] {
-    Plugin plugin(kPluginPath);
+    zanhost::Plugin plugin(kPluginPath);
     ASSERT_TRUE(plugin.loaded()) << plugin.error();
     ASSERT_EQ(plugin.start(host), 0);
     EXPECT_EQ(plugin.start(host), -1) << "there is a manager already";

@@ -12,8 +12,8 @@
 #include <ctime>
 #include <set>
 
+#include "base/Patience.h"
 #include "ctmgr/ZanConnTrackMgr.h"
-#include "lab/Patience.h"
 #include "tests/Deletions.h"
 #include "tests/RecordingHost.h"
 
@@ -92,7 +92,7 @@ class Round {
       sendEvents(client);
     }
     const auto complete = [this] { return host_.sent.load(kRelaxed) >= kRequests; };
-    EXPECT_TRUE(!whole_ || lab::eventually(complete));
+    EXPECT_TRUE(!whole_ || base::eventually(complete));
     EXPECT_EQ(stopAndAwaitDeletions(), 0) << "who waits for held sleepers does not return";
     ASSERT_LE(host_.sent.load(kRelaxed), host_.requests.size());
     host_.requests.resize(host_.sent.load(kRelaxed));

@@ -1,0 +1,42 @@
+// zandemo: two acts that show the system at work. See demo::Demo and IdleDemo.
+
+#include <string>
+
+#include "base/CommandLine.h"
+#include "demo/Demo.h"
+#include "demo/DemoReport.h"
+#include "demo/IdleDemo.h"
+#include "demo/Program.h"
+#include "lab/HostProcess.h"
+
+int main(int argc, char** argv) {
+  lab::HostProcess::Options host;
+  int timers = 1;
+  bool kernelText = false;
+  const auto status =
+      base::CommandLine(
+          "Shows the two jobs of a plug-in, run by a host program, on the kernel of this machine,\n"
+          "and checks each in the kernel's own state:\n"
+          "  1. a hotspot of network namespaces; a client leaves and an upstream address gets "
+          "lost;\n"
+          "     what is left of their connections is deleted\n"
+          "  2. a mobile link falls asleep; the kernel's idle timer runs out and is set back\n"
+          "Takes about half a minute. Needs root or unprivileged user namespaces, and the "
+          "programs\n"
+          "ip, iptables and ip6tables. Nothing outside the namespaces is touched.",
+          "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
+          "arguments, 130 interrupted.")
+          .required("--host", host.program, "the host program")
+          .required("--plugin", host.plugin, "the plug-in for it")
+          .number("--timers", timers, 1, demo::IdleDemo::kTimers,
+                  "how many idle timers run out; all take three minutes more")
+          .flag("--kernel-text", kernelText, "also print the kernel's own lines")
+          .parse(argc, argv);
+  if (status) return *status;
+  return demo::runProgram("zandemo", [&] {
+    demo::DemoReport report(kernelText);
+    demo::Demo(host, report).run();
+    demo::IdleDemo(host, report, timers).run();
+    report.say("\nAll " + std::to_string(report.checks()) + " claims held.");
+  });
+}

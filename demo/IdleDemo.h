@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Patience.h"
+#include "demo/DemoReport.h"
+#include "lab/HostProcess.h"
+#include "lab/HotspotNetwork.h"
+#include "lab/MobileLink.h"
+
+namespace demo {
+
+/// The system's second job, for somebody who has never seen it: a mobile link falls asleep, the
+/// kernel's idle timer runs out, traffic sets it back, tethering ends it all. What it says of rules
+/// and timer was read from the kernel, what it says of filters from the host's modem.
+class IdleDemo {
+ public:
+  static constexpr int kTimers = 5;
+
+  /// Lets the first |timers| of the timers run out: 1, in 5 seconds, to kTimers, which takes almost
+  /// three minutes.
+  IdleDemo(lab::HostProcess::Options host, DemoReport& report, int timers)
+      : hostOptions_(std::move(host)), report_(report), timers_(timers) {}
+  ~IdleDemo();  ///< see Demo::endHost()
+  IdleDemo(const IdleDemo&) = delete;
+  IdleDemo& operator=(const IdleDemo&) = delete;
+
+  /// Plays the act, about 15 seconds with one timer. Throws as Demo::run() does.
+  void run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Condition = std::function<bool(const LinkMoment&)>;
+
+  void introduce() const;
+  void raise();
+  void fallAsleep();
+  void idle();
+  void speak();
+  void quieten();
+  void tether();
+  void summarise();
+  void stopHost();
+
+  /// Looks at the link until |condition| holds for what it sees, at most for |limit|; says now and
+  /// then that it still waits. True when it came to hold.
+  bool await(const Condition& condition, Clock::duration limit = base::kPatience);
+  LinkMoment look();
+
+  /// Waits for the timer of |timer| seconds to run out on the quiet link, and checks that it took
+  /// no less. A longer one has to follow, unless it was the last.
+  void expire(int timer);
+  void checkRules(std::size_t expected);
+
+  lab::HostProcess::Options hostOptions_;
+  DemoReport& report_;
+  int timers_;
+
+  // Torn down in reverse: the host first, the namespaces last.
+  std::unique_ptr<lab::HotspotNetwork> network_;
+  std::unique_ptr<lab::MobileLink> link_;
+  std::unique_ptr<lab::HostProcess> host_;
+
+  std::vector<LinkMoment> moments_;
+  Clock::time_point lastFrame_;
+  /// The last look before the timer was seen to begin anew.
+  Clock::time_point timerStart_;
+};
+
+}  // namespace demo

@@ -1,0 +1,25 @@
+// What stands behind the host objects' interfaces, for the reference host's own use.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/ZanCom.h"
+#include "host/ZanDsm.h"
+#include "host/ZanRix.h"
+#include "refhost/framework/EventLoop.h"
+#include "refhost/framework/Modem.h"
+
+struct ZanCom::HostSide {
+  framework::EventLoop loop;
+};
+
+struct ZanRix::HostSide {
+  framework::Modem modem;
+};
+
+struct ZanDsm::HostSide {
+  std::map<std::string, _ZanDsmWwanInfoType> wwanInfo;
+  std::vector<std::string> sapClients;  ///< the list that event 27 carried last
+};

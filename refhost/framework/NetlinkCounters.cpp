@@ -1,0 +1,35 @@
+#include "refhost/framework/NetlinkCounters.h"
+
+#include <thread>
+
+namespace framework {
+
+DeletionCounters& deletionCounters() {
+  static DeletionCounters counters;
+  return counters;
+}
+
+NotificationCounters& notificationCounters() {
+  static NotificationCounters counters;
+  return counters;
+}
+
+bool awaitDeletions(std::chrono::milliseconds limit) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kStep{2};
+  constexpr std::chrono::milliseconds kMoment{50};  // a worker takes much less from one to the next
+  const DeletionCounters& counters = deletionCounters();
+  const auto end = Clock::now() + limit;
+  auto quietSince = Clock::now();
+  std::uint64_t last = counters.requested;
+  while (Clock::now() - quietSince < kMoment) {
+    if (Clock::now() >= end) return false;
+    std::this_thread::sleep_for(kStep);
+    const std::uint64_t answered = counters.deleted + counters.alreadyGone + counters.refused;
+    if (counters.requested != answered || counters.requested != last) quietSince = Clock::now();
+    last = counters.requested;
+  }
+  return true;
+}
+
+}  // namespace framework

@@ -1,0 +1,22 @@
+// Splits the host into a process that keeps the privilege and one that runs the plug-in.
+#pragma once
+
+#include <functional>
+
+#include "refhost/zanhost/LogSink.h"
+
+namespace parent {
+
+/// Forks. The parent, which is the process that was started, serves the command channel
+/// (host/ZanCommands.h), hands SIGINT and SIGTERM on to the child and ends when the child has
+/// ended, with its exit code (128 + signal when one killed it). The child drops its privileges
+/// (refhost/parent/Privileges.h), runs |host| with its end of the channel and ends with what |host|
+/// returns; it outlives a parent that is killed, and sees the channel hang up then.
+///
+/// Idle-timer rules that the channel asked for are gone once both have ended, in whatever way.
+///
+/// Returns the exit code, in both processes. Call it before there are threads.
+int runUnderPrivilegedParent(zanhost::LogSink::Format format, int logLevel,
+                             const std::function<int(int channel)>& host);
+
+}  // namespace parent

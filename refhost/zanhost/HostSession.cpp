@@ -1,0 +1,95 @@
+#include "refhost/zanhost/HostSession.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "refhost/framework/HostSides.h"
+#include "refhost/zanhost/HostStatus.h"
+
+namespace zanhost {
+
+void HostSession::execute(const Command& command) {
+  std::visit([this](const auto& specific) { carryOut(specific); }, command);
+}
+
+void HostSession::carryOut(const ClientsCommand& command) {
+  auto& known = zan_.zanDsm.hostSide().sapClients;
+  const auto departed = std::count_if(known.begin(), known.end(), [&](const std::string& client) {
+    return std::find(command.clients.begin(), command.clients.end(), client) ==
+           command.clients.end();
+  });
+  known = command.clients;
+  answer(fmt::format("clients: {} now, {} departed", known.size(), departed));
+  const ZanDsmTextList payload = known;
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
+}
+
+void HostSession::carryOut(const UpstreamLostCommand& command) {
+  answer(fmt::format("upstream-lost: {} reported", fmt::join(command.addresses, ", ")));
+  const ZanDsmTextList payload = command.addresses;
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_UPSTREAM_IP_LOST, &payload);
+}
+
+void HostSession::carryOut(const StatusCommand& command) {
+  const HostStatus status = readHostStatus(zan_);
+  answer(command.json ? status.json() : status.text());
+}
+
+void HostSession::carryOut(const WaitCommand& command) {
+  answer(fmt::format("wait: {} ms", command.time.count()));
+}
+
+void HostSession::carryOut(const HelpCommand& /*command*/) {
+  std::string help = commandHelp();
+  help.pop_back();
+  answer(help);
+}
+
+void HostSession::carryOut(const QuitCommand& /*command*/) {
+  answer("quit");
+  zan_.zanCom.hostSide().loop.stop();
+}
+
+void HostSession::carryOut(const WwanCommand& command) {
+  answer(fmt::format("wwan: {} is {}", command.ifaceName,
+                     command.connected ? "connected" : "disconnected"));
+  wwan_.setConnected(command.ifaceName, command.connected);
+}
+
+void HostSession::carryOut(const ApnsCommand& command) {
+  wwan_.setApns(command.ifaceName, command.apns);
+  answer(fmt::format("apns: {} on {}", command.apns.size(), command.ifaceName));
+}
+
+void HostSession::carryOut(const TetheringCommand& command) {
+  answer(fmt::format("tethering: {}", command.on ? "on" : "off"));
+  zan_.zanDsm.tetheringIndicator = command.on ? 1 : 0;
+  const std::int32_t payload = command.on ? kTetheringOn : kTetheringOff;
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &payload);
+}
+
+void HostSession::carryOut(const DormancyCommand& command) {
+  const std::string lack = command.dormant ? wwan_.lacks(command.ifaceName) : std::string();
+  answer(fmt::format(
+      "dormancy: {} is {}{}", command.ifaceName, command.dormant ? "dormant" : "active",
+      lack.empty() ? ""
+                   : "; no filters, no timer: " + lack + "; say it again once it is connected"));
+  zan_.zanRix.hostSide().modem.setDormancy(command.ifaceName,
+                                           command.dormant ? kLinkDormant : kLinkActive);
+}
+
+void HostSession::carryOut(const FilteringEndedCommand& command) {
+  answer(fmt::format("filtering-ended: {}", command.ifaceName));
+  zan_.zanRix.hostSide().modem.endFiltering(command.ifaceName);
+}
+
+void HostSession::carryOut(const ModemAnswerCommand& command) {
+  framework::Modem::Interface& interface =
+      zan_.zanRix.hostSide().modem.interface(command.ifaceName);
+  (command.listenFilters ? interface.listenAnswer : interface.installAnswer) = command.answer;
+  answer(fmt::format("modem-answer: {} {} {}", command.ifaceName,
+                     command.listenFilters ? "listen" : "install", command.answer));
+}
+
+}  // namespace zanhost

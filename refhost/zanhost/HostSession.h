@@ -1,0 +1,56 @@
+// One run of the reference host: the host object and the commands that act on it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/Zan.h"
+#include "refhost/framework/HostSides.h"
+#include "refhost/zanhost/AnswerQueue.h"
+#include "refhost/zanhost/Command.h"
+#include "refhost/zanhost/WwanMonitor.h"
+
+namespace zanhost {
+
+/// Thread: event thread.
+class HostSession {
+ public:
+  /// Answers of commands go to the descriptor |answers|, one line each (help and plain status:
+  /// several), as AnswerQueue writes them. |channel| is the command channel to the privileged
+  /// parent process, or -1.
+  HostSession(int answers, int channel)
+      : answers_(zan_.zanCom.hostSide().loop, answers), wwan_(zan_) {
+    zan_.commandChannelFd = channel;
+  }
+
+  /// The object that the plug-in is started with.
+  [[nodiscard]] Zan& host() { return zan_; }
+
+  /// Follows real mobile-data interfaces. False, with a log line, when the kernel does not tell.
+  [[nodiscard]] bool follow(const std::vector<std::string>& wwanNames) {
+    return wwan_.follow(wwanNames);
+  }
+
+  void execute(const Command& command);
+
+ private:
+  void carryOut(const ClientsCommand& command);
+  void carryOut(const UpstreamLostCommand& command);
+  void carryOut(const StatusCommand& command);
+  void carryOut(const WaitCommand& command);
+  void carryOut(const HelpCommand& command);
+  void carryOut(const QuitCommand& command);
+  void carryOut(const WwanCommand& command);
+  void carryOut(const ApnsCommand& command);
+  void carryOut(const TetheringCommand& command);
+  void carryOut(const DormancyCommand& command);
+  void carryOut(const FilteringEndedCommand& command);
+  void carryOut(const ModemAnswerCommand& command);
+  void answer(const std::string& text) { answers_.add(text + "\n"); }
+
+  Zan zan_;
+  AnswerQueue answers_;
+  WwanMonitor wwan_;
+};
+
+}  // namespace zanhost

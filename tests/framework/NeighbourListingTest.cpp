@@ -1,0 +1,115 @@
+#include <gmock/gmock.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <vector>
+
+#include "base/UniqueFd.h"
+#include "host/ZanNetlinkSocket.h"
+#include "lab/NetlinkWriter.h"
+#include "refhost/framework/NeighbourListing.h"
+#include "refhost/framework/NetlinkMessages.h"
+
+namespace framework {
+namespace {
+
+using testing::ElementsAre;
+
+/// A listing that is under way; its neighbours are known by their interface numbers. The test
+/// stands in for the kernel.
+class NeighbourListingTest : public testing::Test {
+ protected:
+  NeighbourListingTest() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    socket.reset(ends[0]);
+    kernel.reset(ends[1]);
+    EXPECT_TRUE(listing.ask(socket.get()));
+  }
+
+  void list(int neighbour, int state, std::optional<std::uint32_t> updatedAgo) {
+    take(neighbour, state, kAnswer, updatedAgo);
+  }
+  void announce(int neighbour) { take(neighbour, NUD_STALE, 0, std::nullopt); }
+
+  void finish(std::uint16_t type) {
+    lab::NetlinkWriter end;
+    const std::size_t start = end.beginMessage(type, NLM_F_MULTI, kAnswer);
+    end.append(nlmsgerr{});
+    end.endMessage(start);
+    listing.take(header(end.bytes()));
+  }
+
+  /// Who is handed on, in order.
+  std::vector<int> result() {
+    std::vector<int> neighbours;
+    for (const auto& message : listing.result()) {
+      neighbours.push_back(netlinkPayload<ndmsg>(&header(message))->ndm_ifindex);
+      const auto length = static_cast<std::ptrdiff_t>(header(message).nlmsg_len);
+      EXPECT_EQ(std::count(message.begin() + length, message.end(), 0),
+                static_cast<std::ptrdiff_t>(kNetlinkReceiveSlack));
+    }
+    return neighbours;
+  }
+
+  base::UniqueFd socket;
+  base::UniqueFd kernel;
+  NeighbourListing listing;
+
+ private:
+  static constexpr std::uint32_t kAnswer = 1;
+
+  static const nlmsghdr& header(const std::vector<unsigned char>& bytes) {
+    return *static_cast<const nlmsghdr*>(static_cast<const void*>(bytes.data()));
+  }
+
+  void take(int neighbour, int state, std::uint32_t sequence,
+            std::optional<std::uint32_t> updatedAgo) {
+    lab::NetlinkWriter message;
+    const std::size_t start = message.beginMessage(RTM_NEWNEIGH, 0, sequence);
+    ndmsg body{};
+    body.ndm_ifindex = neighbour;
+    body.ndm_state = static_cast<std::uint16_t>(state);
+    message.append(body);
+    nda_cacheinfo times{};
+    times.ndm_updated = updatedAgo.value_or(0);
+    if (updatedAgo) message.put(NDA_CACHEINFO, &times, sizeof(times));
+    message.endMessage(start);
+    listing.take(header(message.bytes()));
+  }
+};
+
+TEST_F(NeighbourListingTest, HandsOnTheFreshestLastAndThenWhatHasChangedMeanwhile) {
+  list(1, NUD_REACHABLE, 20);
+  announce(2);
+  list(3, NUD_STALE, 3000000000);
+  list(4, NUD_PERMANENT, 0);
+  list(5, NUD_DELAY, 20);
+  announce(1);
+  EXPECT_TRUE(listing.underWay());
+  finish(NLMSG_DONE);
+  EXPECT_FALSE(listing.underWay());
+  EXPECT_THAT(result(), ElementsAre(3, 1, 5, 4, 2, 1));
+  EXPECT_THAT(result(), ElementsAre());
+}
+
+TEST_F(NeighbourListingTest, LeavesOutWhoWouldNotBeAnnounced) {
+  for (const int state : {NUD_NONE, NUD_INCOMPLETE, NUD_FAILED, NUD_NOARP}) list(1, state, 1);
+  list(2, NUD_PROBE, 1);
+  finish(NLMSG_DONE);
+  EXPECT_THAT(result(), ElementsAre(2));
+}
+
+TEST_F(NeighbourListingTest, HandsOnTheChangesAlsoWhenTheKernelRefuses) {
+  announce(1);
+  finish(NLMSG_ERROR);
+  EXPECT_FALSE(listing.underWay());
+  EXPECT_THAT(result(), ElementsAre(1));
+}
+
+}  // namespace
+}  // namespace framework
