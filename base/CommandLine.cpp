@@ -63,6 +63,11 @@ CommandLine& CommandLine::flag(const std::string& name, bool& value, const std::
   return *this;
 }
 
+CommandLine& CommandLine::version(const std::string& text) {
+  side_->app.set_version_flag("--version", text);
+  return *this;
+}
+
 CommandLine& CommandLine::hidden() {
   side_->last->group("");
   return *this;

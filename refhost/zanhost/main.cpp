@@ -40,6 +40,8 @@ namespace {
 constexpr int kExitUsage = base::CommandLine::kWrongArguments;
 constexpr int kExitUnavailable = 1;
 
+constexpr char kNameAndVersion[] = "zanhost " ZAN_VERSION;
+
 struct Options {
   std::string plugin;
   std::vector<std::string> properties;
@@ -70,6 +72,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .choice("--log-format", options.logFormat, {"text", "json"},
               "what standard error gets: lines of text, the default, or of JSON")
       .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
+      .version(kNameAndVersion)
       .parse(argc, argv);
 }
 
@@ -196,6 +199,7 @@ int runHost(const Options& options, const std::vector<std::string>& script,
   }
   // Deletion workers log until the process has ended.
   static LogSink& log = *new LogSink(STDERR_FILENO, logFormatOf(options), options.logLevel);
+  HOST_LOG(kLogNotice, "%s", kNameAndVersion);
   if (warning) HOST_LOG(kLogWarning, "%s", warning->c_str());
   const int code = runSession(options, script, channel, plugin, signals);
   awaitLastDeletions();

@@ -9,7 +9,9 @@
 
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::Not;
 
 class HostProgram : public LiveTest {
@@ -61,6 +63,16 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
     EXPECT_THAT(result.errors + result.output, HasSubstr(test.said));
     EXPECT_THAT(result.errors, Not(HasSubstr("ready")));
   }
+}
+
+TEST_F(HostProgram, SaysItsVersionWhenAskedAndAtTheHeadOfItsLog) {
+  const auto asked = run({kHostProgram, "--version"});
+  EXPECT_TRUE(asked.status.success());
+  EXPECT_THAT(asked.output, MatchesRegex("zanhost [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+
+  const auto result = run({kHostProgram, "--plugin", kPluginPath}, "quit\n");
+  const std::string firstLine = result.errors.substr(0, result.errors.find('\n') + 1);
+  EXPECT_THAT(firstLine, EndsWith(" HOST " + asked.output));
 }
 
 TEST_F(HostProgram, WarnsAtTheStartWhenIdleTimersCannotBeHad) {
