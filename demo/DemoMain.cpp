@@ -7,10 +7,13 @@
 #include "demo/DemoReport.h"
 #include "demo/IdleDemo.h"
 #include "demo/Program.h"
+#include "lab/BuiltFile.h"
 #include "lab/HostProcess.h"
 
 int main(int argc, char** argv) {
   lab::HostProcess::Options host;
+  host.program = lab::builtFile("refhost/zanhost/zanhost");
+  host.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
   int timers = 1;
   bool kernelText = false;
   const auto status =
@@ -26,8 +29,8 @@ int main(int argc, char** argv) {
           "ip, iptables and ip6tables. Nothing outside the namespaces is touched.",
           "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
           "arguments, 130 interrupted.")
-          .required("--host", host.program, "the host program")
-          .required("--plugin", host.plugin, "the plug-in for it")
+          .text("--host", host.program, "the host program, unless it is that of this build")
+          .text("--plugin", host.plugin, "the same for the plug-in")
           .number("--timers", timers, 1, demo::IdleDemo::kTimers,
                   "how many idle timers run out; all take three minutes more")
           .flag("--kernel-text", kernelText, "also print the kernel's own lines")

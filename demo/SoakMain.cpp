@@ -10,10 +10,13 @@
 #include "demo/DemoReport.h"
 #include "demo/Program.h"
 #include "demo/Soak.h"
+#include "lab/BuiltFile.h"
 
 int main(int argc, char** argv) {
   constexpr int kMostMinutes = 1440;
   demo::Soak soak;
+  soak.host.program = lab::builtFile("refhost/zanhost/zanhost");
+  soak.host.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
   int minutes = 2;
   soak.seed = std::random_device()();
   const auto status =
@@ -23,8 +26,8 @@ int main(int argc, char** argv) {
           "counters and log, its memory, descriptors and threads. Needs what zandemo needs.",
           "Exit status: 0 every claim held, 1 one did not (it says what), 2 wrong arguments,\n"
           "130 interrupted.")
-          .required("--host", soak.host.program, "the host program")
-          .required("--plugin", soak.host.plugin, "the plug-in for it")
+          .text("--host", soak.host.program, "the host program, unless it is that of this build")
+          .text("--plugin", soak.host.plugin, "the same for the plug-in")
           .number("--seed", soak.seed, "the order of an earlier run, which has printed it")
           .number("MINUTES", minutes, 1, kMostMinutes, "how long")
           .parse(argc, argv);
