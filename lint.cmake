@@ -13,8 +13,8 @@ add_custom_target(style
   COMMAND shellcheck dev .ci/run arm/boot arm/init arm/initramfs arm/sysroot tests/linkage/check-linkage
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 
-# A stamp for each file that clang-tidy has nothing against. It sees clang's own warnings too, as
-# errors, so that with the preset "clang" nothing needs to be compiled for them.
+# A stamp for each file that clang-tidy has nothing against. With the preset "clang" it reports
+# clang's own warnings too, as errors, so that nothing is compiled for them.
 foreach(unit IN LISTS units)
   set(stamp ${PROJECT_BINARY_DIR}/tidy/${unit})
   add_custom_command(OUTPUT ${stamp}
