@@ -1,11 +1,12 @@
+// The entries of a table, and how it is filled.
 #include "bench/BenchTable.h"
 
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <sched.h>
 
-#include <algorithm>
 #include <fstream>
+#include <utility>
 
 #include "lab/Error.h"
 
@@ -62,18 +63,34 @@ Client BenchTable::client(std::size_t number) {
           fmt::format("2001:0db8:0043:0000:0000:0000:0000:{:04x}", host)};
 }
 
-std::vector<lab::ConntrackInserter::Entry> BenchTable::entriesOf(std::size_t number) const {
+bool BenchTable::isIpv6(std::size_t index) const {
+  return shape_.families == Families::kQuarterIpv6 && index % 8 >= 6;
+}
+
+std::size_t BenchTable::entriesOf(std::size_t number) const {
+  return number < shape_.clients ? shape_.entries / shape_.clients : 0;
+}
+
+std::size_t BenchTable::ipv4EntriesOf(std::size_t number) const {
+  std::size_t ipv4 = 0;
+  for (std::size_t i = 0; i < entriesOf(number); ++i) {
+    if (!isIpv6(i)) ++ipv4;
+  }
+  return ipv4;
+}
+
+void BenchTable::refill(std::size_t number) {
   const Client owner = client(number);
   std::vector<lab::ConntrackInserter::Entry> entries;
-  for (std::size_t i = 0; i < shape_.entries / shape_.clients; ++i) {
+  for (std::size_t i = 0; i < entriesOf(number); ++i) {
     const auto port = static_cast<std::uint16_t>(kFirstPort + i % kPorts);
     const std::size_t server = 1 + i / kPorts;
     lab::ConntrackInserter::Entry entry;
     entry.protocol = i % 2 == 0 ? IPPROTO_TCP : IPPROTO_UDP;
     entry.timeoutSeconds = kTimeoutSeconds;
-    if (shape_.ipv6 && i % 8 >= 6) {
-      entry.original = {owner.ipv6, fmt::format("2001:db8:5e::{:x}:{:x}", number, server), port,
-                        443};
+    if (isIpv6(i)) {
+      const std::string address = fmt::format("2001:db8:5e::{:x}:{:x}", number, server);
+      entry.original = {owner.ipv6, address, port, 443};
     } else {
       const std::string address = fmt::format("198.18.{}.{}", number, server);
       entry.original = {owner.ipv4, address, port, 443};
@@ -81,17 +98,7 @@ std::vector<lab::ConntrackInserter::Entry> BenchTable::entriesOf(std::size_t num
     }
     entries.push_back(std::move(entry));
   }
-  return entries;
-}
-
-std::size_t BenchTable::ipv4EntriesOf(std::size_t number) const {
-  const auto entries = entriesOf(number);
-  const auto isIpv4 = [](const auto& entry) { return entry.reply.has_value(); };
-  return static_cast<std::size_t>(std::count_if(entries.begin(), entries.end(), isIpv4));
-}
-
-void BenchTable::refill(std::size_t number) {
-  inserter_.insert(entriesOf(number));
+  inserter_.insert(entries);
 }
 
 }  // namespace bench

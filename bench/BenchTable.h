@@ -18,11 +18,13 @@ struct Client {
   std::string expandedIpv6;  ///< as the parser compares it
 };
 
+enum class Families { kIpv4, kQuarterIpv6 };
+
 /// What a table is made of: every client owns as many entries as every other.
 struct TableShape {
   std::size_t entries;
   std::size_t clients;  ///< 250 at most
-  bool ipv6 = true;     ///< a quarter of the entries are IPv6
+  Families families = Families::kQuarterIpv6;
 };
 
 /// Half of the entries are TCP, half UDP; those of IPv4 are translated to one upstream address.
@@ -46,22 +48,20 @@ class BenchTable {
   /// Client |number|, from 0.
   [[nodiscard]] static Client client(std::size_t number);
 
-  /// The entries of client |number|.
-  [[nodiscard]] std::vector<lab::ConntrackInserter::Entry> entriesOf(std::size_t number) const;
-
-  /// How many of them are IPv4.
+  /// How many entries client |number| has in the table, and how many of them are IPv4.
+  [[nodiscard]] std::size_t entriesOf(std::size_t number) const;
   [[nodiscard]] std::size_t ipv4EntriesOf(std::size_t number) const;
 
-  /// Puts back the entries of client |number|, which somebody has deleted.
+  /// Puts back the entries of client |number|, which somebody has deleted. Throws lab::Error.
   void refill(std::size_t number);
 
-  /// Fills the table anew with |entries| of the same clients.
+  /// Fills the table anew with |entries| of the same clients. Throws lab::Error.
   void resize(std::size_t entries);
 
-  [[nodiscard]] const TableShape& shape() const { return shape_; }
   [[nodiscard]] const lab::NetNamespace& where() const { return where_; }
 
  private:
+  [[nodiscard]] bool isIpv6(std::size_t index) const;
   void fill();
 
   TableShape shape_;

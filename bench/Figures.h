@@ -1,4 +1,4 @@
-// What is measured: one function a subject, each in the file that is called like it.
+// What is measured: one function a subject.
 #pragma once
 
 #include <cstddef>
@@ -13,43 +13,30 @@ class Report;
 
 struct Options {
   std::string plugin;                   ///< path of the plug-in as it ships
-  Effort effort{};                      ///< for each measurement
+  Effort effort{};                      ///< for each figure
   std::vector<std::size_t> tableSizes;  ///< entries, ascending
 };
 
-/// A scan through the parser's public interface against read(2) to the end of the same descriptor,
-/// and how it grows with the table (ScanFigures.cpp).
-void measureScans(const Options& options, Report& report);
-
-/// How many times as fast a scan is as one whose stream reads 1024 bytes at a time, on this kernel
-/// (ReadFigures.cpp).
+/// A scan against one with small reads, which older kernels answer slowly (ScanFigures.cpp).
 void measureReads(const Options& options, Report& report);
 
-/// Lines away from the kernel; ends with measureInstructions() (LineFigures.cpp).
-void measureLines(const Options& options, Report& report);
+/// A scan against reading the same descriptor to its end, and how it grows (ScanFigures.cpp).
+void measureScans(const Options& options, Report& report);
 
-/// Instructions that a line takes, counted by callgrind, against their limits: what carries over
-/// from one processor to another. Runs of one build differ by a hundredth at most, however busy it
-/// is.
-void measureInstructions(Report& report);
-
-/// Has the parser read |count| lines of a kind: the run whose instructions are counted.
-void readLines(int count, const std::string& kind);
-[[nodiscard]] std::vector<std::string> lineKinds();
-
-/// Deletions a second by the worker (DeletionFigures.cpp).
-void measureDeletions(const Options& options, Report& report);
-
-/// Event 27 to the last acknowledgement (FlushFigures.cpp).
+/// From a client's departure to its last deleted entry, against conntrack(8) (FlushFigures.cpp).
 void measureFlushes(const Options& options, Report& report);
 
-/// Many clients that leave in one event (DepartureFigures.cpp).
+/// Many clients that leave in one event (FlushFigures.cpp).
 void measureDepartures(const Options& options, Report& report);
 
-/// Neighbour notifications a second (NeighbourFigures.cpp).
-void measureNeighbours(const Options& options, Report& report);
+/// Deletions a second, against prebuilt requests (DeletionFigures.cpp).
+void measureDeletions(const Options& options, Report& report);
 
-/// Memory, and loading and unloading (FootprintFigures.cpp).
-void measureFootprint(const Options& options, Report& report);
+/// Instructions that a line takes, which carry over from one processor to another: runs of one
+/// build differ by a hundredth at most, however busy the machine is (InstructionFigures.cpp).
+void measureInstructions(const Options& options, Report& report);
+
+/// The run whose instructions are counted: has the parser read |count| lines of a kind.
+void readLines(int count, const std::string& kindName);
 
 }  // namespace bench

@@ -1,17 +1,16 @@
-// Taking turns: a subject and its peer, measured side by side.
+// How a figure comes about: a subject and its peer take turns.
 #pragma once
 
 #include <chrono>
 #include <functional>
-#include <vector>
 
 namespace bench {
 
-/// What several rounds gave: half of them lie between the quartiles.
+/// Half of the rounds lie between the quartiles.
 struct Spread {
-  double median = 0;
-  double low = 0;   ///< first quartile
-  double high = 0;  ///< third quartile
+  double median;
+  double low;   ///< first quartile
+  double high;  ///< third quartile
 };
 
 /// How long to measure.
@@ -19,9 +18,6 @@ struct Effort {
   int rounds;      ///< at least
   double seconds;  ///< more rounds, until this long has passed
 };
-
-/// |values| is not empty.
-[[nodiscard]] Spread spreadOf(std::vector<double> values);
 
 /// One measurement; returns its result, whatever the unit.
 using Measurement = std::function<double()>;
@@ -36,9 +32,6 @@ struct Comparison {
 /// begins changes, so that neither always finds the caches the other left.
 [[nodiscard]] Comparison compare(const Effort& effort, const Measurement& subject,
                                  const Measurement& peer);
-
-/// |subject| alone, after one that does not count.
-[[nodiscard]] Spread repeat(const Effort& effort, const Measurement& subject);
 
 /// The seconds that |work| takes.
 template <typename Work>

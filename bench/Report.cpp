@@ -1,10 +1,11 @@
+// The table on the terminal, the JSON file and the data of the plot.
 #include "bench/Report.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -16,65 +17,48 @@
 namespace bench {
 namespace {
 
-/// As many digits as tell a figure from its target.
-std::string shortNumber(double value) {
-  if (value >= 1e6) return fmt::format("{:.1f}M", value / 1e6);
-  if (value >= 100) return fmt::format("{:.0f}", value);
-  if (value >= 10) return fmt::format("{:.1f}", value);
-  return fmt::format("{:.3f}", value);
+using Json = nlohmann::ordered_json;
+
+constexpr char kRow[] = "{:<58} {:>8} {:>14} {:>13} {:<10}  {}\n";
+
+constexpr char kReached[] = "ok";
+constexpr char kMissed[] = "MISSED";
+constexpr char kUnresolved[] = "unresolved";  ///< the target lies between the quartiles
+
+const char* verdict(const Target& target, const Spread& value) {
+  const auto reachedBy = [&](double figure) {
+    return target.bound == Target::Bound::kAtMost ? figure <= target.value : figure >= target.value;
+  };
+  if (reachedBy(value.low) != reachedBy(value.high)) return kUnresolved;
+  return reachedBy(value.median) ? kReached : kMissed;
 }
 
-std::string targetText(const Figure& figure) {
-  if (!figure.target) return "-";
-  const bool most = figure.target->bound == Target::Bound::kAtMost;
-  return fmt::format("{} {:g}", most ? "<=" : ">=", figure.target->value);
+Json jsonOf(const Figure& figure) {
+  Json json{{"name", figure.name},     {"against", figure.against},
+            {"unit", figure.unit},     {"median", figure.value.median},
+            {"low", figure.value.low}, {"high", figure.value.high},
+            {"detail", figure.detail}};
+  if (const auto& target = figure.target) {
+    json["target"] = {{"bound", target->bound == Target::Bound::kAtMost ? "at most" : "at least"},
+                      {"value", target->value}};
+    json["verdict"] = verdict(*target, figure.value);
+  }
+  if (!figure.plotLine.empty()) {
+    json["line"] = figure.plotLine;
+    json["entries"] = figure.entries;
+  }
+  return json;
 }
 
-nlohmann::ordered_json targetJson(const Target& target) {
-  return {{"bound", target.bound == Target::Bound::kAtMost ? "at most" : "at least"},
-          {"value", target.value}};
+/// The texts and numbers of |json|'s fields.
+std::string text(const Json& json, const char* field) {
+  return json.value(field, "");
+}
+double number(const Json& json, const char* field) {
+  return json.at(field).get<double>();
 }
 
-/// The inverse of targetJson().
-std::optional<Target> readTarget(const nlohmann::json& figure) {
-  if (!figure.contains("target")) return std::nullopt;
-  const auto& target = figure.at("target");
-  const double value = target.at("value");
-  return target.at("bound") == "at most" ? atMost(value) : atLeast(value);
-}
-
-Figure readFigure(const nlohmann::json& figure, const nlohmann::json& machine) {
-  auto name = figure.at("name").get<std::string>();
-  const auto kernel = machine.at("kernel").get<std::string>();
-  if (name.find(kernel) == std::string::npos) name += " on kernel " + kernel;
-  return {std::move(name),
-          figure.at("against"),
-          {figure.at("median"), figure.at("low"), figure.at("high")},
-          figure.at("unit"),
-          readTarget(figure),
-          figure.at("detail").get<std::string>() + "; " +
-              machine.at("architecture").get<std::string>()};
-}
-
-/// A target between the quartiles is neither reached nor missed: this run does not tell.
-bool isUnresolved(const Figure& figure) {
-  return figure.target->reachedBy(figure.value.low) != figure.target->reachedBy(figure.value.high);
-}
-
-const char* verdict(const Figure& figure) {
-  if (!figure.target) return "";
-  if (isUnresolved(figure)) return "unresolved";
-  return figure.target->reachedBy(figure.value.median) ? "ok" : "MISSED";
-}
-
-void printRow(const std::string& name, const std::string& value, const std::string& spread,
-              const std::string& target, const std::string& verdict, const std::string& detail) {
-  fmt::print("{:<58} {:>10} {:>15} {:>8} {:<10}  {}\n", name, value, spread, target, verdict,
-             detail);
-  std::fflush(stdout);
-}
-
-std::string machineModel() {
+std::string processor() {
   std::ifstream info("/proc/cpuinfo");
   for (std::string line; std::getline(info, line);) {
     if (line.starts_with("model name")) return line.substr(line.find(':') + 2);
@@ -92,93 +76,85 @@ void writeFile(const std::string& path, const std::string& text) {
 }  // namespace
 
 Report::Report() {
-  printRow("figure", "median", "quartiles", "target", "", "");
+  fmt::print(kRow, "figure", "median", "quartiles", "target", "", "");
 }
 
-void Report::add(Figure figure) {
-  const std::string unit = figure.unit == "x" ? "" : " " + figure.unit;
-  printRow(figure.name, shortNumber(figure.value.median) + unit,
-           shortNumber(figure.value.low) + ".." + shortNumber(figure.value.high),
-           targetText(figure), verdict(figure), figure.detail);
+void Report::add(const Figure& figure) {
+  take(jsonOf(figure));
+}
+
+void Report::take(Json figure) {
+  const std::string unit = text(figure, "unit");
+  std::string target = "-";
+  if (figure.contains("target")) {
+    const Json& json = figure.at("target");
+    target = fmt::format("{} {:g}", text(json, "bound"), number(json, "value"));
+  }
+  fmt::print(kRow, text(figure, "name"),
+             fmt::format("{:.4g}{}", number(figure, "median"), unit == "x" ? "" : " " + unit),
+             fmt::format("{:.4g}..{:.4g}", number(figure, "low"), number(figure, "high")), target,
+             text(figure, "verdict"), text(figure, "detail"));
+  std::fflush(stdout);
   figures_.push_back(std::move(figure));
 }
 
 void Report::merge(const std::string& path) {
   try {
-    const auto run = nlohmann::json::parse(std::ifstream(path));
-    for (const auto& figure : run.at("figures")) add(readFigure(figure, run.at("machine")));
-  } catch (const nlohmann::json::exception& error) {
+    const Json run = Json::parse(std::ifstream(path));
+    for (Json figure : run.at("figures")) {
+      figure["detail"] = text(figure, "detail") + "; " + text(run.at("machine"), "architecture");
+      take(std::move(figure));
+    }
+  } catch (const Json::exception& error) {
     throw lab::Error("cannot read the figures in " + path + ": " + error.what());
   }
 }
 
 void Report::fail(const std::string& subject, const std::string& why) {
-  failures_.push_back(fmt::format("{}: {}", subject, why));
-  fmt::print("not measured: {}\n", failures_.back());
+  complete_ = false;
+  fmt::print("not measured: {}: {}\n", subject, why);
 }
 
-bool Report::conclude() const {
-  int targets = 0;
-  int reached = 0;
-  int unresolved = 0;
-  for (const Figure& figure : figures_) {
-    if (!figure.target) continue;
-    ++targets;
-    if (isUnresolved(figure)) {
-      ++unresolved;
-    } else if (figure.target->reachedBy(figure.value.median)) {
-      ++reached;
-    } else {
-      fmt::print("missed: {}: {:.4g} instead of {}\n", figure.name, figure.value.median,
-                 targetText(figure));
-    }
-  }
-  fmt::print("{} of {} targets reached, {} unresolved\n", reached, targets, unresolved);
-  for (const std::string& failure : failures_) fmt::print("not measured: {}\n", failure);
-  return reached + unresolved == targets;
+int Report::conclude() const {
+  std::map<std::string, int> verdicts;
+  for (const Json& figure : figures_) ++verdicts[text(figure, "verdict")];
+  fmt::print("targets: {} reached, {} unresolved, {} missed{}\n", verdicts[kReached],
+             verdicts[kUnresolved], verdicts[kMissed],
+             complete_ ? "" : "; not everything could be measured");
+  return verdicts[kMissed];
 }
 
 void Report::writeJson(const std::string& path) const {
   utsname system{};
   uname(&system);
-  nlohmann::ordered_json all{{"machine",
-                              {{"processor", machineModel()},
-                               {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
-                               {"kernel", lab::kernelRelease()},
-                               {"architecture", system.machine}}},
-                             {"figures", nlohmann::ordered_json::array()}};
-  for (const Figure& figure : figures_) {
-    nlohmann::ordered_json entry{{"name", figure.name},     {"against", figure.against},
-                                 {"unit", figure.unit},     {"median", figure.value.median},
-                                 {"low", figure.value.low}, {"high", figure.value.high},
-                                 {"detail", figure.detail}};
-    if (figure.target) {
-      entry["target"] = targetJson(*figure.target);
-      entry["verdict"] = verdict(figure);
-    }
-    all["figures"].push_back(std::move(entry));
-  }
+  const Json all{{"machine",
+                  {{"processor", processor()},
+                   {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
+                   {"kernel", lab::kernelRelease()},
+                   {"architecture", system.machine}}},
+                 {"figures", figures_}};
   writeFile(path, all.dump(2) + '\n');
 }
 
 void Report::writePlotData(const std::string& path) const {
-  std::map<std::string, std::string> blocks;
-  for (const Figure& figure : figures_) {
-    if (!figure.point) continue;
-    std::string& block = blocks[figure.point->line];
-    if (block.empty()) block = fmt::format("# {}\n", figure.point->line);
-    block += fmt::format("{} {} {} {}\n", figure.point->at, figure.value.median, figure.value.low,
-                         figure.value.high);
+  std::map<std::string, std::string> lines;
+  for (const Json& figure : figures_) {
+    if (!figure.contains("line")) continue;
+    const double target =
+        figure.contains("target") ? number(figure.at("target"), "value") : std::nan("");
+    lines[text(figure, "line")] +=
+        fmt::format("{} {} {} {} {}\n", number(figure, "entries"), number(figure, "median"),
+                    number(figure, "low"), number(figure, "high"), target);
   }
-  std::string text;
-  for (const auto& [line, block] : blocks) text += block + "\n\n";
-  writeFile(path, text);
+  std::string data;
+  for (const auto& [name, points] : lines) {
+    data += fmt::format("{}\"{}\"\n{}", data.empty() ? "" : "\n\n", name, points);
+  }
+  writeFile(path, data);
 }
 
 std::string grouped(std::size_t number) {
-  std::string text = std::to_string(number);
-  for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, 1, ',');
-  return text;
+  return fmt::format("{},{:03}", number / 1000, number % 1000);
 }
 
 }  // namespace bench

@@ -1,9 +1,11 @@
 // Every figure of a run: a row of the table, an object in the JSON file.
 #pragma once
 
+#include <nlohmann/json.hpp>
+
+#include <cstddef>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "bench/Measure.h"
 
@@ -11,13 +13,8 @@ namespace bench {
 
 /// What a figure is to reach.
 struct Target {
-  enum class Bound { kAtMost, kAtLeast };
-  Bound bound;
+  enum class Bound { kAtMost, kAtLeast } bound;
   double value;
-
-  [[nodiscard]] bool reachedBy(double figure) const {
-    return bound == Bound::kAtMost ? figure <= value : figure >= value;
-  }
 };
 
 [[nodiscard]] constexpr Target atMost(double value) {
@@ -27,20 +24,15 @@ struct Target {
   return {Target::Bound::kAtLeast, value};
 }
 
-/// Where a figure is drawn.
-struct Point {
-  std::string line;  ///< the name of its line in the drawing
-  double at;         ///< its place on the x axis
-};
-
 struct Figure {
   std::string name;     ///< what was measured, unique in a run
   std::string against;  ///< its floor or peer; empty for a figure that stands alone
   Spread value;         ///< the ratio, if there is an |against|
   std::string unit;     ///< of |value|; "x" for a ratio
   std::optional<Target> target = std::nullopt;
-  std::string detail = {};  ///< the absolute figures behind a ratio, for the reader
-  std::optional<Point> point = std::nullopt;
+  std::string detail = {};    ///< the absolute figures behind a ratio, for the reader
+  std::string plotLine = {};  ///< the line in the drawing that it is a point of; empty for none
+  std::size_t entries = 0;    ///< its place there, on the x axis
 };
 
 /// Thread: one.
@@ -50,35 +42,36 @@ class Report {
   Report();
 
   /// Prints |figure| as a row and keeps it.
-  void add(Figure figure);
+  void add(const Figure& figure);
 
-  /// Adds the figures of another run, from the JSON file it wrote; the name of each tells the
-  /// kernel it was measured on. Throws lab::Error.
+  /// Adds the figures of another run, from the JSON file it wrote; each tells that machine's
+  /// architecture. Throws lab::Error.
   void merge(const std::string& path);
 
-  /// Prints and keeps that the rest of |subject| could not be measured, and |why|.
+  /// Prints and remembers that the rest of |subject| could not be measured, and |why|.
   void fail(const std::string& subject, const std::string& why);
 
-  /// Names the figures that miss their targets and what could not be measured. Returns whether
-  /// every target is reached.
-  bool conclude() const;
-
   /// Whether everything could be measured.
-  [[nodiscard]] bool complete() const { return failures_.empty(); }
+  [[nodiscard]] bool complete() const { return complete_; }
+
+  /// Prints how many figures have reached and missed their targets, and returns the latter.
+  int conclude() const;
 
   /// Writes everything as JSON, with the machine it was measured on. Throws lab::Error.
   void writeJson(const std::string& path) const;
 
-  /// Writes the figures that have a point, as bench/plot.gnuplot reads them: for each line a block
-  /// with its name and then x, median and quartiles of each point. Throws lab::Error.
+  /// Writes the figures that are drawn, as bench/plot.gnuplot reads them: for each line a block
+  /// with its name and then entries, median, quartiles and target of each point. Throws lab::Error.
   void writePlotData(const std::string& path) const;
 
  private:
-  std::vector<Figure> figures_;
-  std::vector<std::string> failures_;
+  void take(nlohmann::ordered_json figure);
+
+  nlohmann::ordered_json figures_ = nlohmann::ordered_json::array();
+  bool complete_ = true;
 };
 
-/// 60000 as "60,000".
+/// 60000 as "60,000"; |number| is less than a million and no less than a thousand.
 [[nodiscard]] std::string grouped(std::size_t number);
 
 }  // namespace bench

@@ -1,42 +1,35 @@
-#include <fcntl.h>
+// What a scan adds to reading the table, how it grows, and what the size of its reads matters.
 #include <fmt/format.h>
 
+#include <array>
+#include <cstdio>
 #include <optional>
 #include <utility>
 
-#include "base/UniqueFd.h"
 #include "bench/BenchTable.h"
 #include "bench/Figures.h"
 #include "bench/Report.h"
 #include "bench/Scanner.h"
-#include "bench/SilentLog.h"
-#include "refhost/framework/HostLog.h"
-#include "refhost/zanhost/LogSink.h"
+#include "lab/Kernel.h"
 
 namespace bench {
 namespace {
 
-/// One kind of scan: who is looked for, and how many of a table's entries that finds.
+/// Who is looked for in a scan, and how many of a table's entries that finds.
 struct Kind {
   const char* name;
   std::size_t clients;  ///< owners of the table's entries
   std::size_t client;   ///< the one that is looked for
-  bool knowsIpv6;
-  std::optional<Target> target;
-  bool hostLog = false;  ///< the reference host's log at its default threshold
+  enum class Known { kBothFamilies, kIpv4 } addresses;
+  Target target;
 };
 
-const std::vector<Kind>& kinds() {
-  static const std::vector<Kind> all{
-      {"client owns 1 %", 100, BenchTable::kLoneClient, true, atMost(1.08)},
-      {"client owns all", 1, 0, true, atMost(1.28)},
-      {"owns 1 %, host's log", 100, BenchTable::kLoneClient, true, std::nullopt, true},
-      {"owns all, host's log", 1, 0, true, std::nullopt, true},
-      {"owns 1 %, text within ten others", 100, 0, true, std::nullopt},
-      {"owns 1 %, no IPv6 address known", 100, BenchTable::kLoneClient, false, atMost(1.15)},
-  };
-  return all;
-}
+constexpr Kind kKinds[] = {
+    {"client owns 1 %", 100, BenchTable::kLoneClient, Kind::Known::kBothFamilies, atMost(1.08)},
+    {"owns 1 %, no IPv6 address known", 100, BenchTable::kLoneClient, Kind::Known::kIpv4,
+     atMost(1.15)},
+    {"client owns all", 1, 0, Kind::Known::kBothFamilies, atMost(1.28)},
+};
 
 /// Tables whose scans have a target: in smaller ones the cost of a start weighs, larger ones do not
 /// fit into every cache.
@@ -44,27 +37,24 @@ bool isJudged(std::size_t entries) {
   return entries == 10000 || entries == 60000;
 }
 
-/// What a scan of |kind| finds in |table|.
-std::size_t expectedOf(const BenchTable& table, const Kind& kind) {
-  return kind.knowsIpv6 ? table.entriesOf(kind.client).size() : table.ipv4EntriesOf(kind.client);
-}
-
-Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effort) {
-  // The threshold drops every line of a scan.
-  const base::UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-  std::optional<SilentLog> silent;
-  std::optional<zanhost::LogSink> hostLog;
-  if (kind.hostLog) {
-    hostLog.emplace(nowhere.get(), zanhost::LogSink::Format::kText, kLogNotice);
-  } else {
-    silent.emplace();
+void measureScan(const Kind& kind, std::size_t entries, const Options& options, Report& report) {
+  const BenchTable table({entries, kind.clients});
+  auto control = controlOf(BenchTable::client(kind.client));
+  std::size_t expected = table.entriesOf(kind.client);
+  if (kind.addresses == Kind::Known::kIpv4) {
+    control.ipv6Address.clear();
+    expected = table.ipv4EntriesOf(kind.client);
   }
   Scanner<> scanner;
-  ZanConnTrackFileParseControlType control = controlOf(BenchTable::client(kind.client));
-  if (!kind.knowsIpv6) control.ipv6Address.clear();
-  const std::size_t expected = expectedOf(table, kind);
-  return compare(
-      effort, [&] { return scanner.scan(control, expected); }, [&] { return scanner.floor(); });
+  const Comparison result = compare(
+      options.effort, [&] { return scanner.scan(control, expected).seconds; },
+      [&] { return scanner.floor(); });
+  const double perEntry = 1e6 / static_cast<double>(entries);
+  report.add({fmt::format("scan of {}, {}", grouped(entries), kind.name), "read to the end",
+              result.ratio, "x", isJudged(entries) ? std::optional(kind.target) : std::nullopt,
+              fmt::format("{:.2f} us an entry, floor {:.2f}", result.subject.median * perEntry,
+                          result.peer.median * perEntry),
+              kind.name, entries});
 }
 
 /// The largest table against kSmallTable, filled in turn: side by side each would lengthen the
@@ -72,23 +62,17 @@ Comparison measure(const BenchTable& table, const Kind& kind, const Effort& effo
 void measureGrowth(const Options& options, Report& report) {
   constexpr std::size_t kSmallTable = 10000;
   constexpr double kSlack = 1.1;
-  constexpr int kSmallScans = 5;
   const std::size_t entries = options.tableSizes.back();
   const auto times = static_cast<double>(entries) / kSmallTable;
-  const SilentLog log;
   BenchTable table({kSmallTable, 100});
   Scanner<> scanner;
   const auto control = controlOf(BenchTable::client(BenchTable::kLoneClient));
-  const auto scanOf = [&](std::size_t size, int scans) {
+  const auto scanOf = [&](std::size_t size) {
     table.resize(size);
-    const std::size_t expected = table.entriesOf(BenchTable::kLoneClient).size();
-    double seconds = 0;
-    for (int i = 0; i < scans; ++i) seconds += scanner.scan(control, expected);
-    return seconds / scans;
+    return scanner.scan(control, table.entriesOf(BenchTable::kLoneClient)).seconds;
   };
   const Comparison result = compare(
-      options.effort, [&] { return scanOf(entries, 1); },
-      [&] { return scanOf(kSmallTable, kSmallScans); });
+      options.effort, [&] { return scanOf(entries); }, [&] { return scanOf(kSmallTable); });
   report.add({fmt::format("scan of {}, {:.0f} times the entries", grouped(entries), times),
               fmt::format("scan of {}", grouped(kSmallTable)), result.ratio, "x",
               atMost(kSlack * times),
@@ -96,24 +80,50 @@ void measureGrowth(const Options& options, Report& report) {
                           result.subject.median * 1e3)});
 }
 
+/// Its stream has a buffer as the C library would give it.
+class SmallReadsParser : public ZanConnTrackParser {
+ public:
+  using ZanConnTrackParser::ZanConnTrackParser;
+
+  int setPrivilegeParams(int fd) {
+    const int result = ZanConnTrackParser::setPrivilegeParams(fd);
+    const ReadingTurn turn(turns, ReadingTurns::Asker::kEvent);
+    if (stream != nullptr) std::setvbuf(stream, smallBuffer_.data(), _IOFBF, smallBuffer_.size());
+    return result;
+  }
+
+ private:
+  std::array<char, 1024> smallBuffer_{};
+};
+
 }  // namespace
 
 void measureScans(const Options& options, Report& report) {
   for (const std::size_t entries : options.tableSizes) {
-    for (const std::size_t clients : {100UL, 1UL}) {
-      const BenchTable table({entries, clients});
-      for (const Kind& kind : kinds()) {
-        if (kind.clients != clients) continue;
-        const Comparison result = measure(table, kind, options.effort);
-        Figure figure = againstFloor(fmt::format("scan of {}, {}", grouped(entries), kind.name),
-                                     result, entries);
-        if (isJudged(entries)) figure.target = kind.target;
-        figure.point = Point{kind.name, static_cast<double>(entries)};
-        report.add(std::move(figure));
-      }
-    }
+    for (const Kind& kind : kKinds) measureScan(kind, entries, options, report);
   }
   measureGrowth(options, report);
+}
+
+void measureReads(const Options& options, Report& report) {
+  constexpr std::size_t kEntries = 10000;
+  constexpr double kPerEntry = 1e6 / kEntries;
+  const BenchTable table({kEntries, 100});
+  const auto control = controlOf(BenchTable::client(BenchTable::kLoneClient));
+  const std::size_t expected = table.entriesOf(BenchTable::kLoneClient);
+  Scanner<SmallReadsParser> small;
+  Scanner<> own;
+  const Comparison result = compare(
+      options.effort, [&] { return small.scan(control, expected).seconds; },
+      [&] { return own.scan(control, expected).seconds; });
+  // Before 6.16 each read of the table starts with a walk from its head.
+  const bool judged = !lab::kernelIsAtLeast(6, 16);
+  report.add({fmt::format("scan of {} on kernel {}, 4096-byte reads", grouped(kEntries),
+                          lab::kernelRelease()),
+              "the same scan with 1024-byte reads", result.ratio, "x",
+              judged ? std::optional(atLeast(2.5)) : std::nullopt,
+              fmt::format("{:.2f} us an entry, with 1024-byte reads {:.2f}",
+                          result.peer.median * kPerEntry, result.subject.median * kPerEntry)});
 }
 
 }  // namespace bench
