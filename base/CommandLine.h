@@ -51,8 +51,8 @@ class CommandLine {
   /// Leaves the option declared last out of the help text.
   CommandLine& hidden();
 
-  /// Nothing when the program is to go on. Otherwise its exit status: 0 when help or the version was
-  /// asked for and printed, kWrongArguments when standard error has been told what is wrong.
+  /// Nothing when the program is to go on. Otherwise its exit status: 0 when help or the version
+  /// was asked for and printed, kWrongArguments when standard error has been told what is wrong.
   [[nodiscard]] std::optional<int> parse(int argc, char** argv);
 
  private:
