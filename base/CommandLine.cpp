@@ -1,3 +1,4 @@
+// Declared options, and what CLI11 makes of them.
 #include "base/CommandLine.h"
 
 #include <CLI/CLI.hpp>

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <thread>
 
+#include "base/Deadline.h"
+
 namespace base {
 
 /// Who waits longer than this has waited in vain. It judges nothing: a busy machine may take its
@@ -13,9 +15,9 @@ constexpr std::chrono::seconds kPatience{60};
 /// Looks until |condition| holds. False when patience has run out.
 template <typename Condition>
 [[nodiscard]] bool eventually(Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + kPatience;
+  const Deadline deadline(kPatience);
   while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
+    if (deadline.over()) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;

@@ -1,3 +1,4 @@
+// A descriptor's owner.
 #pragma once
 
 #include <unistd.h>

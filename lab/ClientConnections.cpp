@@ -1,3 +1,4 @@
+// What one hotspot client has open to the upstream server.
 #include "lab/ClientConnections.h"
 
 #include <netinet/in.h>
@@ -9,14 +10,13 @@
 #include <array>
 #include <cerrno>
 
+#include "base/Deadline.h"
 #include "base/Patience.h"
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
 
 namespace lab {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 /// Also bounds connect(), which is why it is set before.
 void setSendTimeout(int fd) {
@@ -25,21 +25,17 @@ void setSendTimeout(int fd) {
   ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
-std::string describe(bool stream, const std::string& client, const std::string& server) {
-  return std::string(stream ? "TCP" : "UDP") + " connection of client " + client + " to " + server;
-}
-
 }  // namespace
 
 ClientConnections::ClientConnections(const HotspotNetwork& network, std::size_t client,
                                      std::size_t perKind, std::uint16_t port) {
   network.clientNamespace(client).run([&] {
-    for (const bool stream : {true, false}) {
+    for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
       for (std::size_t i = 0; i < perKind; ++i) {
         if (!network.client(client).ipv4.empty()) {
-          open(network, client, stream, HotspotNetwork::kUpstreamIpv4, port);
+          open(network, client, type, HotspotNetwork::kUpstreamIpv4, port);
         }
-        open(network, client, stream, HotspotNetwork::kUpstreamIpv6, port);
+        open(network, client, type, HotspotNetwork::kUpstreamIpv6, port);
       }
     }
   });
@@ -50,13 +46,14 @@ ClientConnections::ClientConnections(const HotspotNetwork& network, std::size_t 
   }
 }
 
-void ClientConnections::open(const HotspotNetwork& network, std::size_t client, bool stream,
+void ClientConnections::open(const HotspotNetwork& network, std::size_t client, int type,
                              const std::string& server, std::uint16_t port) {
   const IpAddress address(server);
-  const int type = stream ? SOCK_STREAM : SOCK_DGRAM;
+  const bool stream = type == SOCK_STREAM;
   Connection connection;
   connection.stream = stream;
-  connection.description = describe(stream, network.client(client).name, server);
+  connection.description = std::string(stream ? "TCP" : "UDP") + " connection of client " +
+                           network.client(client).name + " to " + server;
   connection.fd.reset(::socket(address.family(), type | SOCK_CLOEXEC, 0));
   if (!connection.fd.valid()) throw systemError("no socket for the " + connection.description);
 
@@ -78,28 +75,19 @@ void ClientConnections::open(const HotspotNetwork& network, std::size_t client, 
 }
 
 std::size_t ClientConnections::exchange() {
-  const Clock::time_point deadline = Clock::now() + base::kPatience;
+  const base::Deadline deadline(base::kPatience);
   sendPayloads();
-  std::vector<Connection*> waiting;
-  for (Connection& connection : connections_) waiting.push_back(&connection);
-
-  while (!waiting.empty()) {
-    std::vector<pollfd> polls;
-    polls.reserve(waiting.size());
-    for (const Connection* connection : waiting) {
-      polls.push_back(pollfd{connection->fd.get(), POLLIN, 0});
+  std::vector<pollfd> polls;
+  for (const Connection& connection : connections_) {
+    polls.push_back(pollfd{connection.fd.get(), POLLIN, 0});
+  }
+  std::size_t waiting = polls.size();
+  while (waiting > 0 && base::awaitReady(polls, deadline)) {
+    for (std::size_t i = 0; i < polls.size(); ++i) {
+      if (polls[i].revents == 0 || receive(connections_[i])) continue;
+      polls[i].fd = -1;  // poll() passes over it
+      --waiting;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) break;
-    const int ready = ::poll(polls.data(), polls.size(), static_cast<int>(left.count()));
-    if (ready < 0 && errno != EINTR) throw systemError("cannot wait for echoes");
-    if (ready <= 0) continue;
-
-    std::vector<Connection*> still;
-    for (std::size_t i = 0; i < waiting.size(); ++i) {
-      if (polls[i].revents == 0 || receive(*waiting[i])) still.push_back(waiting[i]);
-    }
-    waiting = std::move(still);
   }
   return static_cast<std::size_t>(
       std::count_if(connections_.begin(), connections_.end(),

@@ -1,3 +1,4 @@
+// What one hotspot client has open to the upstream server.
 #pragma once
 
 #include <cstddef>
@@ -43,8 +44,8 @@ class ClientConnections {
     std::string received;
   };
 
-  void open(const HotspotNetwork& network, std::size_t client, bool stream,
-            const std::string& server, std::uint16_t port);
+  void open(const HotspotNetwork& network, std::size_t client, int type, const std::string& server,
+            std::uint16_t port);
   void sendPayloads();
   static bool receive(Connection& connection);
 

@@ -1,3 +1,4 @@
+// The upstream server.
 #include "lab/EchoServer.h"
 
 #include <netinet/in.h>
@@ -18,18 +19,12 @@ namespace {
 constexpr std::size_t kChunk = 65536;
 constexpr int kBacklog = 1024;
 
-void setOption(int fd, int level, int option, int value) {
-  if (::setsockopt(fd, level, option, &value, sizeof value) != 0) {
-    throw systemError("cannot set an option of the echo server's socket");
-  }
-}
-
 base::UniqueFd openSocket(int family, int type, std::uint16_t port) {
   base::UniqueFd fd(::socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!fd.valid()) throw systemError("cannot create a socket for the echo server");
-  setOption(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1);
-  if (family == AF_INET6) setOption(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, 1);
-
+  const int on = 1;
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (family == AF_INET6) ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   sockaddr_storage address{};
   const socklen_t length =
       IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(port, address);
@@ -54,16 +49,12 @@ EchoServer::EchoServer(const NetNamespace& where, std::uint16_t port) : port_(po
   stop_.reset(::eventfd(0, EFD_CLOEXEC));
   epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
   if (!stop_.valid() || !epoll_.valid()) throw systemError("cannot create the server's loop");
-  for (const base::UniqueFd* fd : {&tcp4_, &tcp6_, &udp4_, &udp6_, &stop_}) {
-    watch(fd->get(), EPOLLIN, EPOLL_CTL_ADD);
-  }
+  for (const base::UniqueFd* fd : {&tcp4_, &tcp6_, &udp4_, &udp6_, &stop_}) watch(fd->get());
   thread_ = std::thread([this] { serve(); });
 }
 
 EchoServer::~EchoServer() {
-  const std::uint64_t one = 1;
-  // An eventfd that is written once cannot refuse.
-  [[maybe_unused]] const ssize_t written = ::write(stop_.get(), &one, sizeof one);
+  ::eventfd_write(stop_.get(), 1);
   thread_.join();
 }
 
@@ -79,11 +70,11 @@ void EchoServer::sendDatagram(const std::string& address, std::uint16_t port,
   }
 }
 
-void EchoServer::watch(int fd, std::uint32_t events, int operation) const {
+void EchoServer::watch(int fd) const {
   epoll_event event{};
-  event.events = events;
+  event.events = EPOLLIN;
   event.data.fd = fd;
-  if (::epoll_ctl(epoll_.get(), operation, fd, &event) != 0) {
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
     throw systemError("the echo server cannot watch a socket");
   }
 }
@@ -94,17 +85,17 @@ void EchoServer::serve() {
     const int ready =
         ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
     for (int i = 0; i < ready; ++i) {
-      const epoll_event& event = events.at(static_cast<std::size_t>(i));
-      if (event.data.fd == stop_.get()) return;
-      handle(event.data.fd, event.events);
+      const int fd = events.at(static_cast<std::size_t>(i)).data.fd;
+      if (fd == stop_.get()) return;
+      handle(fd);
     }
   }
 }
 
-void EchoServer::handle(int fd, std::uint32_t events) {
+void EchoServer::handle(int fd) {
   if (fd == tcp4_.get() || fd == tcp6_.get()) return acceptAll(fd);
   if (fd == udp4_.get() || fd == udp6_.get()) return echoDatagrams(fd);
-  echoStream(fd, events);
+  echoStream(fd);
 }
 
 void EchoServer::acceptAll(int listener) {
@@ -116,8 +107,8 @@ void EchoServer::acceptAll(int listener) {
     const linger reset{1, 0};
     ::setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     const int key = fd.get();
-    watch(key, EPOLLIN, EPOLL_CTL_ADD);
-    streams_[key].fd = std::move(fd);
+    watch(key);
+    streams_[key] = std::move(fd);
   }
 }
 
@@ -135,37 +126,16 @@ void EchoServer::echoDatagrams(int fd) const {
   }
 }
 
-void EchoServer::echoStream(int fd, std::uint32_t events) {
-  Stream& stream = streams_.at(fd);
-  if ((events & EPOLLIN) != 0 && stream.pending.empty()) {
-    std::array<char, kChunk> buffer;
-    const ssize_t got = ::read(fd, buffer.data(), buffer.size());
-    if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-      drop(fd);
-      return;
-    }
-    if (got > 0) stream.pending.assign(buffer.data(), static_cast<std::size_t>(got));
-  }
-  if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
-    drop(fd);
+void EchoServer::echoStream(int fd) {
+  std::array<char, kChunk> buffer;
+  const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (got > 0 && ::send(fd, buffer.data(), static_cast<std::size_t>(got), MSG_NOSIGNAL) == got) {
     return;
   }
-  if (stream.pending.empty()) return;
-
-  const ssize_t sent = ::send(fd, stream.pending.data(), stream.pending.size(), MSG_NOSIGNAL);
-  if (sent < 0 && errno != EAGAIN && errno != EINTR) {
-    drop(fd);
-    return;
-  }
-  if (sent > 0) stream.pending.erase(0, static_cast<std::size_t>(sent));
-  // Read on only when everything is echoed.
-  watch(fd, stream.pending.empty() ? EPOLLIN : EPOLLOUT, EPOLL_CTL_MOD);
-}
-
-// A child that has been forked but has not begun its program yet still holds the socket: closed
-// alone, it would go on to be reported.
-void EchoServer::drop(int fd) {
-  watch(fd, 0, EPOLL_CTL_DEL);
+  // A child that has been forked but has not begun its program yet still holds the socket: closed
+  // alone, it would go on to be reported.
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   streams_.erase(fd);
 }
 

@@ -1,7 +1,7 @@
+// The upstream server.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -13,7 +13,8 @@ namespace lab {
 class NetNamespace;
 
 /// Sends back whatever it receives: TCP and UDP, IPv4 and IPv6, all on one port, from one thread
-/// of its own. Ends, and resets its connections, with its destructor.
+/// of its own. A stream is dropped when its client leaves more unread than the kernel buffers.
+/// Ends, and resets its connections, with its destructor.
 class EchoServer {
  public:
   static constexpr std::uint16_t kDefaultPort = 7000;
@@ -32,13 +33,12 @@ class EchoServer {
                     const std::string& payload) const;
 
  private:
-  void watch(int fd, std::uint32_t events, int operation) const;
+  void watch(int fd) const;
   void serve();
-  void handle(int fd, std::uint32_t events);
+  void handle(int fd);
   void acceptAll(int listener);
   void echoDatagrams(int fd) const;
-  void echoStream(int fd, std::uint32_t events);
-  void drop(int fd);
+  void echoStream(int fd);
 
   std::uint16_t port_;
   base::UniqueFd tcp4_;
@@ -47,13 +47,7 @@ class EchoServer {
   base::UniqueFd udp6_;
   base::UniqueFd stop_;
   base::UniqueFd epoll_;
-
-  struct Stream {
-    base::UniqueFd fd;
-    /// Read but not yet accepted back by the kernel.
-    std::string pending;
-  };
-  std::unordered_map<int, Stream> streams_;
+  std::unordered_map<int, base::UniqueFd> streams_;
   std::thread thread_;
 };
 

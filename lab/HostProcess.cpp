@@ -1,3 +1,4 @@
+// The host program, running on the gateway.
 #include "lab/HostProcess.h"
 
 #include <poll.h>
@@ -35,11 +36,11 @@ std::vector<std::string> commandLine(const HostProcess::Options& options) {
 }
 
 bool isReady(const HostProcess::LogLine& line) {
-  return line.module == "HOST" && line.text.rfind("ready", 0) == 0;
+  return line.module == "HOST" && line.text.starts_with("ready");
 }
 
 bool isComplaint(const HostProcess::LogLine& line) {
-  return line.module == "HOST" && line.text.rfind("refused: ", 0) == 0;
+  return line.module == "HOST" && line.text.starts_with("refused: ");
 }
 
 }  // namespace
@@ -63,9 +64,7 @@ HostProcess::~HostProcess() {
 
 void HostProcess::killAndJoin() {
   process_.signal(SIGKILL);
-  const std::uint64_t one = 1;
-  // An eventfd that is written once cannot refuse.
-  [[maybe_unused]] const ssize_t written = ::write(stopCollecting_.get(), &one, sizeof one);
+  ::eventfd_write(stopCollecting_.get(), 1);
   collector_.join();
 }
 
@@ -119,7 +118,7 @@ bool HostProcess::running() {
   return !process_.waitFor(std::chrono::milliseconds(0));
 }
 
-ExitStatus HostProcess::stop(int signal) {
+base::ExitStatus HostProcess::stop(int signal) {
   if (signal != 0) process_.signal(signal);
   if (!process_.waitFor()) {
     process_.signal(SIGKILL);

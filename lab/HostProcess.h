@@ -1,3 +1,4 @@
+// The host program, running on the gateway.
 #pragma once
 
 #include <chrono>
@@ -70,7 +71,7 @@ class HostProcess {
 
   /// Sends |signal| (0: none, the host ends by itself) and returns how the host ended; its log
   /// is complete then. Throws Error, and kills it, if it does not end.
-  ExitStatus stop(int signal);
+  base::ExitStatus stop(int signal);
 
  private:
   void killAndJoin();

@@ -1,11 +1,11 @@
+// Programs that run in a network namespace of the lab.
 #pragma once
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <string>
 #include <vector>
 
+#include "base/ChildProcess.h"
 #include "base/Patience.h"
 #include "base/UniqueFd.h"
 
@@ -13,36 +13,22 @@ namespace lab {
 
 class NetNamespace;
 
-/// How a process ended: an exit code, or the signal that ended it (then |code| is -1).
-struct ExitStatus {
-  int code = -1;
-  int signal = 0;
-
-  [[nodiscard]] bool success() const { return signal == 0 && code == 0; }
-  /// "exit code 1" or "signal 11 (Segmentation fault)".
-  [[nodiscard]] std::string text() const;
-};
-
 struct CommandResult {
-  ExitStatus status;
+  base::ExitStatus status;
   std::string output;
   std::string errors;
 };
 
-/// A child process in a network namespace, its standard streams piped to this process. No shell
-/// is involved, and no descriptor but the three streams is inherited.
+/// A child process in a network namespace, its standard streams connected to this process. No other
+/// descriptor is inherited. See base::ChildProcess about the thread that starts it: the lab leaves
+/// nothing running.
 ///
-/// The child is killed by the kernel when the thread that spawned it ends, however it ends: the
-/// lab leaves nothing running. Spawn from the main thread, or from one that outlives the child.
+/// A program without a slash is looked up in PATH, /usr/sbin and /sbin.
 class Process {
  public:
-  /// Starts |argv| in |where| (nullptr: where the caller is). A program without a slash is
-  /// looked up in PATH, /usr/sbin and /sbin. Throws Error if it cannot be executed.
+  /// Starts |argv| in |where| (nullptr: where the caller is). Throws Error if it cannot be
+  /// executed.
   Process(const std::vector<std::string>& argv, const NetNamespace* where);
-  /// Kills and reaps the child if it still runs.
-  ~Process();
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
 
   /// Runs |argv| to its end with |input| on its standard input. Throws Error if it cannot be
   /// executed or is not done within |limit| (it is killed then); a bad exit status is the
@@ -60,30 +46,30 @@ class Process {
 
   /// Writes all of |text| to the child's standard input. False if the child no longer reads.
   bool write(const std::string& text);
-  void closeInput() { input_.reset(); }
 
-  [[nodiscard]] pid_t pid() const { return pid_; }
   /// The reading ends of the child's standard output and error; owned by this object.
-  [[nodiscard]] int outputFd() const { return output_.get(); }
-  [[nodiscard]] int errorsFd() const { return errors_.get(); }
+  [[nodiscard]] int outputFd() const { return output_.ours.get(); }
+  [[nodiscard]] int errorsFd() const { return errors_.ours.get(); }
 
-  void signal(int number) const;
+  [[nodiscard]] pid_t pid() const { return child_.pid(); }
+  void signal(int number) const { child_.signal(number); }
   /// Waits up to |limit|. False if the child still runs then.
-  bool waitFor(std::chrono::milliseconds limit = base::kPatience);
-  [[nodiscard]] bool ended() const { return reaped_; }
+  bool waitFor(std::chrono::milliseconds limit = base::kPatience) { return child_.waitFor(limit); }
   /// Valid once waitFor() returned true.
-  [[nodiscard]] const ExitStatus& status() const { return status_; }
+  [[nodiscard]] const base::ExitStatus& status() const { return child_.status(); }
 
  private:
-  void pump(const std::string& input, std::chrono::milliseconds limit, CommandResult& result);
+  struct Stream {
+    base::UniqueFd ours;
+    base::UniqueFd theirs;
+  };
+  static Stream inputStream();
+  static Stream outputStream();
 
-  pid_t pid_ = -1;
-  base::UniqueFd pidFd_;
-  base::UniqueFd input_;
-  base::UniqueFd output_;
-  base::UniqueFd errors_;
-  bool reaped_ = false;
-  ExitStatus status_;
+  Stream input_ = inputStream();
+  Stream output_ = outputStream();
+  Stream errors_ = outputStream();
+  base::ChildProcess child_;
 };
 
 }  // namespace lab

@@ -1,26 +1,17 @@
+// Adds and deletes idle-timer rules with iptables and ip6tables.
 #include "refhost/parent/Firewall.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <ctime>
+#include <vector>
 
-#include "base/ArgumentVector.h"
-#include "base/UniqueFd.h"
+#include "base/ChildProcess.h"
 #include "refhost/framework/HostLog.h"
 
 namespace parent {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kTimeLimit{10};
 constexpr int kTookTooLong = 124;
@@ -31,7 +22,7 @@ constexpr int kNotRun = Firewall::kNotRun;
 constexpr std::array kPrograms{"iptables", "ip6tables"};
 
 /// Where the two programs live on Debian and on Android.
-constexpr std::array kDirectories{"/usr/sbin/", "/sbin/", "/system/bin/"};
+constexpr char kPath[] = "/usr/sbin:/sbin:/system/bin";
 
 /// All that the programs see of an environment.
 std::vector<std::string> environment() {
@@ -41,98 +32,37 @@ std::vector<std::string> environment() {
   return result;
 }
 
-std::string findProgram(const std::string& name) {
-  for (const char* directory : kDirectories) {
-    std::string path = directory + name;
-    if (access(path.c_str(), X_OK) == 0) return path;
-  }
-  return kDirectories.front() + name;
-}
-
-/// Never returns: becomes the program, its standard error going to |errors|. Everything that
-/// needs memory has been prepared, since the caller may have threads.
-[[noreturn]] void become(const char* path, char* const* words, char* const* variables, int errors,
-                         pid_t parent) {
-  setpgid(0, 0);  // a terminal's signals are the host's business
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(kNotRun);
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  dup2(open("/dev/null", O_RDWR | O_CLOEXEC), STDIN_FILENO);
-  dup2(STDIN_FILENO, STDOUT_FILENO);
-  dup2(errors, STDERR_FILENO);
-  execve(path, words, variables);
-  _exit(kNotRun);
-}
-
-int millisecondsUntil(Clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return static_cast<int>(std::max<decltype(left)>(left, 0));
-}
-
-/// What the program says until it closes its standard error, at most until |deadline|.
-std::string readWords(int fd, Clock::time_point deadline) {
-  constexpr std::size_t kMost = 4096;
-  std::string said;
-  for (;;) {
-    pollfd waiting{fd, POLLIN, 0};
-    const int ready = poll(&waiting, 1, millisecondsUntil(deadline));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) return said;
-    std::array<char, 1024> bytes;
-    const ssize_t count = read(fd, bytes.data(), bytes.size());
-    if (count <= 0) return said;
-    if (said.size() < kMost) said.append(bytes.data(), static_cast<std::size_t>(count));
-  }
-}
-
-/// Waits for |child|, and kills it at |deadline|. Its exit code, kTookTooLong or kKilled.
-int await(pid_t child, Clock::time_point deadline) {
-  constexpr timespec kStep{0, 2'000'000};
-  int status = 0;
-  bool killed = false;
-  while (waitpid(child, &status, WNOHANG) == 0) {
-    if (!killed && millisecondsUntil(deadline) == 0) {
-      kill(child, SIGKILL);
-      killed = true;
-    }
-    nanosleep(&kStep, nullptr);
-  }
-  if (killed) return kTookTooLong;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : kKilled;
-}
-
 void ignoreComplaint(const std::string& /*text*/) {}
 
-int run(std::vector<std::string> words, const IdleTimerRule& rule,
-        const Firewall::Complain& complain) {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) return kNotRun;
-  const base::UniqueFd reading(ends[0]);
-  base::UniqueFd writing(ends[1]);
-  const std::string path = findProgram(words.front());
-  std::vector<std::string> variables = environment();
-  const std::vector<char*> arguments = base::argumentVector(words);
-  const std::vector<char*> environmentVector = base::argumentVector(variables);
-  const pid_t self = getpid();
-  const pid_t child = fork();
-  if (child == -1) return kNotRun;
-  if (child == 0) {
-    become(path.c_str(), arguments.data(), environmentVector.data(), writing.get(), self);
-  }
-  writing.reset();
-  const auto deadline = Clock::now() + kTimeLimit;
-  std::string said = readWords(reading.get(), deadline);
+int resultOf(const base::ProgramRun& run) {
+  if (run.error != 0) return kNotRun;
+  if (run.tookTooLong) return kTookTooLong;
+  return run.status.signal != 0 ? kKilled : run.status.code;
+}
+
+std::string reasonFor(int result, std::string said) {
+  if (result == kNotRun) return "it could not be run";
+  if (result == kTookTooLong) return "it took too long and was killed";
   while (!said.empty() && said.back() == '\n') said.pop_back();
-  const int code = await(child, deadline);
-  if (code != 0) {
-    complain(path + " failed with " + std::to_string(code) + " for " + rule.text() + ": " +
-             (code == kNotRun        ? "it could not be run"
-              : code == kTookTooLong ? "it took too long and was killed"
-                                     : said));
+  return said;
+}
+
+int run(const std::vector<std::string>& words, const IdleTimerRule& rule,
+        const Firewall::Complain& complain) {
+  base::Program program;
+  program.path = base::findProgram(words.front(), kPath);
+  if (program.path.empty()) program.path = "/usr/sbin/" + words.front();
+  program.words = words;
+  program.environment = environment();
+  program.descriptors =
+      base::Program::Descriptors::kInherited;  // the keeper's pipe: see RuleKeeper
+  const base::ProgramRun run = base::run(program, {}, kTimeLimit);
+  const int result = resultOf(run);
+  if (result != 0) {
+    complain(program.path + " failed with " + std::to_string(result) + " for " + rule.text() +
+             ": " + reasonFor(result, run.errors));
   }
-  return code;
+  return result;
 }
 
 }  // namespace

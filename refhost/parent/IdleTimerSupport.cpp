@@ -1,14 +1,15 @@
+// What the idle timers of mobile-data interfaces need, beside what the host itself does.
 #include "refhost/parent/IdleTimerSupport.h"
 
 #include <sched.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 
-#include "base/UniqueFd.h"
+#include "base/ChildProcess.h"
+#include "base/MemoryFile.h"
+#include "base/Patience.h"
 #include "refhost/parent/Firewall.h"
 
 namespace parent {
@@ -17,6 +18,7 @@ namespace {
 /// Timers have one list of names for the whole machine: nobody's interface is called that.
 constexpr IdleTimerRule kTrial{IdleTimerRule::Direction::kOutgoing, 1, {"zan-trial"}};
 
+constexpr char kNotKnown[] = "whether idle timers will work is not known: ";
 constexpr char kPrograms[] =
     "; iptables and ip6tables, with the target IDLETIMER, are in the package iptables";
 constexpr char kModule[] =
@@ -27,10 +29,8 @@ constexpr char kModule[] =
 /// nothing does.
 std::string tryRule() {
   if (unshare(CLONE_NEWNET) != 0) {
-    return std::string(
-               "whether idle timers will work is not known: no network namespace to try "
-               "a rule in: ") +
-           std::strerror(errno);
+    return std::string(kNotKnown) +
+           "no network namespace to try a rule in: " + std::strerror(errno);
   }
   std::string said;
   Firewall firewall([&](const std::string& complaint) { said += complaint; });
@@ -43,32 +43,18 @@ std::string tryRule() {
   return {};
 }
 
-std::string readAll(int fd) {
-  std::string text;
-  std::array<char, 1024> bytes;
-  for (;;) {
-    const ssize_t count = read(fd, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return text;
-    text.append(bytes.data(), static_cast<std::size_t>(count));
-  }
-}
-
 }  // namespace
 
 std::optional<std::string> missingIdleTimerSupport() {
-  std::array<int, 2> ends{};
-  if (pipe(ends.data()) != 0) return std::nullopt;
-  const base::UniqueFd reading(ends[0]);
-  base::UniqueFd writing(ends[1]);
-  const pid_t child = fork();
-  if (child == 0) {
+  const base::MemoryFile result;
+  base::ChildProcess trial([&result] {
     const std::string missing = tryRule();
-    _exit(write(writing.get(), missing.data(), missing.size()) >= 0 ? 0 : 1);
+    if (write(result.fd(), missing.data(), missing.size()) < 0) _exit(1);
+  });
+  if (trial.error() != 0 || !trial.waitFor(base::kPatience) || !trial.status().success()) {
+    return std::string(kNotKnown) + "the trial of a rule did not end";
   }
-  writing.reset();
-  const std::string missing = readAll(reading.get());
-  if (child > 0) waitpid(child, nullptr, 0);
+  const std::string missing = result.content();
   return missing.empty() ? std::nullopt : std::optional(missing);
 }
 

@@ -1,3 +1,4 @@
+// What every live test needs: a kernel that lets us, and a hotspot with the host on its gateway.
 #include "tests/live/LiveTest.h"
 
 #include <sched.h>
