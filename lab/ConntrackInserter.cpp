@@ -1,5 +1,7 @@
+// Puts made-up entries into a conntrack table.
 #include "lab/ConntrackInserter.h"
 
+#include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/nf_conntrack_tcp.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -12,38 +14,40 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string>
 
 #include "lab/Error.h"
 #include "lab/IpAddress.h"
 #include "lab/NetNamespace.h"
-#include "lab/NetlinkWriter.h"
 
 namespace lab {
 namespace {
 
-// As many acknowledgements as fit into a default receive buffer with room to spare.
+/// As many acknowledgements as fit into a default receive buffer with room to spare.
 constexpr std::size_t kBatch = 64;
+/// More than the longest request: TCP over IPv6.
+constexpr std::size_t kMostBytes = 512;
 
 bool isIcmp(std::uint8_t protocol) {
   return protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6;
 }
 
-void putIcmp(NetlinkWriter& message, std::uint8_t protocol, std::uint16_t identifier,
-             bool request) {
+void putIcmp(nlmsghdr* message, std::uint8_t protocol, std::uint16_t identifier,
+             std::uint16_t direction) {
+  const bool request = direction == CTA_TUPLE_ORIG;
   if (protocol == IPPROTO_ICMP) {
-    message.put8(CTA_PROTO_ICMP_TYPE, request ? ICMP_ECHO : ICMP_ECHOREPLY);
-    message.put8(CTA_PROTO_ICMP_CODE, 0);
-    message.put16(CTA_PROTO_ICMP_ID, identifier);
+    mnl_attr_put_u8(message, CTA_PROTO_ICMP_TYPE, request ? ICMP_ECHO : ICMP_ECHOREPLY);
+    mnl_attr_put_u8(message, CTA_PROTO_ICMP_CODE, 0);
+    mnl_attr_put_u16(message, CTA_PROTO_ICMP_ID, htons(identifier));
     return;
   }
-  message.put8(CTA_PROTO_ICMPV6_TYPE, request ? ICMP6_ECHO_REQUEST : ICMP6_ECHO_REPLY);
-  message.put8(CTA_PROTO_ICMPV6_CODE, 0);
-  message.put16(CTA_PROTO_ICMPV6_ID, identifier);
+  mnl_attr_put_u8(message, CTA_PROTO_ICMPV6_TYPE, request ? ICMP6_ECHO_REQUEST : ICMP6_ECHO_REPLY);
+  mnl_attr_put_u8(message, CTA_PROTO_ICMPV6_CODE, 0);
+  mnl_attr_put_u16(message, CTA_PROTO_ICMPV6_ID, htons(identifier));
 }
 
-void putTuple(NetlinkWriter& message, unsigned type, const ConntrackTuple& tuple,
+// |direction| { CTA_TUPLE_IP { source, destination }, CTA_TUPLE_PROTO { number, ports } }
+void putTuple(nlmsghdr* message, std::uint16_t direction, const ConntrackTuple& tuple,
               std::uint8_t protocol, std::uint16_t icmpIdentifier) {
   const IpAddress source(tuple.source);
   const IpAddress destination(tuple.destination);
@@ -52,54 +56,62 @@ void putTuple(NetlinkWriter& message, unsigned type, const ConntrackTuple& tuple
                 tuple.destination);
   }
   const bool ipv4 = source.family() == AF_INET;
-  const std::size_t outer = message.beginNest(type);
+  nlattr* const outer = mnl_attr_nest_start(message, direction);
 
-  const std::size_t addresses = message.beginNest(CTA_TUPLE_IP);
-  message.put(ipv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, source.bytes(), source.size());
-  message.put(ipv4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, destination.bytes(), destination.size());
-  message.endNest(addresses);
+  nlattr* const addresses = mnl_attr_nest_start(message, CTA_TUPLE_IP);
+  mnl_attr_put(message, ipv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, source.size(), source.bytes());
+  mnl_attr_put(message, ipv4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, destination.size(),
+               destination.bytes());
+  mnl_attr_nest_end(message, addresses);
 
-  const std::size_t transport = message.beginNest(CTA_TUPLE_PROTO);
-  message.put8(CTA_PROTO_NUM, protocol);
+  nlattr* const transport = mnl_attr_nest_start(message, CTA_TUPLE_PROTO);
+  mnl_attr_put_u8(message, CTA_PROTO_NUM, protocol);
   if (isIcmp(protocol)) {
-    putIcmp(message, protocol, icmpIdentifier, type == CTA_TUPLE_ORIG);
+    putIcmp(message, protocol, icmpIdentifier, direction);
   } else {
-    message.put16(CTA_PROTO_SRC_PORT, tuple.sourcePort);
-    message.put16(CTA_PROTO_DST_PORT, tuple.destinationPort);
+    mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(tuple.sourcePort));
+    mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(tuple.destinationPort));
   }
-  message.endNest(transport);
+  mnl_attr_nest_end(message, transport);
 
-  message.endNest(outer);
+  mnl_attr_nest_end(message, outer);
 }
 
 ConntrackTuple mirrored(const ConntrackTuple& tuple) {
   return ConntrackTuple{tuple.destination, tuple.source, tuple.destinationPort, tuple.sourcePort};
 }
 
+nlmsghdr* putHeader(char* room, std::uint16_t message, int family) {
+  nlmsghdr* const header = mnl_nlmsg_put_header(room);
+  header->nlmsg_type = static_cast<std::uint16_t>((NFNL_SUBSYS_CTNETLINK << 8U) | message);
+  header->nlmsg_flags = NLM_F_REQUEST;
+  auto* const body = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
+  body->nfgen_family = static_cast<std::uint8_t>(family);
+  body->version = NFNETLINK_V0;
+  return header;
+}
+
 // nlmsghdr | nfgenmsg | CTA_TUPLE_ORIG | CTA_TUPLE_REPLY | CTA_STATUS | CTA_TIMEOUT
 //   and for TCP CTA_PROTOINFO { CTA_PROTOINFO_TCP { CTA_PROTOINFO_TCP_STATE } }
-void putEntry(NetlinkWriter& message, const ConntrackInserter::Entry& entry,
-              std::uint32_t sequence) {
-  constexpr std::uint16_t kType = (NFNL_SUBSYS_CTNETLINK << 8U) | IPCTNL_MSG_CT_NEW;
-  constexpr std::uint16_t kFlags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
-  const int family = IpAddress(entry.original.source).family();
+std::size_t putEntry(char* room, const ConntrackInserter::Entry& entry, std::size_t sequence) {
   const std::uint16_t identifier = entry.original.sourcePort;
-
-  const std::size_t start = message.beginMessage(kType, kFlags, sequence);
-  message.append(nfgenmsg{static_cast<std::uint8_t>(family), NFNETLINK_V0, 0});
+  nlmsghdr* const message =
+      putHeader(room, IPCTNL_MSG_CT_NEW, IpAddress(entry.original.source).family());
+  message->nlmsg_flags |= NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+  message->nlmsg_seq = static_cast<std::uint32_t>(sequence);
   putTuple(message, CTA_TUPLE_ORIG, entry.original, entry.protocol, identifier);
   putTuple(message, CTA_TUPLE_REPLY, entry.reply.value_or(mirrored(entry.original)), entry.protocol,
            identifier);
-  message.put32(CTA_STATUS, IPS_CONFIRMED | IPS_SEEN_REPLY | IPS_ASSURED);
-  message.put32(CTA_TIMEOUT, entry.timeoutSeconds);
+  mnl_attr_put_u32(message, CTA_STATUS, htonl(IPS_CONFIRMED | IPS_SEEN_REPLY | IPS_ASSURED));
+  mnl_attr_put_u32(message, CTA_TIMEOUT, htonl(entry.timeoutSeconds));
   if (entry.protocol == IPPROTO_TCP) {
-    const std::size_t info = message.beginNest(CTA_PROTOINFO);
-    const std::size_t tcp = message.beginNest(CTA_PROTOINFO_TCP);
-    message.put8(CTA_PROTOINFO_TCP_STATE, TCP_CONNTRACK_ESTABLISHED);
-    message.endNest(tcp);
-    message.endNest(info);
+    nlattr* const info = mnl_attr_nest_start(message, CTA_PROTOINFO);
+    nlattr* const tcp = mnl_attr_nest_start(message, CTA_PROTOINFO_TCP);
+    mnl_attr_put_u8(message, CTA_PROTOINFO_TCP_STATE, TCP_CONNTRACK_ESTABLISHED);
+    mnl_attr_nest_end(message, tcp);
+    mnl_attr_nest_end(message, info);
   }
-  message.endMessage(start);
+  return message->nlmsg_len;
 }
 
 Error refusal(const ConntrackInserter::Entry& entry, int error) {
@@ -112,67 +124,55 @@ Error refusal(const ConntrackInserter::Entry& entry, int error) {
 
 }  // namespace
 
-ConntrackInserter::ConntrackInserter(const NetNamespace& where) {
-  where.run([this] {
-    socket_.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-    if (!socket_.valid()) throw systemError("cannot create a netfilter netlink socket");
-  });
+ConntrackInserter::ConntrackInserter(const NetNamespace& where)
+    : socket_(where.run(
+                  [] { return mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC | SOCK_NONBLOCK); }),
+              mnl_socket_close) {
+  if (!socket_) throw systemError("cannot create a netfilter netlink socket");
   // Acknowledgements without a copy of the request: more of them fit into the buffer.
-  const int on = 1;
-  ::setsockopt(socket_.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on);
+  int on = 1;
+  mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, &on, sizeof on);
 }
 
 void ConntrackInserter::insert(const std::vector<Entry>& entries) {
   for (std::size_t begin = 0; begin < entries.size(); begin += kBatch) {
-    const std::size_t end = std::min(begin + kBatch, entries.size());
-    sendBatch(entries, begin, end);
-    collectAcknowledgements(entries, begin, end);
+    insertBatch(entries, begin, std::min(begin + kBatch, entries.size()));
   }
 }
 
-void ConntrackInserter::sendBatch(const std::vector<Entry>& entries, std::size_t begin,
-                                  std::size_t end) {
-  NetlinkWriter messages;
-  for (std::size_t i = begin; i < end; ++i) {
-    putEntry(messages, entries[i], static_cast<std::uint32_t>(i));
-  }
-  if (!messages.send(socket_.get())) {
+// The kernel has worked through the whole batch when sendto() returns, and answers each message.
+void ConntrackInserter::insertBatch(const std::vector<Entry>& entries, std::size_t begin,
+                                    std::size_t end) {
+  alignas(nlmsghdr) std::array<char, kBatch * kMostBytes> requests{};
+  std::size_t size = 0;
+  for (std::size_t i = begin; i < end; ++i) size += putEntry(&requests.at(size), entries[i], i);
+  if (mnl_socket_sendto(socket_.get(), requests.data(), size) < 0) {
     throw systemError("cannot send conntrack entries to the kernel");
   }
+  std::optional<Error> failure;
+  for (std::size_t seen = begin; seen < end;) {
+    alignas(nlmsghdr) std::array<char, 8192> answers{};
+    const ssize_t got = mnl_socket_recvfrom(socket_.get(), answers.data(), answers.size());
+    if (got < 0) throw systemError("no acknowledgement of a conntrack entry");
+    int left = static_cast<int>(got);
+    const void* at = answers.data();
+    for (const auto* header = static_cast<const nlmsghdr*>(at); mnl_nlmsg_ok(header, left);
+         header = mnl_nlmsg_next(header, &left), ++seen) {
+      const int error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(header))->error;
+      if (error != 0 && !failure) failure = refusal(entries.at(header->nlmsg_seq), -error);
+    }
+  }
+  if (failure) throw Error(*failure);
 }
 
 // A deletion that names no entry is one of all; without an acknowledgement asked for, the kernel
 // has still worked through it when sendto() returns, and answers failures alone.
 void ConntrackInserter::removeAll() {
-  constexpr std::uint16_t kType = (NFNL_SUBSYS_CTNETLINK << 8U) | IPCTNL_MSG_CT_DELETE;
-  NetlinkWriter message;
-  const std::size_t start = message.beginMessage(kType, NLM_F_REQUEST, 0);
-  message.append(nfgenmsg{AF_UNSPEC, NFNETLINK_V0, 0});
-  message.endMessage(start);
-  if (!message.send(socket_.get())) throw systemError("cannot empty the conntrack table");
-}
-
-// The kernel has worked through the whole batch when sendto() returns, and answers each message.
-void ConntrackInserter::collectAcknowledgements(const std::vector<Entry>& entries,
-                                                std::size_t begin, std::size_t end) {
-  std::optional<Error> failure;
-  for (std::size_t seen = begin; seen < end;) {
-    alignas(nlmsghdr) std::array<char, 8192> buffer;
-    const ssize_t got = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (got < 0) throw systemError("no acknowledgement of a conntrack entry");
-    for (std::size_t at = 0; at + NLMSG_HDRLEN <= static_cast<std::size_t>(got);) {
-      nlmsghdr header{};
-      std::memcpy(&header, &buffer.at(at), sizeof header);
-      if (header.nlmsg_type == NLMSG_ERROR) {
-        int error = 0;
-        std::memcpy(&error, &buffer.at(at + NLMSG_HDRLEN), sizeof error);
-        if (error != 0 && !failure) failure = refusal(entries.at(header.nlmsg_seq), -error);
-        ++seen;
-      }
-      at += std::max<std::size_t>(NLMSG_ALIGN(header.nlmsg_len), NLMSG_HDRLEN);
-    }
+  alignas(nlmsghdr) std::array<char, kMostBytes> request{};
+  const nlmsghdr* const message = putHeader(request.data(), IPCTNL_MSG_CT_DELETE, AF_UNSPEC);
+  if (mnl_socket_sendto(socket_.get(), message, message->nlmsg_len) < 0) {
+    throw systemError("cannot empty the conntrack table");
   }
-  if (failure) throw Error(*failure);
 }
 
 }  // namespace lab

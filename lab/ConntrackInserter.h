@@ -1,12 +1,15 @@
+// Puts made-up entries into a conntrack table.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
-#include "base/UniqueFd.h"
 #include "lab/ConntrackTable.h"
+
+struct mnl_socket;
 
 namespace lab {
 
@@ -39,11 +42,9 @@ class ConntrackInserter {
   void removeAll();
 
  private:
-  void sendBatch(const std::vector<Entry>& entries, std::size_t begin, std::size_t end);
-  void collectAcknowledgements(const std::vector<Entry>& entries, std::size_t begin,
-                               std::size_t end);
+  void insertBatch(const std::vector<Entry>& entries, std::size_t begin, std::size_t end);
 
-  base::UniqueFd socket_;
+  std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_;
 };
 
 }  // namespace lab

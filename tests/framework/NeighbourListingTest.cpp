@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <libmnl/libmnl.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
@@ -10,7 +11,6 @@
 
 #include "base/UniqueFd.h"
 #include "host/ZanNetlinkSocket.h"
-#include "lab/NetlinkWriter.h"
 #include "refhost/framework/NeighbourListing.h"
 #include "refhost/framework/NetlinkMessages.h"
 
@@ -37,11 +37,9 @@ class NeighbourListingTest : public testing::Test {
   void announce(int neighbour) { take(neighbour, NUD_STALE, 0, std::nullopt); }
 
   void finish(std::uint16_t type) {
-    lab::NetlinkWriter end;
-    const std::size_t start = end.beginMessage(type, NLM_F_MULTI, kAnswer);
-    end.append(nlmsgerr{});
-    end.endMessage(start);
-    listing.take(header(end.bytes()));
+    nlmsghdr* const end = newMessage(type, kAnswer);
+    mnl_nlmsg_put_extra_header(end, sizeof(nlmsgerr));
+    listing.take(*end);
   }
 
   /// Who is handed on, in order.
@@ -69,18 +67,24 @@ class NeighbourListingTest : public testing::Test {
 
   void take(int neighbour, int state, std::uint32_t sequence,
             std::optional<std::uint32_t> updatedAgo) {
-    lab::NetlinkWriter message;
-    const std::size_t start = message.beginMessage(RTM_NEWNEIGH, 0, sequence);
-    ndmsg body{};
-    body.ndm_ifindex = neighbour;
-    body.ndm_state = static_cast<std::uint16_t>(state);
-    message.append(body);
+    nlmsghdr* const message = newMessage(RTM_NEWNEIGH, sequence);
+    auto* const body = static_cast<ndmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ndmsg)));
+    body->ndm_ifindex = neighbour;
+    body->ndm_state = static_cast<std::uint16_t>(state);
     nda_cacheinfo times{};
     times.ndm_updated = updatedAgo.value_or(0);
-    if (updatedAgo) message.put(NDA_CACHEINFO, &times, sizeof(times));
-    message.endMessage(start);
-    listing.take(header(message.bytes()));
+    if (updatedAgo) mnl_attr_put(message, NDA_CACHEINFO, sizeof(times), &times);
+    listing.take(*message);
   }
+
+  nlmsghdr* newMessage(std::uint16_t type, std::uint32_t sequence) {
+    nlmsghdr* const message = mnl_nlmsg_put_header(room.data());
+    message->nlmsg_type = type;
+    message->nlmsg_seq = sequence;
+    return message;
+  }
+
+  alignas(nlmsghdr) std::array<char, 256> room{};
 };
 
 TEST_F(NeighbourListingTest, HandsOnTheFreshestLastAndThenWhatHasChangedMeanwhile) {
