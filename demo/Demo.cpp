@@ -35,16 +35,6 @@ std::string inMs(std::chrono::steady_clock::duration time) {
   return std::to_string(std::chrono::duration_cast<milliseconds>(time).count()) + " ms";
 }
 
-std::size_t countSurvivors(const std::vector<lab::ConntrackEntry>& before,
-                           const std::vector<lab::ConntrackEntry>& now) {
-  return static_cast<std::size_t>(
-      std::count_if(before.begin(), before.end(), [&now](const lab::ConntrackEntry& entry) {
-        return std::any_of(now.begin(), now.end(), [&entry](const lab::ConntrackEntry& other) {
-          return entry.sameConnection(other);
-        });
-      }));
-}
-
 /// How many there are, and the first few of them.
 std::string list(const std::vector<lab::ConntrackEntry>& entries) {
   constexpr std::size_t kShown = 3;
@@ -232,7 +222,7 @@ void Demo::summarise() {
 
 void Demo::stopHost(lab::HostProcess& host, DemoReport& report) {
   report.act("The host is stopped (SIGTERM)");
-  const lab::ExitStatus status = host.stop(SIGTERM);
+  const base::ExitStatus status = host.stop(SIGTERM);
   report.check(status.success(), "it ended in order", "exit code 0", status.text());
 }
 
@@ -246,15 +236,9 @@ void Demo::endHost(lab::HostProcess* host) {
 }
 
 Demo::Entries Demo::entriesOf(std::size_t i, Entries* all) const {
-  const lab::HotspotNetwork::Client& client = network_->client(i);
-  const Entries table = lab::ConntrackTable::read(network_->gateway());
-  Entries result;
-  for (const lab::ConntrackEntry& entry : table) {
-    const bool mine = entry.concerns(client.ipv4) || entry.concerns(client.ipv6);
-    if (mine && entry.isTcpOrUdp()) result.push_back(entry);
-  }
+  const Entries table = lab::readConntrackTable(network_->gateway());
   if (all != nullptr) *all = table;
-  return result;
+  return network_->entriesOf(i, table);
 }
 
 void Demo::pauseUntil(Clock::time_point when) {

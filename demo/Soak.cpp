@@ -176,7 +176,7 @@ void Run::tellProgress() {
   for (const Kind& kind : kinds_) events += kind.played;
   report_.say("   " + to_string((Clock::now() - begin_) / seconds(1)) + " s: " + to_string(events) +
               " events, " + to_string(guests_.presentCount()) + " clients present, " +
-              to_string(lab::ConntrackTable::read(network_.gateway()).size()) +
+              to_string(lab::readConntrackTable(network_.gateway()).size()) +
               " entries in the table, " + to_string(host_.status().deletions.deleted) +
               " deleted so far");
 }

@@ -48,13 +48,7 @@ std::vector<std::size_t> SoakGuests::list(bool present) const {
 
 /// The TCP and UDP entries of client |i| now.
 SoakGuests::Entries SoakGuests::entriesOf(std::size_t i) const {
-  const lab::HotspotNetwork::Client& client = network_.client(i);
-  Entries entries = lab::ConntrackTable::read(network_.gateway());
-  std::erase_if(entries, [&](const lab::ConntrackEntry& entry) {
-    const bool mine = entry.concerns(client.ipv4) || entry.concerns(client.ipv6);
-    return !mine || !entry.isTcpOrUdp();
-  });
-  return entries;
+  return network_.entriesOf(i);
 }
 
 /// Its established TCP entries. A look that overlaps deletions may miss some, hence the second.

@@ -1,3 +1,4 @@
+// Where the build's other files are.
 #pragma once
 
 #include <filesystem>

@@ -1,6 +1,7 @@
+// The kernel's connection-tracking table, as the lab reads it.
 #pragma once
 
-#include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -27,9 +28,6 @@ struct ConntrackEntry {
   int family = 0;
   /// As the kernel names it: "tcp", "udp", "icmp", ..., "unknown".
   std::string protocol;
-  int protocolNumber = 0;
-  /// Until the entry dies by itself; 0 if the kernel prints none (offloaded connections).
-  std::int64_t timeoutSeconds = 0;
   /// "ESTABLISHED", ...; empty for protocols without states.
   std::string state;
   ConntrackTuple original;
@@ -47,21 +45,16 @@ struct ConntrackEntry {
   [[nodiscard]] std::string text() const;
 };
 
-/// The lab's own view of the kernel's table, independent of the plug-in's reading of it.
-class ConntrackTable {
- public:
-  /// The table of |where|, read to its end now. Entries that come or go meanwhile may be seen
-  /// or not. When entries go meanwhile, kernels before 6.16, which count their way through the
-  /// table from page to page, can also skip as many that stay: for a claim that something is
-  /// gone, look twice. Throws Error, also for a line that makes no sense.
-  [[nodiscard]] static std::vector<ConntrackEntry> read(const NetNamespace& where);
+using ConntrackEntries = std::vector<ConntrackEntry>;
 
-  /// The entries of |text|, which has the format of /proc/net/nf_conntrack. Throws Error.
-  [[nodiscard]] static std::vector<ConntrackEntry> parse(const std::string& text);
+/// The table of |where|, read to its end now, and not as the plug-in reads it. Entries that come or
+/// go meanwhile may be seen or not. When entries go meanwhile, kernels before 6.16, which count
+/// their way through the table from page to page, can also skip as many that stay: for a claim that
+/// something is gone, look twice. Throws Error, also for a line that makes no sense.
+[[nodiscard]] ConntrackEntries readConntrackTable(const NetNamespace& where);
 
-  /// Those of |entries| that concern |address| (any spelling).
-  [[nodiscard]] static std::vector<ConntrackEntry> concerning(
-      const std::vector<ConntrackEntry>& entries, const std::string& address);
-};
+/// How many of |before| are still among |now|.
+[[nodiscard]] std::size_t countSurvivors(const ConntrackEntries& before,
+                                         const ConntrackEntries& now);
 
 }  // namespace lab

@@ -1,3 +1,4 @@
+// What the lab throws.
 #include "lab/Error.h"
 
 #include <system_error>

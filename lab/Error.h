@@ -1,3 +1,4 @@
+// What the lab throws.
 #pragma once
 
 #include <cerrno>

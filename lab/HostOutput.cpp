@@ -1,3 +1,4 @@
+// What the host program says: its state and its log, both as JSON.
 #include "lab/HostOutput.h"
 
 #include <nlohmann/json.hpp>

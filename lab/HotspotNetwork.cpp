@@ -1,3 +1,4 @@
+// A hotspot of network namespaces.
 #include "lab/HotspotNetwork.h"
 
 #include <array>
@@ -26,11 +27,11 @@ std::string ipv6Net(std::size_t i) {
   return "2001:db8:43:" + hex(i, 1) + "::";
 }
 
-HotspotNetwork::Client describeClient(std::size_t i, bool ipv6Only) {
+HotspotNetwork::Client describeClient(std::size_t i, const std::set<std::size_t>& ipv6Only) {
   HotspotNetwork::Client client;
   client.name = i < 26 ? std::string(1, static_cast<char>('A' + i)) : "client" + std::to_string(i);
   client.mac = "02:00:00:00:43:" + hex(i + kFirstMacByte, 2);
-  if (!ipv6Only) client.ipv4 = ipv4Net(i) + "2";
+  if (!ipv6Only.contains(i)) client.ipv4 = ipv4Net(i) + "2";
   client.ipv6 = IpAddress::canonical(ipv6Net(i) + "2");
   client.gatewayInterface = "ap" + std::to_string(i);
   return client;
@@ -38,7 +39,7 @@ HotspotNetwork::Client describeClient(std::size_t i, bool ipv6Only) {
 
 // Defaults come from the machine's own settings, so each one that matters is set. Without
 // duplicate address detection an IPv6 address is usable at once.
-void prepareNamespace(const NetNamespace& where, bool router) {
+void prepareHost(const NetNamespace& where) {
   for (const char* scope : {"all", "default"}) {
     const std::string ipv4 = std::string("ipv4/conf/") + scope + "/";
     const std::string ipv6 = std::string("ipv6/conf/") + scope + "/";
@@ -47,7 +48,10 @@ void prepareNamespace(const NetNamespace& where, bool router) {
     where.setSysctl((ipv6 + "accept_dad").c_str(), "0");
     where.setSysctl((ipv6 + "accept_ra").c_str(), "0");
   }
-  if (!router) return;
+}
+
+void prepareRouter(const NetNamespace& where) {
+  prepareHost(where);
   where.setSysctl("ipv4/ip_forward", "1");
   where.setSysctl("ipv6/conf/all/forwarding", "1");
 }
@@ -69,14 +73,14 @@ HotspotNetwork::HotspotNetwork(const Options& options) {
   if (options.clients > kMaxClients) {
     throw Error("a hotspot of the lab has at most " + std::to_string(kMaxClients) + " clients");
   }
-  prepareNamespace(gateway_, true);
-  prepareNamespace(upstream_, false);
+  prepareRouter(gateway_);
+  prepareHost(upstream_);
   buildUpstream();
   buildFirewall();
   for (std::size_t i = 0; i < options.clients; ++i) {
-    clients_.push_back(describeClient(i, options.ipv6Only.count(i) != 0));
+    clients_.push_back(describeClient(i, options.ipv6Only));
     clientNamespaces_.emplace_back();
-    prepareNamespace(clientNamespaces_.back(), false);
+    prepareHost(clientNamespaces_.back());
     buildClient(i);
   }
 }
@@ -87,6 +91,19 @@ const NetNamespace& HotspotNetwork::clientNamespace(std::size_t i) const {
 
 const HotspotNetwork::Client& HotspotNetwork::client(std::size_t i) const {
   return clients_.at(i);
+}
+
+ConntrackEntries HotspotNetwork::entriesOf(std::size_t i) const {
+  return entriesOf(i, readConntrackTable(gateway_));
+}
+
+ConntrackEntries HotspotNetwork::entriesOf(std::size_t i, ConntrackEntries entries) const {
+  const Client& owner = client(i);
+  std::erase_if(entries, [&owner](const ConntrackEntry& entry) {
+    const bool isOwn = entry.concerns(owner.ipv4) || entry.concerns(owner.ipv6);
+    return !isOwn || !entry.isTcpOrUdp();
+  });
+  return entries;
 }
 
 void HotspotNetwork::detachClient(std::size_t i) const {

@@ -1,3 +1,4 @@
+// A hotspot of network namespaces.
 #pragma once
 
 #include <cstddef>
@@ -5,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "lab/ConntrackTable.h"
 #include "lab/NetNamespace.h"
 
 namespace lab {
@@ -58,6 +60,11 @@ class HotspotNetwork {
 
   [[nodiscard]] std::size_t clientCount() const { return clients_.size(); }
   [[nodiscard]] const Client& client(std::size_t i) const;
+
+  /// The TCP and UDP entries of client |i| in the gateway's table now (see readConntrackTable()).
+  [[nodiscard]] ConntrackEntries entriesOf(std::size_t i) const;
+  /// Those among |entries|.
+  [[nodiscard]] ConntrackEntries entriesOf(std::size_t i, ConntrackEntries entries) const;
 
   /// The client walks away: its end of the link goes down, the gateway keeps its own. None of
   /// the client's packets get out any more, and none reach it.

@@ -1,3 +1,4 @@
+// IP addresses in the one spelling of the lab.
 #include "lab/IpAddress.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// IP addresses in the one spelling of the lab.
 #pragma once
 
 #include <sys/socket.h>

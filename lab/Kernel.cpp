@@ -1,3 +1,4 @@
+// Which kernel runs here.
 #include "lab/Kernel.h"
 
 #include <sys/utsname.h>

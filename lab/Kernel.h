@@ -1,3 +1,4 @@
+// Which kernel runs here.
 #pragma once
 
 #include <string>

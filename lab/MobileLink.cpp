@@ -1,3 +1,4 @@
+// A mobile-data interface and the network behind it.
 #include "lab/MobileLink.h"
 
 #include <sys/socket.h>

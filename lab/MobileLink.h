@@ -1,3 +1,4 @@
+// A mobile-data interface and the network behind it.
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,4 @@
+// A network namespace without a name.
 #include "lab/NetNamespace.h"
 
 #include <fcntl.h>

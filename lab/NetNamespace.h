@@ -1,3 +1,4 @@
+// A network namespace without a name.
 #pragma once
 
 #include <functional>

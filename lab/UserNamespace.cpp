@@ -1,3 +1,4 @@
+// What lets the lab run without root.
 #include "lab/UserNamespace.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// What lets the lab run without root.
 #pragma once
 
 namespace lab {

@@ -23,7 +23,7 @@ void prepareForLiveTests() {
   try {
     lab::UserNamespace::enterIfNeeded();
     const lab::HotspotNetwork probe({.clients = 1, .ipv6Only = {}});
-    static_cast<void>(lab::ConntrackTable::read(probe.gateway()));
+    static_cast<void>(lab::readConntrackTable(probe.gateway()));
   } catch (const lab::Error& error) {
     obstacle = error.what();
   }
@@ -120,17 +120,6 @@ void Hotspot::reportClients(const std::set<std::size_t>& present) {
 void Hotspot::lose(std::size_t i) {
   network.detachClient(i);
   reportClients({});
-}
-
-Hotspot::Entries Hotspot::entriesOf(std::size_t i) const {
-  const auto& client = network.client(i);
-  Entries mine;
-  for (const auto& entry : table()) {
-    const bool concerns =
-        entry.concerns(client.ipv6) || (!client.ipv4.empty() && entry.concerns(client.ipv4));
-    if (entry.isTcpOrUdp() && concerns) mine.push_back(entry);
-  }
-  return mine;
 }
 
 bool Hotspot::awaitDeletions(std::size_t count) {

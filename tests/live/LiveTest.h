@@ -50,7 +50,7 @@ lab::HostProcess::Options hostOptions(std::vector<std::string> properties,
 /// A hotspot whose gateway runs the host; connections are opened on demand.
 class Hotspot {
  public:
-  using Entries = std::vector<lab::ConntrackEntry>;
+  using Entries = lab::ConntrackEntries;
   using Clock = std::chrono::steady_clock;
 
   explicit Hotspot(lab::HotspotNetwork::Options options = {},
@@ -67,8 +67,8 @@ class Hotspot {
   void lose(std::size_t i);
 
   /// The TCP and UDP entries of client |i| now.
-  [[nodiscard]] Entries entriesOf(std::size_t i) const;
-  [[nodiscard]] Entries table() const { return lab::ConntrackTable::read(network.gateway()); }
+  [[nodiscard]] Entries entriesOf(std::size_t i) const { return network.entriesOf(i); }
+  [[nodiscard]] Entries table() const { return lab::readConntrackTable(network.gateway()); }
 
   /// Waits until the kernel has confirmed |count| deletions in all. When there is nothing more to
   /// delete, the table stands still then.
