@@ -13,7 +13,7 @@
 #include "base/Deadline.h"
 #include "base/Patience.h"
 #include "lab/Error.h"
-#include "lab/IpAddress.h"
+#include "lab/Socket.h"
 
 namespace lab {
 namespace {
@@ -48,7 +48,7 @@ ClientConnections::ClientConnections(const HotspotNetwork& network, std::size_t 
 
 void ClientConnections::open(const HotspotNetwork& network, std::size_t client, int type,
                              const std::string& server, std::uint16_t port) {
-  const IpAddress address(server);
+  const SocketAddress address(server, port);
   const bool stream = type == SOCK_STREAM;
   Connection connection;
   connection.stream = stream;
@@ -65,9 +65,7 @@ void ClientConnections::open(const HotspotNetwork& network, std::size_t client, 
     const linger reset{1, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   }
-  sockaddr_storage storage{};
-  const socklen_t length = address.toSockaddr(port, storage);
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&storage), length) != 0) {
+  if (::connect(fd, address.get(), address.size()) != 0) {
     throw systemError("cannot open the " + connection.description, errno,
                       "does the gateway forward, is the echo server running?");
   }

@@ -17,8 +17,8 @@
 #include <string>
 
 #include "lab/Error.h"
-#include "lab/IpAddress.h"
 #include "lab/NetNamespace.h"
+#include "lab/Socket.h"
 
 namespace lab {
 namespace {
@@ -49,8 +49,8 @@ void putIcmp(nlmsghdr* message, std::uint8_t protocol, std::uint16_t identifier,
 // |direction| { CTA_TUPLE_IP { source, destination }, CTA_TUPLE_PROTO { number, ports } }
 void putTuple(nlmsghdr* message, std::uint16_t direction, const ConntrackTuple& tuple,
               std::uint8_t protocol, std::uint16_t icmpIdentifier) {
-  const IpAddress source(tuple.source);
-  const IpAddress destination(tuple.destination);
+  const SocketAddress source(tuple.source);
+  const SocketAddress destination(tuple.destination);
   if (source.family() != destination.family()) {
     throw Error("a conntrack tuple with addresses of two families: " + tuple.source + " and " +
                 tuple.destination);
@@ -59,9 +59,9 @@ void putTuple(nlmsghdr* message, std::uint16_t direction, const ConntrackTuple& 
   nlattr* const outer = mnl_attr_nest_start(message, direction);
 
   nlattr* const addresses = mnl_attr_nest_start(message, CTA_TUPLE_IP);
-  mnl_attr_put(message, ipv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, source.size(), source.bytes());
-  mnl_attr_put(message, ipv4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, destination.size(),
-               destination.bytes());
+  mnl_attr_put(message, ipv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, source.ipSize(), source.ip());
+  mnl_attr_put(message, ipv4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, destination.ipSize(),
+               destination.ip());
   mnl_attr_nest_end(message, addresses);
 
   nlattr* const transport = mnl_attr_nest_start(message, CTA_TUPLE_PROTO);
@@ -96,7 +96,7 @@ nlmsghdr* putHeader(char* room, std::uint16_t message, int family) {
 std::size_t putEntry(char* room, const ConntrackInserter::Entry& entry, std::size_t sequence) {
   const std::uint16_t identifier = entry.original.sourcePort;
   nlmsghdr* const message =
-      putHeader(room, IPCTNL_MSG_CT_NEW, IpAddress(entry.original.source).family());
+      putHeader(room, IPCTNL_MSG_CT_NEW, SocketAddress(entry.original.source).family());
   message->nlmsg_flags |= NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
   message->nlmsg_seq = static_cast<std::uint32_t>(sequence);
   putTuple(message, CTA_TUPLE_ORIG, entry.original, entry.protocol, identifier);

@@ -13,8 +13,8 @@
 #include "base/MemoryFile.h"
 #include "base/UniqueFd.h"
 #include "lab/Error.h"
-#include "lab/IpAddress.h"
 #include "lab/NetNamespace.h"
+#include "lab/Socket.h"
 
 namespace lab {
 namespace {
@@ -33,11 +33,11 @@ std::uint16_t toPort(const std::string& text, const std::string& line) {
 void applyPair(const std::string& key, const std::string& value, ConntrackEntry& entry) {
   if (key == "src") {
     ConntrackTuple& tuple = entry.original.source.empty() ? entry.original : entry.reply;
-    tuple.source = IpAddress::canonical(value);
+    tuple.source = canonicalIp(value);
     return;
   }
   ConntrackTuple& tuple = entry.reply.source.empty() ? entry.original : entry.reply;
-  if (key == "dst") tuple.destination = IpAddress::canonical(value);
+  if (key == "dst") tuple.destination = canonicalIp(value);
   if (key == "sport") tuple.sourcePort = toPort(value, entry.line);
   if (key == "dport") tuple.destinationPort = toPort(value, entry.line);
 }

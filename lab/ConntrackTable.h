@@ -12,7 +12,7 @@ class NetNamespace;
 
 /// One direction of a tracked connection, as its packets look on their way in.
 struct ConntrackTuple {
-  /// In the spelling of IpAddress::canonical().
+  /// In the spelling of canonicalIp().
   std::string source;
   std::string destination;
   /// Host order; 0 for protocols without ports.

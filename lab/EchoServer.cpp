@@ -1,7 +1,6 @@
 // The upstream server.
 #include "lab/EchoServer.h"
 
-#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -10,8 +9,8 @@
 #include <cerrno>
 
 #include "lab/Error.h"
-#include "lab/IpAddress.h"
 #include "lab/NetNamespace.h"
+#include "lab/Socket.h"
 
 namespace lab {
 namespace {
@@ -20,17 +19,7 @@ constexpr std::size_t kChunk = 65536;
 constexpr int kBacklog = 1024;
 
 base::UniqueFd openSocket(int family, int type, std::uint16_t port) {
-  base::UniqueFd fd(::socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!fd.valid()) throw systemError("cannot create a socket for the echo server");
-  const int on = 1;
-  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (family == AF_INET6) ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  sockaddr_storage address{};
-  const socklen_t length =
-      IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(port, address);
-  if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
-    throw systemError("cannot bind the echo server to port " + std::to_string(port));
-  }
+  base::UniqueFd fd = boundSocket(family, type | SOCK_NONBLOCK, port);
   if (type == SOCK_STREAM && ::listen(fd.get(), kBacklog) != 0) {
     throw systemError("the echo server cannot listen");
   }
@@ -60,14 +49,8 @@ EchoServer::~EchoServer() {
 
 void EchoServer::sendDatagram(const std::string& address, std::uint16_t port,
                               const std::string& payload) const {
-  const IpAddress to(address);
-  sockaddr_storage storage{};
-  const socklen_t length = to.toSockaddr(port, storage);
-  const int fd = to.family() == AF_INET ? udp4_.get() : udp6_.get();
-  if (::sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<const sockaddr*>(&storage),
-               length) < 0) {
-    throw systemError("the server cannot send a datagram to " + address);
-  }
+  const SocketAddress to(address, port);
+  lab::sendDatagram(to.family() == AF_INET ? udp4_.get() : udp6_.get(), to, payload);
 }
 
 void EchoServer::watch(int fd) const {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace lab {
 
@@ -15,7 +16,10 @@ class Error : public std::runtime_error {
 };
 
 /// "|what|: <text of |error|>", followed by " (|advice|)" unless that is empty.
-[[nodiscard]] Error systemError(const std::string& what, int error = errno,
-                                const std::string& advice = {});
+[[nodiscard]] inline Error systemError(const std::string& what, int error = errno,
+                                       const std::string& advice = {}) {
+  const std::string text = what + ": " + std::generic_category().message(error);
+  return Error(advice.empty() ? text : text + " (" + advice + ")");
+}
 
 }  // namespace lab

@@ -58,22 +58,13 @@ HostState HostState::parse(const std::string& answer) {
 }
 
 HostLogLine HostLogLine::parse(const std::string& line) {
-  HostLogLine result;
-  result.received = std::chrono::steady_clock::now();
-  const nlohmann::json json = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
-  if (!json.is_object()) {
-    result.text = line;
-    return result;
-  }
+  const auto now = std::chrono::steady_clock::now();
   try {
-    result.time = json.at("time").get<std::string>();
-    result.level = json.at("level").get<int>();
-    result.module = json.at("module").get<std::string>();
-    result.text = json.at("text").get<std::string>();
+    const nlohmann::json json = nlohmann::json::parse(line);
+    return {now, json.at("module").get<std::string>(), json.at("text").get<std::string>()};
   } catch (const nlohmann::json::exception&) {
-    result = HostLogLine{result.received, "", -1, "", line};
+    return {now, "", line};
   }
-  return result;
 }
 
 }  // namespace lab

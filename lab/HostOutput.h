@@ -53,10 +53,8 @@ struct HostState {
 struct HostLogLine {
   /// When the lab received it.
   std::chrono::steady_clock::time_point received;
-  /// As the host wrote it. A line that is no JSON object (a sanitizer's report, say) has
-  /// level -1, no time and no module, and is the text as a whole.
-  std::string time;
-  int level = -1;
+  /// Who says so: "HOST" for the program itself. Empty for a line that is no JSON object (a
+  /// sanitizer's report, say), which is the text as a whole.
   std::string module;
   std::string text;
 

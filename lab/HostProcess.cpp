@@ -48,6 +48,7 @@ bool isComplaint(const HostProcess::LogLine& line) {
 HostProcess::HostProcess(const Options& options, const NetNamespace& where)
     : process_(commandLine(options), &where),
       keepLine_(options.keepLine),
+      end_(options.end),
       stopCollecting_(::eventfd(0, EFD_CLOEXEC)) {
   if (!stopCollecting_.valid()) throw systemError("cannot create an eventfd");
   collector_ = std::thread([this] { collect(); });
@@ -59,6 +60,10 @@ HostProcess::HostProcess(const Options& options, const NetNamespace& where)
 }
 
 HostProcess::~HostProcess() {
+  if (end_ == Options::End::kInOrder) {
+    process_.signal(SIGTERM);
+    process_.waitFor();
+  }
   killAndJoin();
 }
 
@@ -199,7 +204,7 @@ std::string HostProcess::logTail() const {
   std::string text;
   const std::size_t first = log_.size() > kTailLines ? log_.size() - kTailLines : 0;
   for (std::size_t i = first; i < log_.size(); ++i) {
-    text += "\n  " + log_[i].module + " " + std::to_string(log_[i].level) + " " + log_[i].text;
+    text += "\n  " + log_[i].module + " " + log_[i].text;
   }
   return text;
 }

@@ -38,6 +38,9 @@ class HostProcess {
     std::function<bool(const std::string& line)> keepLine;
     /// Further command line words.
     std::vector<std::string> arguments;
+    /// What becomes of a host that still runs when its HostProcess goes. Ended in order (SIGTERM),
+    /// it deletes its rules first, and with them idle timers, which all of the machine can see.
+    enum class End { kKilled, kInOrder } end = End::kKilled;
   };
 
   using LogLine = HostLogLine;
@@ -46,7 +49,7 @@ class HostProcess {
   /// Starts the host and returns when it reports that it is ready. Throws Error, with what the
   /// host logged, if it does not.
   HostProcess(const Options& options, const NetNamespace& where);
-  /// Kills the host if it still runs.
+  /// See Options::end.
   ~HostProcess();
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
@@ -86,6 +89,7 @@ class HostProcess {
 
   Process process_;
   std::function<bool(const std::string&)> keepLine_;
+  Options::End end_;
   base::UniqueFd stopCollecting_;
 
   mutable std::mutex mutex_;

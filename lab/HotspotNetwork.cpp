@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "lab/Error.h"
-#include "lab/IpAddress.h"
 #include "lab/Process.h"
+#include "lab/Socket.h"
 
 namespace lab {
 namespace {
@@ -32,7 +32,7 @@ HotspotNetwork::Client describeClient(std::size_t i, const std::set<std::size_t>
   client.name = i < 26 ? std::string(1, static_cast<char>('A' + i)) : "client" + std::to_string(i);
   client.mac = "02:00:00:00:43:" + hex(i + kFirstMacByte, 2);
   if (!ipv6Only.contains(i)) client.ipv4 = ipv4Net(i) + "2";
-  client.ipv6 = IpAddress::canonical(ipv6Net(i) + "2");
+  client.ipv6 = canonicalIp(ipv6Net(i) + "2");
   client.gatewayInterface = "ap" + std::to_string(i);
   return client;
 }

@@ -44,7 +44,7 @@ class HotspotNetwork {
     std::string mac;
     /// Empty if the client is IPv6-only.
     std::string ipv4;
-    /// In the spelling of IpAddress::canonical().
+    /// In the spelling of canonicalIp().
     std::string ipv6;
     /// The gateway's end of the client's link.
     std::string gatewayInterface;

@@ -6,10 +6,10 @@
 
 #include <atomic>
 #include <fstream>
+#include <sstream>
 
-#include "lab/Error.h"
-#include "lab/IpAddress.h"
 #include "lab/Process.h"
+#include "lab/Socket.h"
 
 namespace lab {
 namespace {
@@ -24,41 +24,9 @@ std::string uniqueName() {
   return "ww" + std::to_string(::getpid()) + "n" + std::to_string(count++);
 }
 
-/// Bound to kPort of every address of |where|, also while others are.
-base::UniqueFd openPort(const NetNamespace& where, int family) {
-  base::UniqueFd fd =
-      where.run([&] { return base::UniqueFd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)); });
-  const int on = 1;
-  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_storage any{};
-  const socklen_t length = IpAddress(family == AF_INET ? "0.0.0.0" : "::").toSockaddr(kPort, any);
-  if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&any), length) != 0) {
-    throw systemError("cannot bind the discard port");
-  }
-  return fd;
-}
-
-void sendDatagram(const base::UniqueFd& from, const std::string& to) {
-  sockaddr_storage target{};
-  const socklen_t length = IpAddress(to).toSockaddr(kPort, target);
-  const auto* destination = reinterpret_cast<const sockaddr*>(&target);
-  if (::sendto(from.get(), "x", 1, 0, destination, length) != 1) {
-    throw systemError("cannot send to " + to);
-  }
-}
-
 /// For ip(8). Who knows its neighbour sends no packets of its own to find it (RFC 4861).
 std::string knowNeighbour(const std::string& address, const char* mac, const std::string& device) {
   return "neigh replace " + address + " lladdr " + mac + " dev " + device + " nud permanent\n";
-}
-
-std::size_t linesWith(const std::string& text, const std::string& word) {
-  std::size_t count = 0;
-  for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos; ++count) {
-    at = text.find('\n', at);
-    if (at == std::string::npos) return count + 1;
-  }
-  return count;
 }
 
 }  // namespace
@@ -79,8 +47,9 @@ MobileLink::MobileLink(const NetNamespace& gateway, std::size_t index)
                                     "2/64 dev net0 nodad\n" +
                                     knowNeighbour(ipv6Net_ + "1", kGatewayMac, "net0"));
   for (const int family : {AF_INET, AF_INET6}) {
-    gatewayPorts_[family] = openPort(gateway_, family);
-    networkPorts_[family] = openPort(network_, family);
+    const auto open = [family] { return boundSocket(family, SOCK_DGRAM, kPort); };
+    gatewayPorts_[family] = gateway_.run(open);
+    networkPorts_[family] = network_.run(open);
   }
 }
 
@@ -103,11 +72,13 @@ void MobileLink::remove() const {
 }
 
 void MobileLink::sendOut(int family) const {
-  sendDatagram(gatewayPorts_.at(family), (family == AF_INET ? ipv4Net_ : ipv6Net_) + "2");
+  const std::string& net = family == AF_INET ? ipv4Net_ : ipv6Net_;
+  sendDatagram(gatewayPorts_.at(family).get(), SocketAddress(net + "2", kPort), "x");
 }
 
 void MobileLink::sendIn(int family) const {
-  sendDatagram(networkPorts_.at(family), (family == AF_INET ? ipv4Net_ : ipv6Net_) + "1");
+  const std::string& net = family == AF_INET ? ipv4Net_ : ipv6Net_;
+  sendDatagram(networkPorts_.at(family).get(), SocketAddress(net + "1", kPort), "x");
 }
 
 std::optional<int> MobileLink::remainingSeconds() const {
@@ -120,7 +91,10 @@ std::optional<int> MobileLink::remainingSeconds() const {
 std::size_t MobileLink::rules() const {
   std::size_t count = 0;
   for (const char* program : {"iptables", "ip6tables"}) {
-    count += linesWith(Process::runChecked({program, "-t", "mangle", "-S"}, &gateway_), name_);
+    std::istringstream rules(Process::runChecked({program, "-t", "mangle", "-S"}, &gateway_));
+    for (std::string rule; std::getline(rules, rule);) {
+      if (rule.find(name_) != std::string::npos) ++count;
+    }
   }
   return count;
 }
