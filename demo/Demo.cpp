@@ -1,17 +1,14 @@
+// The system's first job: what is left of clients and addresses that are gone.
 #include "demo/Demo.h"
 
 #include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <cstdio>
-#include <thread>
+#include <string>
 #include <utility>
-
-#include "lab/Error.h"
 
 namespace demo {
 namespace {
 
+using std::to_string;
 using std::chrono::milliseconds;
 
 constexpr std::size_t kA = 0;
@@ -24,19 +21,20 @@ constexpr milliseconds kStragglerDelay{2000};
 /// From the departure to the first repeated flush, at least.
 constexpr milliseconds kFlushPause{5000};
 
-std::atomic<bool> stopRequested{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
-
 std::string entriesText(std::size_t n) {
-  return std::to_string(n) + (n == 1 ? " entry" : " entries");
+  return to_string(n) + (n == 1 ? " entry" : " entries");
+}
+
+std::string same(std::size_t n) {
+  return to_string(n) + " the same";
 }
 
 std::string inMs(std::chrono::steady_clock::duration time) {
-  return std::to_string(std::chrono::duration_cast<milliseconds>(time).count()) + " ms";
+  return to_string(std::chrono::duration_cast<milliseconds>(time).count()) + " ms";
 }
 
 /// How many there are, and the first few of them.
-std::string list(const std::vector<lab::ConntrackEntry>& entries) {
+std::string list(const lab::ConntrackEntries& entries) {
   constexpr std::size_t kShown = 3;
   std::string text = entriesText(entries.size());
   for (std::size_t i = 0; i < std::min(kShown, entries.size()); ++i) {
@@ -47,17 +45,6 @@ std::string list(const std::vector<lab::ConntrackEntry>& entries) {
 
 }  // namespace
 
-Demo::Demo(lab::HostProcess::Options host, DemoReport& report)
-    : hostOptions_(std::move(host)), report_(report) {}
-
-void Demo::requestStop() {
-  stopRequested = true;
-}
-
-bool Demo::stopIsRequested() {
-  return stopRequested;
-}
-
 void Demo::run() {
   introduce();
   raise();
@@ -66,7 +53,7 @@ void Demo::run() {
   straggle();
   loseUpstream();
   summarise();
-  stopHost(*host_, report_);
+  report_.endHost(*host_);
 }
 
 void Demo::introduce() const {
@@ -88,72 +75,70 @@ void Demo::introduce() const {
 void Demo::raise() {
   report_.act("The hotspot is raised and the host loads the plug-in");
   const Clock::time_point begin = Clock::now();
-  network_ = std::make_unique<lab::HotspotNetwork>();
-  server_ = std::make_unique<lab::EchoServer>(network_->upstream());
+  network_.emplace();
+  server_.emplace(network_->upstream());
   report_.observe(Clock::now(), "hotspot raised, in " + inMs(Clock::now() - begin));
 
   // The host starts before any client speaks: it learns addresses only from what it hears.
-  host_ = std::make_unique<lab::HostProcess>(hostOptions_, network_->gateway());
+  host_.emplace(hostOptions_, network_->gateway());
   report_.observe(Clock::now(), "host ready, plug-in loaded");
   host_->command("clients " + network_->client(kA).mac + " " + network_->client(kB).mac);
   report_.say("   raised in " + inMs(Clock::now() - begin) + ", the host knows clients A and B");
 }
 
 void Demo::openConnections() {
-  report_.act("Both clients open " + std::to_string(kPerKind) + " connections of each kind");
-  connectionsA_ =
-      std::make_unique<lab::ClientConnections>(*network_, kA, kPerKind, server_->port());
-  connectionsB_ =
-      std::make_unique<lab::ClientConnections>(*network_, kB, kPerKind, server_->port());
+  report_.act("Both clients open " + to_string(kPerKind) + " connections of each kind");
+  connectionsA_.emplace(*network_, kA, kPerKind, server_->port());
+  connectionsB_.emplace(*network_, kB, kPerKind, server_->port());
   report_.observe(Clock::now(), "clients A and B have all their connections open");
   awaitNeighbours();
 
-  Entries all;
-  const Entries a = entriesOf(kA, &all);
-  const Entries b = entriesOf(kB);
+  const Entries all = lab::readConntrackTable(network_->gateway());
+  const std::size_t a = network_->entriesOf(kA, all).size();
+  const std::size_t b = network_->entriesOf(kB, all).size();
   report_.table(*network_, all);
-  const std::string expected = entriesText(kPerClient) + " each";
-  report_.check(a.size() == kPerClient && b.size() == kPerClient,
-                "the kernel tracks every connection", expected,
-                std::to_string(a.size()) + " of A and " + std::to_string(b.size()) + " of B");
+  report_.check(a == kPerClient && b == kPerClient, "the kernel tracks every connection",
+                entriesText(kPerClient) + " each",
+                to_string(a) + " of A and " + to_string(b) + " of B");
 }
 
 void Demo::leave() {
   report_.act("Client A walks away: its link goes down, the host is told (event 27)");
-  const Entries before = entriesOf(kB);
-  vanished_ += entriesOf(kA).size();
+  const Entries before = network_->entriesOf(kB);
+  vanished_ += network_->entriesOf(kA).size();
   network_->detachClient(kA);
   connectionsA_->abandon();
 
   departure_ = Clock::now();
   report_.observe(departure_, "client A has left: event 27, the clients are now: B");
   host_->command("clients " + network_->client(kB).mac);
-  const auto gone = pollUntilNone([this] { return entriesOf(kA); });
+  const auto gone = untilNone([this] { return network_->entriesOf(kA); });
   awaitAnswers();
-  Entries all;
-  const Entries left = entriesOf(kA, &all);
+  const Entries all = lab::readConntrackTable(network_->gateway());
+  const Entries left = network_->entriesOf(kA, all);
   report_.check(gone.has_value() && left.empty(), "every TCP and UDP entry of A is deleted",
                 "none left", gone ? "after " + inMs(*gone - departure_) : list(left));
   report_.observe(*gone, "the kernel's table has no TCP or UDP entry of A any more");
   report_.table(*network_, all);
 
-  const std::size_t kept = countSurvivors(before, entriesOf(kB));
-  report_.check(kept == kPerClient, "B's entries are the same as before",
-                std::to_string(kPerClient) + " the same", std::to_string(kept) + " the same");
+  const std::size_t kept = lab::countSurvivors(before, network_->entriesOf(kB));
+  report_.check(kept == kPerClient, "B's entries are the same as before", same(kPerClient),
+                same(kept));
   const std::size_t echoed = connectionsB_->exchange();
   report_.check(echoed == kPerClient, "B's connections still carry data",
-                std::to_string(kPerClient) + " echoes", std::to_string(echoed) + " echoes");
+                to_string(kPerClient) + " echoes", to_string(echoed) + " echoes");
   report_.observe(Clock::now(), "all connections of B echoed new data");
 }
 
 void Demo::straggle() {
   report_.act("Two seconds later a late datagram for A arrives from the server");
-  pauseUntil(departure_ + kStragglerDelay);
-  report_.check(entriesOf(kA).empty(), "A's entries are still gone", "none", list(entriesOf(kA)));
+  const auto ofA = [this] { return network_->entriesOf(kA); };
+  waiting_.until(departure_ + kStragglerDelay);
+  report_.check(ofA().empty(), "A's entries are still gone", "none", list(ofA()));
   server_->sendDatagram(network_->client(kA).ipv6, kStragglerPort, "late");
   Entries late;
-  const auto came = poll([&] {
-    late = entriesOf(kA);
+  const auto came = waiting_.until([&] {
+    late = ofA();
     return !late.empty();
   });
   report_.check(came.has_value() && late.size() == 1, "the kernel has made a new entry for it",
@@ -161,46 +146,39 @@ void Demo::straggle() {
   report_.observe(*came, "a late datagram from the server made a new entry for A");
   vanished_ += late.size();
 
-  const auto gone = pollUntilNone([this] { return entriesOf(kA); });
-  report_.check(
-      gone && *gone - departure_ >= kFlushPause, "a repeated flush has removed it",
-      "gone " + inMs(kFlushPause) + " or more after the departure",
-      gone ? "gone " + inMs(*gone - departure_) + " after the departure" : list(entriesOf(kA)));
+  const auto gone = untilNone(ofA);
+  report_.check(gone && *gone - departure_ >= kFlushPause, "a repeated flush has removed it",
+                "gone " + inMs(kFlushPause) + " or more after the departure",
+                gone ? "gone " + inMs(*gone - departure_) + " after the departure" : list(ofA()));
   report_.observe(*gone, "a repeated flush has removed the late entry");
 }
 
 void Demo::loseUpstream() {
   const std::string lost = lab::HotspotNetwork::kGatewayIpv4;
   report_.act("The upstream address " + lost + " is lost (event 28)");
-  const auto ofFamily = [this](int family) {
-    Entries entries = entriesOf(kB);
-    std::erase_if(entries, [family](const lab::ConntrackEntry& e) { return e.family != family; });
-    return entries;
-  };
-  const Entries natted = ofFamily(4);
-  const Entries routed = ofFamily(6);
-  const auto behindLost = static_cast<std::size_t>(std::count_if(
-      natted.begin(), natted.end(),
-      [&lost](const lab::ConntrackEntry& entry) { return entry.reply.destination == lost; }));
-  report_.check(
-      behindLost == kPerClient / 2 && routed.size() == kPerClient / 2,
-      "B has entries behind that address, and others",
-      std::to_string(kPerClient / 2) + " IPv4 behind it, as many IPv6",
-      std::to_string(behindLost) + " IPv4 behind it, " + std::to_string(routed.size()) + " IPv6");
+  const Entries natted = entriesOfB(4);
+  const Entries routed = entriesOfB(6);
+  const auto behindLost = static_cast<std::size_t>(
+      std::count_if(natted.begin(), natted.end(),
+                    [&lost](const auto& entry) { return entry.reply.destination == lost; }));
+  report_.check(behindLost == kPerClient / 2 && routed.size() == kPerClient / 2,
+                "B has entries behind that address, and others",
+                to_string(kPerClient / 2) + " IPv4 behind it, as many IPv6",
+                to_string(behindLost) + " IPv4 behind it, " + to_string(routed.size()) + " IPv6");
 
   const Clock::time_point begin = Clock::now();
   report_.observe(begin, "event 28: " + lost + " is lost");
   host_->command("upstream-lost " + lost);
-  const auto gone = pollUntilNone([&] { return ofFamily(4); });
+  const auto gone = untilNone([this] { return entriesOfB(4); });
   report_.check(gone.has_value(), "B's IPv4 entries are deleted", "none left",
-                gone ? "after " + inMs(*gone - begin) : list(ofFamily(4)));
+                gone ? "after " + inMs(*gone - begin) : list(entriesOfB(4)));
   report_.observe(*gone, "the kernel's table has no IPv4 entry of B any more");
   vanished_ += behindLost;
 
   awaitAnswers();
-  const std::size_t kept = countSurvivors(routed, ofFamily(6));
+  const std::size_t kept = lab::countSurvivors(routed, entriesOfB(6));
   report_.check(kept == routed.size(), "B's IPv6 entries are the same as before",
-                std::to_string(routed.size()) + " the same", std::to_string(kept) + " the same");
+                same(routed.size()), same(kept));
 }
 
 void Demo::summarise() {
@@ -214,73 +192,35 @@ void Demo::summarise() {
   const bool agreed = awaitAnswers();
   const lab::HostState status = host_->status();
   report_.say("   host's counters: deletions " + status.deletions.text() + "; " +
-              std::to_string(status.neighbourEvents) + " neighbour notifications");
+              to_string(status.neighbourEvents) + " neighbour notifications");
   report_.check(agreed,
                 "the host counts as many deletions as entries vanished from the kernel's table",
-                std::to_string(vanished_), std::to_string(deletionsCounted()));
+                to_string(vanished_), to_string(deletionsCounted()));
 }
 
-void Demo::stopHost(lab::HostProcess& host, DemoReport& report) {
-  report.act("The host is stopped (SIGTERM)");
-  const base::ExitStatus status = host.stop(SIGTERM);
-  report.check(status.success(), "it ended in order", "exit code 0", status.text());
-}
-
-void Demo::endHost(lab::HostProcess* host) {
-  if (host == nullptr || !host->running()) return;
-  try {
-    host->stop(SIGTERM);
-  } catch (const lab::Error& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-  }
-}
-
-Demo::Entries Demo::entriesOf(std::size_t i, Entries* all) const {
-  const Entries table = lab::readConntrackTable(network_->gateway());
-  if (all != nullptr) *all = table;
-  return network_->entriesOf(i, table);
-}
-
-void Demo::pauseUntil(Clock::time_point when) {
-  while (true) {
-    if (stopRequested) throw Interrupted();
-    const auto left = when - Clock::now();
-    if (left <= left.zero()) return;
-    std::this_thread::sleep_for(std::min<Clock::duration>(left, milliseconds(20)));
-  }
-}
-
-std::optional<Demo::Clock::time_point> Demo::poll(const std::function<bool()>& condition,
-                                                  Clock::duration limit, milliseconds step) {
-  const Clock::time_point deadline = Clock::now() + limit;
-  while (true) {
-    if (condition()) return Clock::now();
-    if (Clock::now() >= deadline) return std::nullopt;
-    pauseUntil(Clock::now() + step);
-  }
+Demo::Entries Demo::entriesOfB(int family) const {
+  Entries entries = network_->entriesOf(kB);
+  std::erase_if(entries, [family](const auto& entry) { return entry.family != family; });
+  return entries;
 }
 
 // A reading that overlaps with deletions can miss entries that are still there (see
-// ConntrackTable::read): only the second look counts.
-std::optional<Demo::Clock::time_point> Demo::pollUntilNone(const std::function<Entries()>& look) {
-  return poll([&look] { return look().empty() && look().empty(); });
+// readConntrackTable()): only the second look counts.
+std::optional<Demo::Clock::time_point> Demo::untilNone(const std::function<Entries()>& look) const {
+  return waiting_.until([&look] { return look().empty() && look().empty(); });
 }
 
 // The host reads one notification, if there is one, before it answers.
 void Demo::awaitNeighbours() {
   std::optional<std::size_t> before;
-  static_cast<void>(poll([&] {
+  static_cast<void>(waiting_.until([&] {
     const std::optional<std::size_t> events = host_->status().neighbourEvents;
     return std::exchange(before, events) == events;
   }));
 }
 
-std::size_t Demo::deletionsCounted() {
-  return host_->status().deletions.deleted;
-}
-
 bool Demo::awaitAnswers() {
-  return poll([this] { return deletionsCounted() == vanished_; }).has_value();
+  return waiting_.until([this] { return deletionsCounted() == vanished_; }).has_value();
 }
 
 }  // namespace demo

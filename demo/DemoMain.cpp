@@ -36,10 +36,11 @@ int main(int argc, char** argv) {
           .flag("--kernel-text", kernelText, "also print the kernel's own lines")
           .parse(argc, argv);
   if (status) return *status;
-  return demo::runProgram("zandemo", [&] {
-    demo::DemoReport report(kernelText);
-    demo::Demo(host, report).run();
-    demo::IdleDemo(host, report, timers).run();
-    report.say("\nAll " + std::to_string(report.checks()) + " claims held.");
+  return demo::runProgram("zandemo", [&](const demo::Waiting& waiting) {
+    using KernelText = demo::DemoReport::KernelText;
+    demo::DemoReport report(kernelText ? KernelText::kShown : KernelText::kLeftOut);
+    demo::Demo(host, report, waiting).run();
+    demo::IdleDemo(host, report, waiting, timers).run();
+    report.end();
   });
 }

@@ -1,10 +1,13 @@
+// What the plays print.
 #include "demo/DemoReport.h"
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 
 namespace demo {
 namespace {
@@ -14,14 +17,11 @@ constexpr const char* kTimerFolder = "/sys/class/xt_idletimer/timers";
 /// TCP/IPv4, UDP/IPv4, TCP/IPv6, UDP/IPv6.
 using Counts = std::array<std::size_t, 4>;
 
-Counts countKinds(const std::vector<lab::ConntrackEntry>& entries,
-                  const lab::HotspotNetwork::Client& client) {
+Counts countKinds(const lab::ConntrackEntries& entries) {
   Counts counts{};
   for (const lab::ConntrackEntry& entry : entries) {
-    const bool mine = entry.concerns(client.ipv4) || entry.concerns(client.ipv6);
-    if (!mine || !entry.isTcpOrUdp()) continue;
     const std::size_t family = entry.family == 4 ? 0 : 2;
-    ++counts.at(family + (entry.protocol == "tcp" ? 0 : 1));
+    ++counts.at(entry.protocol == "tcp" ? family : family + 1);
   }
   return counts;
 }
@@ -126,24 +126,30 @@ void DemoReport::check(bool holds, const std::string& claim, const std::string& 
   say("   ok: " + claim + ": " + seen);
 }
 
+void DemoReport::endHost(lab::HostProcess& host) {
+  act("The host is stopped (SIGTERM)");
+  const base::ExitStatus status = host.stop(SIGTERM);
+  check(status.success(), "it ended in order", "exit code 0", status.text());
+}
+
 void DemoReport::table(const lab::HotspotNetwork& network,
-                       const std::vector<lab::ConntrackEntry>& entries) const {
+                       const lab::ConntrackEntries& entries) const {
   say("   client                TCP/IPv4  UDP/IPv4  TCP/IPv6  UDP/IPv6  total");
   for (std::size_t i = 0; i < network.clientCount(); ++i) {
     const lab::HotspotNetwork::Client& client = network.client(i);
-    const Counts counts = countKinds(entries, client);
+    const Counts counts = countKinds(network.entriesOf(i, entries));
     std::printf("   %-2s %s  %8zu  %8zu  %8zu  %8zu  %5zu\n", client.name.c_str(),
                 client.mac.c_str(), counts[0], counts[1], counts[2], counts[3],
-                counts[0] + counts[1] + counts[2] + counts[3]);
+                std::accumulate(counts.begin(), counts.end(), std::size_t{0}));
   }
   std::fflush(stdout);
-  if (!kernelText_) return;
+  if (kernelText_ == KernelText::kLeftOut) return;
   say("   /proc/net/nf_conntrack:");
   for (const lab::ConntrackEntry& entry : entries) say("   | " + entry.line);
 }
 
 void DemoReport::timers() const {
-  if (!kernelText_) return;
+  if (kernelText_ == KernelText::kLeftOut) return;
   say(std::string("   ") + kTimerFolder + ":");
   std::error_code error;
   std::string all;

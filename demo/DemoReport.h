@@ -1,3 +1,4 @@
+// What the plays print.
 #pragma once
 
 #include <chrono>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "lab/ConntrackTable.h"
+#include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
 
 namespace demo {
@@ -35,13 +37,15 @@ struct LinkMoment {
   std::uint64_t frames = 0;
 };
 
-/// What the demo prints, on standard output, and the timeline it keeps of what it observed.
+/// What a play prints, on standard output, and the timeline it keeps of what it observed.
 class DemoReport {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// With |kernelText| tables and timers are also shown in the kernel's own words.
-  explicit DemoReport(bool kernelText = false) : kernelText_(kernelText) {}
+  /// Whether tables and timers are also shown in the kernel's own words.
+  enum class KernelText { kLeftOut, kShown };
+
+  explicit DemoReport(KernelText kernelText = KernelText::kLeftOut) : kernelText_(kernelText) {}
 
   /// A paragraph's line; flushed, so that it appears when it happens.
   void say(const std::string& line) const;
@@ -51,11 +55,13 @@ class DemoReport {
   /// Prints |claim| and |seen| if |holds|; throws CheckFailed otherwise.
   void check(bool holds, const std::string& claim, const std::string& expected,
              const std::string& seen);
-  [[nodiscard]] std::size_t checks() const { return checks_; }
+  /// The next act: ends |host| as a service manager would, and checks that it ended in order.
+  void endHost(lab::HostProcess& host);
+  /// The last line.
+  void end() const { say("\nAll " + std::to_string(checks_) + " claims held."); }
 
   /// One row for each client of |network|: its TCP and UDP entries in |entries|.
-  void table(const lab::HotspotNetwork& network,
-             const std::vector<lab::ConntrackEntry>& entries) const;
+  void table(const lab::HotspotNetwork& network, const lab::ConntrackEntries& entries) const;
 
   /// The idle timers that the kernel has, machine-wide; nothing unless its own words are wanted.
   void timers() const;
@@ -75,7 +81,7 @@ class DemoReport {
     std::string what;
   };
 
-  bool kernelText_;
+  KernelText kernelText_;
   unsigned act_ = 0;
   std::size_t checks_ = 0;
   std::vector<Observation> observations_;

@@ -1,3 +1,4 @@
+// The system's second job: idle mobile links.
 #include "demo/IdleDemo.h"
 
 #include <sys/socket.h>
@@ -8,7 +9,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "demo/Demo.h"
 #include "lab/Error.h"
 
 namespace demo {
@@ -64,10 +64,6 @@ std::uint64_t framesOf(const lab::NetNamespace& where, const std::string& name) 
 
 }  // namespace
 
-IdleDemo::~IdleDemo() {
-  Demo::endHost(host_.get());
-}
-
 void IdleDemo::run() {
   introduce();
   raise();
@@ -95,11 +91,9 @@ void IdleDemo::introduce() const {
 
 void IdleDemo::raise() {
   report_.act("A mobile link connects, and the host follows it");
-  network_ = std::make_unique<lab::HotspotNetwork>(
-      lab::HotspotNetwork::Options{.clients = 0, .ipv6Only = {}});
-  link_ = std::make_unique<lab::MobileLink>(network_->gateway(), 0);
-  hostOptions_.arguments = {"--wwan", link_->name()};
-  host_ = std::make_unique<lab::HostProcess>(hostOptions_, network_->gateway());
+  hostOptions_.arguments = {"--wwan", link_.name()};
+  hostOptions_.end = lab::HostProcess::Options::End::kInOrder;
+  host_.emplace(hostOptions_, network_.gateway());
   const LinkMoment before = look();
   report_.check(!before.connected && !before.timer && filterText(before) == "none",
                 "before it does, there is nothing", "not connected, no filters, no timer",
@@ -107,9 +101,9 @@ void IdleDemo::raise() {
                     ", filters: " + filterText(before) + ", " + timerText(before));
   report_.timers();
   const Clock::time_point begin = Clock::now();
-  link_->connect();
+  link_.connect();
   const bool connected = await([](const LinkMoment& now) { return now.connected; });
-  report_.check(connected, "the host's status: " + link_->name() + " is connected", "connected",
+  report_.check(connected, "the host's status: " + link_.name() + " is connected", "connected",
                 "after " + inSeconds(Clock::now() - begin));
 
   // A link that comes up announces its multicast groups.
@@ -123,12 +117,12 @@ void IdleDemo::raise() {
 
 void IdleDemo::fallAsleep() {
   report_.act("The modem reports the link dormant; tethering is off");
-  host_->command("dormancy " + link_->name() + " dormant");
+  host_->command("dormancy " + link_.name() + " dormant");
   const bool timed = await([](const LinkMoment& now) { return now.timer.has_value(); });
   const LinkMoment& now = moments_.back();
   report_.check(now.dormant && !now.tethering && now.filters, "the modem has its filters",
                 "filters", filterText(now));
-  report_.check(timed, "the kernel runs the timer CT_" + link_->name(), "a timer", timerText(now));
+  report_.check(timed, "the kernel runs the timer CT_" + link_.name(), "a timer", timerText(now));
   report_.timers();
   checkRules(kRules);
 }
@@ -150,7 +144,7 @@ void IdleDemo::speak() {
   report_.check(down, "the timer has run down a bit before",
                 "at most " + std::to_string(kRunDown) + " s left", timerText(moments_.back()));
   const Clock::time_point sent = Clock::now();
-  link_->sendOut(AF_INET);
+  link_.sendOut(AF_INET);
   int before = kRunDown;
   const bool restarted = await([&before](const LinkMoment& now) {
     const int left = now.timer.value_or(0);
@@ -206,10 +200,10 @@ void IdleDemo::summarise() {
 }
 
 void IdleDemo::stopHost() {
-  Demo::stopHost(*host_, report_);
-  const auto timer = link_->remainingSeconds();
+  report_.endHost(*host_);
+  const auto timer = link_.remainingSeconds();
   report_.check(!timer, "nothing of it is left in /sys/class/xt_idletimer/timers", "no timer",
-                timer ? "CT_" + link_->name() : "no timer");
+                timer ? "CT_" + link_.name() : "no timer");
   checkRules(0);
 }
 
@@ -247,20 +241,20 @@ bool IdleDemo::await(const Condition& condition, Clock::duration limit) {
     }
     return false;
   };
-  return Demo::poll(holds, limit, kLookStep).has_value();
+  return waiting_.until(holds, limit, kLookStep).has_value();
 }
 
 LinkMoment IdleDemo::look() {
   LinkMoment now;
   const lab::HostState status = host_->status();
-  const lab::HostState::Interface interface = status.interface(link_->name());
+  const lab::HostState::Interface interface = status.interface(link_.name());
   now.tethering = status.tethering;
   now.connected = interface.connected;
   now.dormant = interface.dormant;
   now.filters = interface.filters.has_value();
   now.listenFilters = interface.listenFilters.has_value();
-  now.timer = link_->remainingSeconds();
-  now.frames = framesOf(network_->gateway(), link_->name());
+  now.timer = link_.remainingSeconds();
+  now.frames = framesOf(network_.gateway(), link_.name());
   now.when = Clock::now();
 
   if (moments_.empty() || moments_.back().frames != now.frames) lastFrame_ = now.when;
@@ -273,8 +267,8 @@ LinkMoment IdleDemo::look() {
 
 void IdleDemo::checkRules(std::size_t expected) {
   std::size_t rules = 0;
-  const auto held = Demo::poll([&] {
-    rules = link_->rules();
+  const auto held = waiting_.until([&] {
+    rules = link_.rules();
     return rules == expected;
   });
   report_.check(held.has_value(), "firewall rules that name the link", std::to_string(expected),

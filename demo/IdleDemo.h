@@ -1,14 +1,15 @@
+// The system's second job: idle mobile links.
 #pragma once
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Patience.h"
 #include "demo/DemoReport.h"
+#include "demo/Program.h"
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
 #include "lab/MobileLink.h"
@@ -24,11 +25,8 @@ class IdleDemo {
 
   /// Lets the first |timers| of the timers run out: 1, in 5 seconds, to kTimers, which takes almost
   /// three minutes.
-  IdleDemo(lab::HostProcess::Options host, DemoReport& report, int timers)
-      : hostOptions_(std::move(host)), report_(report), timers_(timers) {}
-  ~IdleDemo();  ///< see Demo::endHost()
-  IdleDemo(const IdleDemo&) = delete;
-  IdleDemo& operator=(const IdleDemo&) = delete;
+  IdleDemo(lab::HostProcess::Options host, DemoReport& report, const Waiting& waiting, int timers)
+      : hostOptions_(std::move(host)), report_(report), waiting_(waiting), timers_(timers) {}
 
   /// Plays the act, about 15 seconds with one timer. Throws as Demo::run() does.
   void run();
@@ -59,12 +57,13 @@ class IdleDemo {
 
   lab::HostProcess::Options hostOptions_;
   DemoReport& report_;
+  const Waiting& waiting_;
   int timers_;
 
   // Torn down in reverse: the host first, the namespaces last.
-  std::unique_ptr<lab::HotspotNetwork> network_;
-  std::unique_ptr<lab::MobileLink> link_;
-  std::unique_ptr<lab::HostProcess> host_;
+  lab::HotspotNetwork network_{{.clients = 0, .ipv6Only = {}}};
+  lab::MobileLink link_{network_.gateway(), 0};
+  std::optional<lab::HostProcess> host_;
 
   std::vector<LinkMoment> moments_;
   Clock::time_point lastFrame_;

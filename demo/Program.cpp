@@ -1,11 +1,12 @@
+// What the programs that play something in the lab have in common.
 #include "demo/Program.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <string>
+#include <thread>
 
-#include "demo/Demo.h"
 #include "lab/UserNamespace.h"
 
 namespace demo {
@@ -14,30 +15,49 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kInterrupted = 130;
 
-void handleSignal(int) {
-  Demo::requestStop();
-}
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
 void catchSignals() {
   struct sigaction action {};
-  action.sa_handler = handleSignal;
+  action.sa_handler = [](int) { interrupted = true; };
   action.sa_flags = SA_RESTART;
   for (const int number : {SIGINT, SIGTERM}) ::sigaction(number, &action, nullptr);
 }
 
 }  // namespace
 
-int runProgram(const char* name, const std::function<void()>& play) {
+void Waiting::until(Clock::time_point when) const {
+  constexpr std::chrono::milliseconds kLongestSleep{20};
+  while (true) {
+    if (interrupted_) throw Interrupted();
+    const auto left = when - Clock::now();
+    if (left <= left.zero()) return;
+    std::this_thread::sleep_for(std::min<Clock::duration>(left, kLongestSleep));
+  }
+}
+
+std::optional<Waiting::Clock::time_point> Waiting::until(const std::function<bool()>& condition,
+                                                         Clock::duration limit,
+                                                         std::chrono::milliseconds step) const {
+  const base::Deadline deadline(limit);
+  while (!condition()) {
+    if (deadline.over()) return std::nullopt;
+    until(Clock::now() + step);
+  }
+  return Clock::now();
+}
+
+int runProgram(const char* name, const std::function<void(const Waiting& waiting)>& play) {
   try {
     lab::UserNamespace::enterIfNeeded();
     catchSignals();
-    play();
+    play(Waiting(interrupted));
     return 0;
   } catch (const std::exception& error) {
     // A terminal interrupts the host too, so its end may be what is noticed first.
-    const bool interrupted = Demo::stopIsRequested();
-    const std::string why = interrupted ? Demo::Interrupted().what() : error.what();
-    std::fprintf(stderr, "\n%s: %s\n", name, why.c_str());
+    const Interrupted interruption;
+    std::fprintf(stderr, "\n%s: %s\n", name, interrupted ? interruption.what() : error.what());
     return interrupted ? kInterrupted : kFailed;
   }
 }

@@ -1,32 +1,25 @@
+// Both jobs of the system for minutes.
 #include "demo/Soak.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
-#include "demo/Demo.h"
-#include "demo/SoakGuests.h"
 #include "lab/ConntrackTable.h"
 #include "lab/Error.h"
-#include "lab/HotspotNetwork.h"
-#include "lab/MobileLink.h"
 
 namespace demo {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::to_string;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr std::size_t kShortestPauseMs = 100;
-constexpr std::size_t kPauseSpreadMs = 400;
+constexpr std::size_t kShortestPauseMs = 50;
+constexpr std::size_t kPauseSpreadMs = 250;
+constexpr seconds kRound{10};
 constexpr seconds kLongestWarmUp{60};
-constexpr seconds kProgressStep{15};
 
 /// A heap that is used differently at the end, by fractions of its pages. A leak of 100 bytes a
 /// deleted entry comes to more within two minutes. Descriptors and threads are counted while
@@ -38,109 +31,68 @@ std::size_t filesIn(const std::string& folder) {
   return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-/// What a process uses.
-struct Footprint {
-  explicit Footprint(pid_t pid) {
-    const std::string folder = "/proc/" + to_string(pid);
-    std::ifstream memory(folder + "/smaps_rollup");
-    for (std::string word; memory >> word;) {
-      if (word == "Private_Dirty:") memory >> dirtyKiB;
-    }
-    if (dirtyKiB == 0) throw lab::Error("cannot read " + folder + "/smaps_rollup");
-    descriptors = filesIn(folder + "/fd");
-    threads = filesIn(folder + "/task");
+}  // namespace
+
+Soak::Footprint::Footprint(pid_t pid) {
+  const std::string folder = "/proc/" + to_string(pid);
+  std::ifstream memory(folder + "/smaps_rollup");
+  for (std::string word; memory >> word;) {
+    if (word == "Private_Dirty:") memory >> dirtyKiB;
   }
-  [[nodiscard]] std::string text() const {
-    return to_string(dirtyKiB) + " KiB, " + to_string(descriptors) + " descriptors, " +
-           to_string(threads) + " threads";
-  }
+  if (dirtyKiB == 0) throw lab::Error("cannot read " + folder + "/smaps_rollup");
+  descriptors = filesIn(folder + "/fd");
+  threads = filesIn(folder + "/task");
+}
 
-  std::size_t dirtyKiB = 0;
-  std::size_t descriptors = 0;
-  std::size_t threads = 0;
-};
+std::string Soak::Footprint::text() const {
+  return to_string(dirtyKiB) + " KiB, " + to_string(descriptors) + " descriptors, " +
+         to_string(threads) + " threads";
+}
 
-class Run {
- public:
-  Run(const Soak& soak, DemoReport& report) : soak_(soak), report_(report) {}
-  ~Run() { Demo::endHost(&host_); }
+Soak::Soak(const lab::HostProcess::Options& host, std::uint32_t seed, DemoReport& report,
+           const Waiting& waiting)
+    : report_(report),
+      waiting_(waiting),
+      seed_(seed),
+      host_(withLog(host), network_.gateway()),
+      kinds_{{
+          {"departures", 3, [](Soak& soak) { return soak.guests_.leave(); }},
+          {"returns", 12, [](Soak& soak) { return soak.guests_.comeBack(); }},
+          {"exchanges", 8, [](Soak& soak) { return soak.guests_.talk(); }},
+          {"stragglers", 8, [](Soak& soak) { return soak.guests_.straggle(); }},
+          {"upstream address lost", 1, [](Soak& soak) { return soak.loseUpstream(); }},
+          {"other address lost", 1,
+           [](Soak& soak) { return soak.command("upstream-lost 192.0.2.1"); }},
+          {"dormancy", 1, [](Soak& soak) { return soak.switchDormancy(); }},
+          {"tethering", 1, [](Soak& soak) { return soak.switchTethering(); }},
+          {"filtering ended", 1,
+           [](Soak& soak) { return soak.command("filtering-ended " + soak.link_.name()); }},
+          {"mobile link changes", 1, [](Soak& soak) { return soak.changeLink(); }},
+      }} {}
 
-  void playUntil(milliseconds end);
-  /// Half of the clients leave, the link goes down; returns when the last flush is over.
-  Footprint calmDown(const char* why);
-  void check(const Footprint& before, const Footprint& after);
+void Soak::run(std::chrono::minutes length) {
+  report_.say("Seed " + to_string(seed_) + ": " + to_string(SoakGuests::kCount) +
+              " hotspot clients with hundreds of connections each, their upstream address and a\n"
+              "mobile link come and go for " +
+              to_string(length.count()) + " min. Waits for the last flushes come on top.");
+  const Clock::time_point begin = Clock::now();
+  playUntil(begin + std::min<milliseconds>(milliseconds(length) / 4, kLongestWarmUp));
+  const Footprint before = calmDown("warmed up");
+  playUntil(begin + length);
+  const Footprint after = calmDown("the last event is over");
+  check(before, after);
+}
 
- private:
-  struct Kind {
-    const char* name;
-    unsigned weight;
-    bool (*play)(Run& run);
-    std::size_t played = 0;
-  };
-
-  std::size_t draw(std::size_t below) { return random_() % below; }
-  lab::HostProcess::Options hostOptions();
-  bool keepLine(const std::string& line);
-  void playOne();
-  void tellProgress();
-  bool linkIsConnected();
-  bool command(const std::string& text);
-  bool loseUpstream();
-  bool changeLink();
-  bool switchDormancy();
-  bool switchTethering();
-
-  void checkCounters(const lab::HostState& status);
-  void checkLog(std::size_t requests);
-
-  const Soak& soak_;
-  DemoReport& report_;
-  std::mt19937 random_{soak_.seed};
-  std::atomic<std::size_t> requestLines_{0};
-  std::atomic<std::size_t> idleReports_{0};
-
-  // Torn down in reverse: the clients' connections first, the namespaces last.
-  lab::HotspotNetwork network_{
-      lab::HotspotNetwork::Options{.clients = SoakGuests::kCount, .ipv6Only = {}}};
-  lab::MobileLink link_{network_.gateway(), 0};
-  lab::HostProcess host_{hostOptions(), network_.gateway()};
-  const pid_t pid_ = host_.status().pid;
-  const std::size_t idleThreads_ = Footprint(pid_).threads;
-  SoakGuests guests_{network_, host_, random_};
-
-  milliseconds planned_{0};  ///< how much of the run is over
-  Clock::time_point begin_ = Clock::now();
-  Clock::time_point nextProgress_ = begin_ + kProgressStep;
-  bool linkUp_ = false;
-  bool linkHasIpv4_ = false;
-  bool dormant_ = false;
-  bool tethering_ = false;
-
-  std::array<Kind, 10> kinds_{{
-      {"departures", 3, [](Run& run) { return run.guests_.leave(run.planned_); }},
-      {"returns", 12, [](Run& run) { return run.guests_.comeBack(run.planned_); }},
-      {"exchanges", 8, [](Run& run) { return run.guests_.talk(); }},
-      {"stragglers", 8, [](Run& run) { return run.guests_.straggle(); }},
-      {"upstream address lost", 1, [](Run& run) { return run.loseUpstream(); }},
-      {"other address lost", 1, [](Run& run) { return run.command("upstream-lost 192.0.2.1"); }},
-      {"dormancy", 1, [](Run& run) { return run.switchDormancy(); }},
-      {"tethering", 1, [](Run& run) { return run.switchTethering(); }},
-      {"filtering ended", 1,
-       [](Run& run) { return run.command("filtering-ended " + run.link_.name()); }},
-      {"mobile link changes", 1, [](Run& run) { return run.changeLink(); }},
-  }};
-};
-
-lab::HostProcess::Options Run::hostOptions() {
-  lab::HostProcess::Options options = soak_.host;
+lab::HostProcess::Options Soak::withLog(lab::HostProcess::Options options) {
   options.logLevel = 0;
   options.keepLine = [this](const std::string& line) { return keepLine(line); };
   options.arguments = {"--wwan", link_.name()};
+  options.end = lab::HostProcess::Options::End::kInOrder;
   return options;
 }
 
 /// At level 0 the host says more than anybody could keep: those lines are counted.
-bool Run::keepLine(const std::string& line) {
+bool Soak::keepLine(const std::string& line) {
   const auto has = [&line](const char* text) { return line.find(text) != std::string::npos; };
   if (!has("\"level\":0,")) return true;
   if (has("\"text\":\"DeleteV4Entry ") || has("\"text\":\"DeleteV6Entry ")) ++requestLines_;
@@ -148,19 +100,25 @@ bool Run::keepLine(const std::string& line) {
   return false;
 }
 
-void Run::playUntil(milliseconds end) {
-  const Clock::time_point begin = Clock::now() - planned_;
-  while (true) {
-    planned_ += milliseconds(kShortestPauseMs + draw(kPauseSpreadMs));
-    if (planned_ >= end) break;
-    Demo::pauseUntil(begin + planned_);
-    playOne();
-    tellProgress();
-  }
-  planned_ = end;
+void Soak::playUntil(Clock::time_point end) {
+  while (Clock::now() < end) playRound();
 }
 
-void Run::playOne() {
+void Soak::playRound() {
+  const Clock::time_point begin = Clock::now();
+  const auto pause = [this] { return milliseconds(kShortestPauseMs + draw(kPauseSpreadMs)); };
+  for (milliseconds at = pause(); at < kRound; at += pause()) {
+    waiting_.until(begin + at);
+    playOne();
+  }
+  const std::size_t entries = lab::readConntrackTable(network_.gateway()).size();
+  report_.say("   " + to_string(guests_.presentCount()) + " clients present, " +
+              to_string(entries) + " entries in the table, " +
+              to_string(host_.status().deletions.deleted) + " deleted so far");
+  if (!settle()) throw lab::Error("a worker of the host goes on");
+}
+
+void Soak::playOne() {
   std::size_t total = 0;
   for (const Kind& kind : kinds_) total += kind.weight;
   std::size_t drawn = draw(total);
@@ -169,47 +127,12 @@ void Run::playOne() {
   if (kind->play(*this)) ++kind->played;
 }
 
-void Run::tellProgress() {
-  if (Clock::now() < nextProgress_) return;
-  nextProgress_ += kProgressStep;
-  std::size_t events = 0;
-  for (const Kind& kind : kinds_) events += kind.played;
-  report_.say("   " + to_string((Clock::now() - begin_) / seconds(1)) + " s: " + to_string(events) +
-              " events, " + to_string(guests_.presentCount()) + " clients present, " +
-              to_string(lab::readConntrackTable(network_.gateway()).size()) +
-              " entries in the table, " + to_string(host_.status().deletions.deleted) +
-              " deleted so far");
-}
-
-Footprint Run::calmDown(const char* why) {
-  report_.say("   " + std::string(why) + ": half of the clients leave, the link goes down");
-  guests_.leaveHalf(planned_);
-  tethering_ = linkUp_ = false;
-  command("tethering off");
-  link_.disconnect();
-  // A worker that flushes is a thread, which ends with its flush.
-  const auto idle = [&] {
-    tellProgress();
-    return !linkIsConnected() && Footprint(pid_).threads <= idleThreads_;
-  };
-  const bool ended =
-      Demo::poll(idle, SoakGuests::kLastFlush + base::kPatience, milliseconds(100)).has_value();
-  const Footprint now(pid_);
-  report_.check(ended, "the workers of all flushes have ended",
-                to_string(idleThreads_) + " threads, as before them", now.text());
-  return now;
-}
-
-bool Run::linkIsConnected() {
-  return host_.status().interface(link_.name()).connected;
-}
-
-bool Run::command(const std::string& text) {
+bool Soak::command(const std::string& text) {
   host_.command(text);
   return true;
 }
 
-bool Run::loseUpstream() {
+bool Soak::loseUpstream() {
   command(std::string("upstream-lost ") + lab::HotspotNetwork::kGatewayIpv4);
   // The next answer comes when the scan is over. What it found is lost: the clients start anew.
   static_cast<void>(host_.status());
@@ -217,32 +140,58 @@ bool Run::loseUpstream() {
   return true;
 }
 
-bool Run::switchDormancy() {
+bool Soak::switchDormancy() {
   dormant_ = !dormant_;
   return command("dormancy " + link_.name() + (dormant_ ? " dormant" : " active"));
 }
 
-bool Run::switchTethering() {
+bool Soak::switchTethering() {
   tethering_ = !tethering_;
   return command(tethering_ ? "tethering on" : "tethering off");
 }
 
 /// The link comes up, loses its IPv4 address or not, goes down.
-bool Run::changeLink() {
-  if (!linkUp_) {
+bool Soak::changeLink() {
+  if (linkIs_ == Link::kDown) {
     link_.connect();
-    linkUp_ = linkHasIpv4_ = true;
-  } else if (linkHasIpv4_ && draw(2) == 0) {
+    linkIs_ = Link::kUp;
+  } else if (linkIs_ == Link::kUp && draw(2) == 0) {
     link_.loseIpv4();
-    linkHasIpv4_ = false;
+    linkIs_ = Link::kWithoutIpv4;
   } else {
     link_.disconnect();
-    linkUp_ = false;
+    linkIs_ = Link::kDown;
   }
   return true;
 }
 
-void Run::check(const Footprint& before, const Footprint& after) {
+bool Soak::settle() {
+  // A worker that flushes is a thread, which ends with its flush.
+  static_cast<void>(host_.status());  // is answered when the workers have been started
+  const auto idle = [this] { return Footprint(pid_).threads <= idleThreads_; };
+  const bool ended =
+      waiting_.until(idle, SoakGuests::kLastFlush + base::kPatience, milliseconds(100)).has_value();
+  guests_.noteStale();
+  return ended;
+}
+
+Soak::Footprint Soak::calmDown(const char* why) {
+  report_.say("   " + std::string(why) + ": half of the clients leave, the link goes down");
+  guests_.leaveHalf();
+  command("tethering off");
+  tethering_ = false;
+  link_.disconnect();
+  linkIs_ = Link::kDown;
+  const bool ended = settle() && waiting_.until([this] {
+    return !host_.status().interface(link_.name()).connected;
+  });
+  const Footprint now(pid_);
+  report_.check(ended, "the workers of all flushes have ended",
+                to_string(idleThreads_) + " threads, as before them", now.text());
+  return now;
+}
+
+void Soak::check(const Footprint& before, const Footprint& after) {
   const lab::HostState status = host_.status();
   report_.act("What happened");
   for (const Kind& kind : kinds_) {
@@ -262,7 +211,7 @@ void Run::check(const Footprint& before, const Footprint& after) {
   checkLog(status.deletions.requested);
 }
 
-void Run::checkCounters(const lab::HostState& status) {
+void Soak::checkCounters(const lab::HostState& status) {
   const lab::HostState::Deletions& count = status.deletions;
   const std::size_t answered = count.deleted + count.alreadyGone + count.refused;
   report_.check(count.deleted > 0 && answered == count.requested && count.refused == 0,
@@ -273,8 +222,8 @@ void Run::checkCounters(const lab::HostState& status) {
 }
 
 /// The log is complete when the host has ended.
-void Run::checkLog(std::size_t requests) {
-  Demo::stopHost(host_, report_);
+void Soak::checkLog(std::size_t requests) {
+  report_.endHost(host_);
   std::size_t dropped = 0;
   for (const lab::HostProcess::LogLine& line : host_.log()) {
     unsigned long lines = 0;
@@ -286,21 +235,6 @@ void Run::checkLog(std::size_t requests) {
                     " lines of any kind dropped for a full queue");
   const std::size_t rules = link_.rules() + (link_.remainingSeconds() ? 1 : 0);
   report_.check(rules == 0, "firewall rules and idle timers that are left", "0", to_string(rules));
-}
-
-}  // namespace
-
-void Soak::run(DemoReport& report) const {
-  report.say("Seed " + to_string(seed) + ": " + to_string(SoakGuests::kCount) +
-             " hotspot clients with hundreds of connections each, their upstream address and a\n"
-             "mobile link come and go for " +
-             to_string(length.count()) + " min. Two waits for the last flush come on top.");
-  Run run(*this, report);
-  run.playUntil(std::min<milliseconds>(milliseconds(length) / 4, kLongestWarmUp));
-  const Footprint before = run.calmDown("warmed up");
-  run.playUntil(length);
-  const Footprint after = run.calmDown("the last event is over");
-  run.check(before, after);
 }
 
 }  // namespace demo

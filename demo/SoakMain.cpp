@@ -14,11 +14,11 @@
 
 int main(int argc, char** argv) {
   constexpr int kMostMinutes = 1440;
-  demo::Soak soak;
-  soak.host.program = lab::builtFile("refhost/zanhost/zanhost");
-  soak.host.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
+  lab::HostProcess::Options host;
+  host.program = lab::builtFile("refhost/zanhost/zanhost");
+  host.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
   int minutes = 2;
-  soak.seed = std::random_device()();
+  std::uint32_t seed = std::random_device()();
   const auto status =
       base::CommandLine(
           "Runs a plug-in for minutes in a hotspot of network namespaces whose clients, upstream\n"
@@ -26,14 +26,13 @@ int main(int argc, char** argv) {
           "counters and log, its memory, descriptors and threads. Needs what zandemo needs.",
           "Exit status: 0 every claim held, 1 one did not (it says what), 2 wrong arguments,\n"
           "130 interrupted.")
-          .text("--host", soak.host.program, "the host program, unless it is that of this build")
-          .text("--plugin", soak.host.plugin, "the same for the plug-in")
-          .number("--seed", soak.seed, "the order of an earlier run, which has printed it")
+          .text("--host", host.program, "the host program, unless it is that of this build")
+          .text("--plugin", host.plugin, "the same for the plug-in")
+          .number("--seed", seed, "the order of an earlier run, which has printed it")
           .number("MINUTES", minutes, 1, kMostMinutes, "how long")
           .parse(argc, argv);
   if (status) return *status;
-  soak.length = std::chrono::minutes(minutes);
-  return demo::runProgram("zansoak", [&soak] {
+  return demo::runProgram("zansoak", [&](const demo::Waiting& waiting) {
     // Thousands of connections have both ends in this process.
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -42,7 +41,7 @@ int main(int argc, char** argv) {
     // One heap for all threads of the host: else each flush may begin a new one.
     ::setenv("MALLOC_ARENA_MAX", "1", 1);
     demo::DemoReport report;
-    soak.run(report);
-    report.say("\nAll " + std::to_string(report.checks()) + " claims held.");
+    demo::Soak(host, seed, report, waiting).run(std::chrono::minutes(minutes));
+    report.end();
   });
 }
