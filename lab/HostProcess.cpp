@@ -43,6 +43,28 @@ bool isComplaint(const HostProcess::LogLine& line) {
   return line.module == "HOST" && line.text.starts_with("refused: ");
 }
 
+/// Takes lines from a descriptor, which is -1 once it has ended.
+struct LineStream {
+  int fd;
+  std::string partial;
+
+  /// The lines that are complete with what can be read now.
+  std::vector<std::string> read() {
+    std::array<char, 65536> buffer;
+    const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+    if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) fd = -1;
+    if (got > 0) partial.append(buffer.data(), static_cast<std::size_t>(got));
+    std::vector<std::string> lines;
+    std::size_t begin = 0;
+    for (std::size_t end = 0; (end = partial.find('\n', begin)) != std::string::npos;) {
+      lines.push_back(partial.substr(begin, end - begin));
+      begin = end + 1;
+    }
+    partial.erase(0, begin);
+    return lines;
+  }
+};
+
 }  // namespace
 
 HostProcess::HostProcess(const Options& options, const NetNamespace& where)
@@ -119,10 +141,6 @@ std::vector<HostProcess::LogLine> HostProcess::log() const {
   return log_;
 }
 
-bool HostProcess::running() {
-  return !process_.waitFor(std::chrono::milliseconds(0));
-}
-
 base::ExitStatus HostProcess::stop(int signal) {
   if (signal != 0) process_.signal(signal);
   if (!process_.waitFor()) {
@@ -132,68 +150,44 @@ base::ExitStatus HostProcess::stop(int signal) {
   }
   // A child of the host could hold its streams open, hence the limit.
   std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, base::kPatience, [this] { return outputEnded_; });
+  changed_.wait_for(lock, base::kPatience, [this]() -> bool { return outputEnded_; });
   return process_.status();
 }
 
 void HostProcess::collect() {
-  std::string answer;
-  std::string logLine;
-  int outputFd = process_.outputFd();
-  int errorsFd = process_.errorsFd();
-  while (outputFd >= 0 || errorsFd >= 0) {
-    std::array<pollfd, 3> waits{pollfd{outputFd, POLLIN, 0}, pollfd{errorsFd, POLLIN, 0},
-                                pollfd{stopCollecting_.get(), POLLIN, 0}};
+  LineStream answers{process_.outputFd(), {}};
+  LineStream log{process_.errorsFd(), {}};
+  std::array<pollfd, 3> waits{};
+  while ((answers.fd >= 0 || log.fd >= 0) && waits[2].revents == 0) {
+    waits = {pollfd{answers.fd, POLLIN, 0}, pollfd{log.fd, POLLIN, 0},
+             pollfd{stopCollecting_.get(), POLLIN, 0}};
     if (::poll(waits.data(), waits.size(), -1) < 0) continue;
     // Log lines first: what was logged before an answer is filed before it.
-    if (waits[1].revents != 0 && !collectFrom(errorsFd, logLine, &HostProcess::fileLogLine)) {
-      errorsFd = -1;
-    }
-    if (waits[0].revents != 0 && !collectFrom(outputFd, answer, &HostProcess::fileAnswer)) {
-      outputFd = -1;
-    }
-    if (waits[2].revents != 0) break;
+    if (waits[1].revents != 0) fileLog(log.read());
+    if (waits[0].revents == 0) continue;
+    const std::vector<std::string> lines = answers.read();
+    const std::lock_guard lock(mutex_);
+    answers_.insert(answers_.end(), lines.begin(), lines.end());
+    changed_.notify_all();
   }
-  if (!logLine.empty()) fileLogLine(logLine);
+  if (!log.partial.empty()) fileLog({log.partial});
   const std::lock_guard lock(mutex_);
   outputEnded_ = true;
   changed_.notify_all();
 }
 
-bool HostProcess::collectFrom(int fd, std::string& partial,
-                              void (HostProcess::*file)(const std::string&)) {
-  std::array<char, 65536> buffer;
-  const ssize_t got = ::read(fd, buffer.data(), buffer.size());
-  if (got < 0) return errno == EINTR || errno == EAGAIN;
-  partial.append(buffer.data(), static_cast<std::size_t>(got));
-  std::size_t begin = 0;
-  for (std::size_t end = 0; (end = partial.find('\n', begin)) != std::string::npos;) {
-    (this->*file)(partial.substr(begin, end - begin));
-    begin = end + 1;
+void HostProcess::fileLog(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) {
+    if (keepLine_ && !keepLine_(line)) continue;
+    LogLine parsed = HostLogLine::parse(line);
+    const std::lock_guard lock(mutex_);
+    log_.push_back(std::move(parsed));
   }
-  partial.erase(0, begin);
-  return got > 0;
-}
-
-void HostProcess::fileAnswer(const std::string& line) {
-  const std::lock_guard lock(mutex_);
-  answers_.push_back(line);
-  changed_.notify_all();
-}
-
-void HostProcess::fileLogLine(const std::string& line) {
-  if (keepLine_ && !keepLine_(line)) return;
-  LogLine parsed = HostLogLine::parse(line);
-  const std::lock_guard lock(mutex_);
-  log_.push_back(std::move(parsed));
   changed_.notify_all();
 }
 
 std::string HostProcess::fate(const std::string& otherwise) {
-  std::unique_lock lock(mutex_);
-  const bool outputEnded = outputEnded_;
-  lock.unlock();
-  const bool ended = outputEnded && process_.waitFor();
+  const bool ended = outputEnded_ && process_.waitFor();
   return (ended ? "ended with " + process_.status().text() : otherwise) +
          ". It said last:" + logTail();
 }

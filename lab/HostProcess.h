@@ -1,7 +1,7 @@
 // The host program, running on the gateway.
 #pragma once
 
-#include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -70,7 +70,6 @@ class HostProcess {
   [[nodiscard]] std::vector<LogLine> log() const;
 
   [[nodiscard]] pid_t pid() const { return process_.pid(); }
-  [[nodiscard]] bool running();
 
   /// Sends |signal| (0: none, the host ends by itself) and returns how the host ended; its log
   /// is complete then. Throws Error, and kills it, if it does not end.
@@ -79,10 +78,7 @@ class HostProcess {
  private:
   void killAndJoin();
   void collect();
-  /// Appends what there is to |partial| and files its complete lines. False at the end.
-  bool collectFrom(int fd, std::string& partial, void (HostProcess::*file)(const std::string&));
-  void fileAnswer(const std::string& line);
-  void fileLogLine(const std::string& line);
+  void fileLog(const std::vector<std::string>& lines);
   /// How the host ended if its output has, otherwise |otherwise|; and what it said last.
   [[nodiscard]] std::string fate(const std::string& otherwise);
   [[nodiscard]] std::string logTail() const;
@@ -96,7 +92,7 @@ class HostProcess {
   std::condition_variable changed_;
   std::vector<LogLine> log_;
   std::vector<std::string> answers_;
-  bool outputEnded_ = false;
+  std::atomic<bool> outputEnded_{false};
 
   std::thread collector_;
 };
