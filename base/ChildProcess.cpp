@@ -34,6 +34,7 @@ constexpr int kNotRun = 127;
 /// Pointers into |texts| and a null, as execve(2) takes them. It changes no text.
 std::vector<char*> pointers(const std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (const std::string& text : texts) result.push_back(const_cast<char*>(text.c_str()));
   result.push_back(nullptr);
   return result;

@@ -29,7 +29,7 @@ std::string ipv6Net(std::size_t i) {
 
 HotspotNetwork::Client describeClient(std::size_t i, const std::set<std::size_t>& ipv6Only) {
   HotspotNetwork::Client client;
-  client.name = i < 26 ? std::string(1, static_cast<char>('A' + i)) : "client" + std::to_string(i);
+  client.name = std::string(1, static_cast<char>('A' + i));
   client.mac = "02:00:00:00:43:" + hex(i + kFirstMacByte, 2);
   if (!ipv6Only.contains(i)) client.ipv4 = ipv4Net(i) + "2";
   client.ipv6 = canonicalIp(ipv6Net(i) + "2");

@@ -28,7 +28,7 @@ class HotspotNetwork {
   static constexpr const char* kGatewayIpv6 = "2001:db8:ffff::1";
   static constexpr const char* kUpstreamIpv4 = "203.0.113.2";
   static constexpr const char* kUpstreamIpv6 = "2001:db8:ffff::2";
-  static constexpr std::size_t kMaxClients = 200;
+  static constexpr std::size_t kMaxClients = 26;
 
   struct Options {
     /// 0 to kMaxClients.
@@ -38,7 +38,7 @@ class HotspotNetwork {
   };
 
   struct Client {
-    /// "A", "B", .. "Z", then "client26", ...
+    /// "A", "B", .. "Z".
     std::string name;
     /// Lower case, e.g. "02:00:00:00:43:0a" for client 0.
     std::string mac;
