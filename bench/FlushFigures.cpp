@@ -52,7 +52,7 @@ void awaitNeighbours(Zan& host, std::uint64_t neighbours) {
   const auto& counters = framework::notificationCounters();
   const std::uint64_t before = counters.delivered;
   const bool toldOfAll = base::eventually([&] {
-    host.zanCom.hostSide().loop.turn(0);
+    HostSides::loopOf(host.zanCom).turn(0);
     return counters.delivered - before >= neighbours;
   });
   if (!toldOfAll) throw lab::Error("the plug-in was not told of all neighbours");

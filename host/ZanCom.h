@@ -23,10 +23,8 @@ class ZanCom {
   /// descriptor. Returns 0, or -1 when it was not watched.
   int removeComEventHandler(int fd);
 
-  /// The loop itself, which only the framework drives.
-  struct HostSide;
-  HostSide& hostSide() { return *side; }
-
  private:
+  friend struct HostSides;
+  struct HostSide;  ///< the loop itself, which only the framework drives
   std::unique_ptr<HostSide> side;
 };

@@ -24,10 +24,8 @@ class ZanDsm : public EventDispatcher<ZanDsmEvent> {
   /// Non-zero while tethering is on. Kept by the framework.
   std::int32_t tetheringIndicator = 0;
 
-  /// The monitor's own state, which only the framework changes.
-  struct HostSide;
-  HostSide& hostSide() { return *side; }
-
  private:
+  friend struct HostSides;
+  struct HostSide;  ///< the monitor's own state, which only the framework changes
   std::unique_ptr<HostSide> side;
 };

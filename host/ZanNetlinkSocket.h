@@ -47,6 +47,7 @@ class ZanNetlinkSocket {
   /// First field of the object: whoever registers the socket with an event loop reads it there.
   int socketFd;
 
-  struct HostSide;
+ private:
+  struct HostSide;  ///< what only the framework knows of it
   HostSide* side;
 };

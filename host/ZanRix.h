@@ -62,10 +62,8 @@ class ZanRix {
   /// Installs the filters that let only listening sockets be woken. Returns 1 on success.
   int installListenFilters(HalFilterInfo info);
 
-  /// The modem itself, which only the framework knows.
-  struct HostSide;
-  HostSide& hostSide() { return *side; }
-
  private:
+  friend struct HostSides;
+  struct HostSide;  ///< the modem itself, which only the framework knows
   std::unique_ptr<HostSide> side;
 };

@@ -49,6 +49,10 @@ struct ZanCom::HostSide {
 };
 struct ZanDsm::HostSide {};
 
+struct HostSides {
+  static auto& of(ZanCom& com) { return *com.side; }
+};
+
 ZanCom::ZanCom() : side(std::make_unique<HostSide>()) {}
 ZanCom::~ZanCom() = default;
 
@@ -187,7 +191,7 @@ std::vector<Bytes> RecordingHost::awaitRequests(std::size_t count) {
 
 void RecordingHost::receive(int fd, Bytes messages) {
   incoming = std::move(messages);
-  const auto [ready, cbData] = zan.zanCom.hostSide();
+  const auto [ready, cbData] = HostSides::of(zan.zanCom);
   ready(fd, cbData);
 }
 

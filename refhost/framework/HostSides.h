@@ -23,3 +23,11 @@ struct ZanDsm::HostSide {
   std::map<std::string, _ZanDsmWwanInfoType> wwanInfo;
   std::vector<std::string> sapClients;  ///< the list that event 27 carried last
 };
+
+/// The way there, which the host objects open to nobody else.
+struct HostSides {
+  static framework::EventLoop& loopOf(ZanCom& com) { return com.side->loop; }
+  static framework::Modem& modemOf(ZanRix& rix) { return rix.side->modem; }
+  static auto& wwanInfoOf(ZanDsm& dsm) { return dsm.side->wwanInfo; }
+  static auto& sapClientsOf(ZanDsm& dsm) { return dsm.side->sapClients; }
+};

@@ -14,7 +14,7 @@ void HostSession::execute(const Command& command) {
 }
 
 void HostSession::carryOut(const ClientsCommand& command) {
-  auto& known = zan_.zanDsm.hostSide().sapClients;
+  auto& known = HostSides::sapClientsOf(zan_.zanDsm);
   const auto departed = std::count_if(known.begin(), known.end(), [&](const std::string& client) {
     return std::find(command.clients.begin(), command.clients.end(), client) ==
            command.clients.end();
@@ -48,7 +48,7 @@ void HostSession::carryOut(const HelpCommand& /*command*/) {
 
 void HostSession::carryOut(const QuitCommand& /*command*/) {
   answer("quit");
-  zan_.zanCom.hostSide().loop.stop();
+  HostSides::loopOf(zan_.zanCom).stop();
 }
 
 void HostSession::carryOut(const WwanCommand& command) {
@@ -75,18 +75,18 @@ void HostSession::carryOut(const DormancyCommand& command) {
       "dormancy: {} is {}{}", command.ifaceName, command.dormant ? "dormant" : "active",
       lack.empty() ? ""
                    : "; no filters, no timer: " + lack + "; say it again once it is connected"));
-  zan_.zanRix.hostSide().modem.setDormancy(command.ifaceName,
-                                           command.dormant ? kLinkDormant : kLinkActive);
+  HostSides::modemOf(zan_.zanRix)
+      .setDormancy(command.ifaceName, command.dormant ? kLinkDormant : kLinkActive);
 }
 
 void HostSession::carryOut(const FilteringEndedCommand& command) {
   answer(fmt::format("filtering-ended: {}", command.ifaceName));
-  zan_.zanRix.hostSide().modem.endFiltering(command.ifaceName);
+  HostSides::modemOf(zan_.zanRix).endFiltering(command.ifaceName);
 }
 
 void HostSession::carryOut(const ModemAnswerCommand& command) {
   framework::Modem::Interface& interface =
-      zan_.zanRix.hostSide().modem.interface(command.ifaceName);
+      HostSides::modemOf(zan_.zanRix).interface(command.ifaceName);
   (command.listenFilters ? interface.listenAnswer : interface.installAnswer) = command.answer;
   answer(fmt::format("modem-answer: {} {} {}", command.ifaceName,
                      command.listenFilters ? "listen" : "install", command.answer));

@@ -19,7 +19,7 @@ class HostSession {
   /// several), as AnswerQueue writes them. |channel| is the command channel to the privileged
   /// parent process, or -1.
   HostSession(int answers, int channel)
-      : answers_(zan_.zanCom.hostSide().loop, answers), wwan_(zan_) {
+      : answers_(HostSides::loopOf(zan_.zanCom), answers), wwan_(zan_) {
     zan_.commandChannelFd = channel;
   }
 

@@ -54,8 +54,8 @@ std::string interfaceText(const HostStatus::Interface& interface) {
 
 /// Every interface that the monitor or the modem knows.
 std::vector<HostStatus::Interface> readInterfaces(Zan& zan) {
-  const auto& records = zan.zanDsm.hostSide().wwanInfo;
-  framework::Modem& modem = zan.zanRix.hostSide().modem;
+  const auto& records = HostSides::wwanInfoOf(zan.zanDsm);
+  framework::Modem& modem = HostSides::modemOf(zan.zanRix);
   for (const auto& record : records) modem.interface(record.first);
   std::vector<HostStatus::Interface> interfaces;
   for (const auto& [name, radio] : modem.interfaces()) {
@@ -76,7 +76,7 @@ std::vector<HostStatus::Interface> readInterfaces(Zan& zan) {
 HostStatus readHostStatus(Zan& zan) {
   const framework::DeletionCounters& deletions = framework::deletionCounters();
   const framework::NotificationCounters& notifications = framework::notificationCounters();
-  return {zan.zanDsm.hostSide().sapClients,
+  return {HostSides::sapClientsOf(zan.zanDsm),
           kernelNeighbours(),
           notifications.delivered,
           notifications.overruns,

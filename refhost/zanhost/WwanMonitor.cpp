@@ -79,7 +79,7 @@ bool WwanMonitor::follow(const std::vector<std::string>& names) {
 }
 
 std::string WwanMonitor::lacks(const std::string& name) const {
-  const auto& records = zan_.zanDsm.hostSide().wwanInfo;
+  const auto& records = HostSides::wwanInfoOf(zan_.zanDsm);
   const auto known = records.find(name);
   if (known != records.end() && known->second.status == ZAN_WWAN_STATUS_CONNECTED) return {};
   if (followed_.count(name) == 0) return "neither '--wwan' nor the command 'wwan' has connected it";
@@ -261,7 +261,7 @@ void WwanMonitor::report(const std::string& name, std::uint32_t status) {
 
 /// The record of |name|; a new one is for the default access point.
 _ZanDsmWwanInfoType& WwanMonitor::record(const std::string& name) {
-  auto& all = zan_.zanDsm.hostSide().wwanInfo;
+  auto& all = HostSides::wwanInfoOf(zan_.zanDsm);
   const auto [entry, isNew] = all.try_emplace(name);
   if (isNew) entry->second.apnList = {ZAN_APN_TYPE_DEFAULT};
   return entry->second;

@@ -166,7 +166,7 @@ void awaitLastDeletions() {
 int runSession(const Options& options, const std::vector<std::string>& script, int channel,
                Plugin& plugin, const base::UniqueFd& signals) {
   HostSession session(STDOUT_FILENO, channel);
-  framework::EventLoop& loop = session.host().zanCom.hostSide().loop;
+  framework::EventLoop& loop = HostSides::loopOf(session.host().zanCom);
   loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
   if (!session.follow(options.wwan)) return kExitUnavailable;
   if (plugin.start(session.host()) != 0) {

@@ -79,7 +79,8 @@ TEST_F(PluginLibrary, GoesOnDeletingAfterItHasBeenUnloaded) {
                              "link add ap1 type veth peer name ap2\nlink set ap1 up\n"
                              "neigh replace " +
                                  address + " lladdr " + mac + " dev ap1 nud permanent\n");
-    while (framework::notificationCounters().delivered == 0) host.zanCom.hostSide().loop.turn(-1);
+    while (framework::notificationCounters().delivered == 0)
+      HostSides::loopOf(host.zanCom).turn(-1);
     for (const ZanDsmTextList& clients : {ZanDsmTextList{mac}, ZanDsmTextList{}}) {
       host.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &clients);
     }
