@@ -1,17 +1,16 @@
 #include "refhost/framework/NeighbourListing.h"
 
+#include <libmnl/libmnl.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstring>
 #include <limits>
 #include <utility>
 
-#include "host/ZanNetlinkSocket.h"
 #include "refhost/framework/HostLog.h"
-#include "refhost/framework/NetlinkMessages.h"
+#include "refhost/framework/Netlink.h"
 
 namespace framework {
 namespace {
@@ -25,33 +24,22 @@ constexpr unsigned kAnnounced = NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROB
 constexpr std::int64_t kChangeAge = -1;
 
 bool isAnnounced(const nlmsghdr& msg) {
-  return msg.nlmsg_type == RTM_NEWNEIGH && msg.nlmsg_len >= NLMSG_LENGTH(sizeof(ndmsg)) &&
-         (netlinkPayload<ndmsg>(&msg)->ndm_state & kAnnounced) != 0;
+  return msg.nlmsg_type == RTM_NEWNEIGH && mnl_nlmsg_get_payload_len(&msg) >= sizeof(ndmsg) &&
+         (static_cast<const ndmsg*>(mnl_nlmsg_get_payload(&msg))->ndm_state & kAnnounced) != 0;
 }
 
 std::int64_t ageOf(const nlmsghdr& msg) {
-  std::int64_t age = std::numeric_limits<std::int64_t>::max();
-  forEachAttribute(msg, sizeof(ndmsg), [&](int type, const void* value, std::size_t length) {
-    nda_cacheinfo times;
-    if (type != NDA_CACHEINFO || length < sizeof(times)) return;
-    std::memcpy(&times, value, sizeof(times));
-    age = times.ndm_updated;
-  });
-  return age;
+  const nlattr* attribute = findAttribute(msg, sizeof(ndmsg), NDA_CACHEINFO);
+  if (attribute == nullptr || mnl_attr_get_payload_len(attribute) < sizeof(nda_cacheinfo)) {
+    return std::numeric_limits<std::int64_t>::max();
+  }
+  return static_cast<const nda_cacheinfo*>(mnl_attr_get_payload(attribute))->ndm_updated;
 }
 
 }  // namespace
 
 bool NeighbourListing::ask(int fd) {
-  struct {
-    nlmsghdr header;
-    ndmsg neighbour;
-  } request{};
-  request.header.nlmsg_len = sizeof(request);
-  request.header.nlmsg_type = RTM_GETNEIGH;
-  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  request.header.nlmsg_seq = kSequence;
-  underWay_ = send(fd, &request, sizeof(request), 0) >= 0;
+  underWay_ = requestList(fd, RTM_GETNEIGH, kSequence);
   return underWay_;
 }
 
@@ -59,7 +47,7 @@ void NeighbourListing::take(const nlmsghdr& msg) {
   const bool listed = msg.nlmsg_seq == kSequence;
   if (listed && msg.nlmsg_type == NLMSG_ERROR) {
     HOST_LOG(kLogWarning, "netlink: the kernel does not list its neighbours: %s",
-             std::strerror(-netlinkPayload<nlmsgerr>(&msg)->error));
+             std::strerror(-static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&msg))->error));
   }
   if (listed && (msg.nlmsg_type == NLMSG_DONE || msg.nlmsg_type == NLMSG_ERROR)) {
     underWay_ = false;

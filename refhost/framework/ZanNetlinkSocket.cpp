@@ -1,13 +1,14 @@
 #include "host/ZanNetlinkSocket.h"
 
+#include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -16,7 +17,6 @@
 #include "refhost/framework/HostLog.h"
 #include "refhost/framework/NeighbourListing.h"
 #include "refhost/framework/NetlinkCounters.h"
-#include "refhost/framework/NetlinkMessages.h"
 
 namespace {
 
@@ -39,6 +39,23 @@ bool sentByKernel(const sockaddr_nl& sender) {
   return sender.nl_pid == 0;
 }
 
+struct CloseSocket {
+  void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
+};
+
+/// Calls |visit| with every complete message in the |length| bytes at |buffer|; their number.
+template <typename Visit>
+int forEachMessage(std::vector<unsigned char>& buffer, ssize_t length, Visit visit) {
+  int count = 0;
+  auto left = static_cast<int>(length);
+  auto* msg = static_cast<nlmsghdr*>(static_cast<void*>(buffer.data()));
+  for (; mnl_nlmsg_ok(msg, left); msg = mnl_nlmsg_next(msg, &left)) {
+    visit(msg);
+    ++count;
+  }
+  return count;
+}
+
 }  // namespace
 
 struct ZanNetlinkSocket::HostSide {
@@ -47,7 +64,11 @@ struct ZanNetlinkSocket::HostSide {
   std::mutex requestMutex;  ///< held from a request to its acknowledgement
   std::vector<unsigned char> buffer;
   framework::NeighbourListing listing;
-  bool neighboursMissing;  ///< some were there before the socket, or have been dropped
+  bool neighboursMissing = false;  ///< some were there before the socket, or have been dropped
+  std::unique_ptr<mnl_socket, CloseSocket> socket;
+
+  /// The descriptor of a socket that has joined its groups; -1, with a log line, if that fails.
+  int open();
 
   [[nodiscard]] bool hearsOfNeighbours() const {
     return (groupsOf(protocol, argument) & RTMGRP_NEIGH) != 0;
@@ -61,6 +82,26 @@ struct ZanNetlinkSocket::HostSide {
   ssize_t receive(int fd, int flags);
   int awaitAnswer(int fd, std::uint32_t sequence);
 };
+
+int ZanNetlinkSocket::HostSide::open() {
+  const unsigned int groups = groupsOf(protocol, argument);
+  socket.reset(mnl_socket_open2(protocol, SOCK_CLOEXEC));
+  if (!socket) {
+    HOST_LOG(kLogError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
+    return -1;
+  }
+  if (mnl_socket_bind(socket.get(), groups, MNL_SOCKET_AUTOPID) == -1) {
+    HOST_LOG(kLogError, "netlink: cannot join groups 0x%x of protocol %d: %s", groups, protocol,
+             std::strerror(errno));
+    socket.reset();
+    return -1;
+  }
+  const int fd = mnl_socket_get_fd(socket.get());
+  if (protocol == NETLINK_NETFILTER) {
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout, sizeof(kAnswerTimeout));
+  }
+  return fd;
+}
 
 void ZanNetlinkSocket::HostSide::askForMissing(int fd) {
   pollfd older{fd, POLLIN, 0};
@@ -105,45 +146,25 @@ int ZanNetlinkSocket::HostSide::awaitAnswer(int fd, std::uint32_t sequence) {
     if (received < 0 && errno == ENOBUFS) continue;
     if (received < 0) return -errno;
     std::optional<int> answer;
-    framework::forEachNetlinkMessage(
-        buffer.data(), static_cast<std::size_t>(received), [&](nlmsghdr* msg) {
-          if (msg->nlmsg_seq != sequence || msg->nlmsg_type != NLMSG_ERROR) return;
-          answer = framework::netlinkPayload<nlmsgerr>(msg)->error;
-        });
+    forEachMessage(buffer, received, [&](const nlmsghdr* msg) {
+      if (msg->nlmsg_seq != sequence || msg->nlmsg_type != NLMSG_ERROR) return;
+      answer = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(msg))->error;
+    });
     if (answer) return *answer;
   }
 }
 
 ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
-    : socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol)),
-      side(new HostSide{protocol, argument, {}, {}, {}, false}) {
+    : socketFd(-1), side(new HostSide{protocol, argument, {}, {}, {}, false, {}}) {
   side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
-  if (socketFd == -1) {
-    HOST_LOG(kLogError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
-    return;
-  }
-  sockaddr_nl own{};
-  own.nl_family = AF_NETLINK;
-  own.nl_groups = groupsOf(protocol, argument);
-  if (bind(socketFd, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) == -1) {
-    HOST_LOG(kLogError, "netlink: cannot join groups 0x%x of protocol %d: %s", own.nl_groups,
-             protocol, std::strerror(errno));
-    close(socketFd);
-    socketFd = -1;
-    return;
-  }
-  if (protocol == NETLINK_NETFILTER) {
-    setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout, sizeof(kAnswerTimeout));
-  }
+  socketFd = side->open();
+  if (socketFd == -1) return;
   side->neighboursMissing = side->hearsOfNeighbours();
   side->askForMissing(socketFd);
 }
 
 ZanNetlinkSocket::~ZanNetlinkSocket() {
-  if (socketFd != -1) {
-    framework::EventLoop::descriptorClosing(socketFd);
-    close(socketFd);
-  }
+  if (socketFd != -1) framework::EventLoop::descriptorClosing(socketFd);
   delete side;
 }
 
@@ -152,12 +173,9 @@ int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
   const std::lock_guard<std::mutex> lock(side->requestMutex);
   ++counters.requested;
 
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
   const std::uint32_t sequence = msg->nlmsg_seq;
-  const ssize_t sent = sendto(socketFd, msg, msg->nlmsg_len, 0,
-                              reinterpret_cast<const sockaddr*>(&kernel), sizeof(kernel));
-  const int answer = sent < 0 ? -errno : side->awaitAnswer(socketFd, sequence);
+  const int answer =
+      send(socketFd, msg, msg->nlmsg_len, 0) < 0 ? -errno : side->awaitAnswer(socketFd, sequence);
   if (answer == 0) {
     ++counters.deleted;
   } else if (answer == -ENOENT) {
@@ -187,18 +205,17 @@ int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, vo
     if (neighbours) ++framework::notificationCounters().delivered;
     callback(cbData, msg, msg->nlmsg_len);
   };
-  const int count = framework::forEachNetlinkMessage(
-      side->buffer.data(), static_cast<std::size_t>(received), [&](nlmsghdr* msg) {
-        if (!side->listing.underWay()) {
-          handOn(msg);
-          return;
-        }
-        side->listing.take(*msg);
-        if (side->listing.underWay()) return;
-        for (framework::NeighbourListing::Message& kept : side->listing.result()) {
-          handOn(static_cast<nlmsghdr*>(static_cast<void*>(kept.data())));
-        }
-      });
+  const int count = forEachMessage(side->buffer, received, [&](nlmsghdr* msg) {
+    if (!side->listing.underWay()) {
+      handOn(msg);
+      return;
+    }
+    side->listing.take(*msg);
+    if (side->listing.underWay()) return;
+    for (framework::NeighbourListing::Message& kept : side->listing.result()) {
+      handOn(static_cast<nlmsghdr*>(static_cast<void*>(kept.data())));
+    }
+  });
   side->askForMissing(socketFd);
   return count;
 }

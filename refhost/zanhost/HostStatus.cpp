@@ -8,20 +8,14 @@
 
 #include "host/ZanNetlinkSocket.h"
 #include "refhost/framework/HostSides.h"
+#include "refhost/framework/Netlink.h"
 #include "refhost/framework/NetlinkCounters.h"
 
 namespace zanhost {
 namespace {
 
-struct Dump {
-  int neighbours = 0;
-  bool done = false;
-};
-
 void countNeighbour(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
-  auto* dump = static_cast<Dump*>(cbData);
-  if (msg->nlmsg_type == RTM_NEWNEIGH) ++dump->neighbours;
-  if (msg->nlmsg_type == NLMSG_DONE || msg->nlmsg_type == NLMSG_ERROR) dump->done = true;
+  if (msg->nlmsg_type == RTM_NEWNEIGH) ++*static_cast<int*>(cbData);
 }
 
 /// Entries of the kernel's neighbour table of this network namespace, or -1.
@@ -29,19 +23,9 @@ int kernelNeighbours() {
   ZanNetlinkSocket socket(NETLINK_ROUTE, 0);
   const timeval limit{1, 0};
   setsockopt(socket.socketFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-  struct {
-    nlmsghdr header;
-    ndmsg neighbour;
-  } request{};
-  request.header.nlmsg_len = sizeof(request);
-  request.header.nlmsg_type = RTM_GETNEIGH;
-  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  if (send(socket.socketFd, &request, sizeof(request), 0) < 0) return -1;
-  Dump dump;
-  while (!dump.done) {
-    if (socket.NetlinkRecv(0, countNeighbour, &dump) < 0) return -1;
-  }
-  return dump.neighbours;
+  int neighbours = 0;
+  return framework::receiveList(socket, RTM_GETNEIGH, countNeighbour, &neighbours) ? neighbours
+                                                                                   : -1;
 }
 
 std::string interfaceText(const HostStatus::Interface& interface) {

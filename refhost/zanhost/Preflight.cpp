@@ -1,18 +1,18 @@
 #include "refhost/zanhost/Preflight.h"
 
 #include <fcntl.h>
+#include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
-#include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "base/UniqueFd.h"
-#include "refhost/framework/NetlinkMessages.h"
 
 namespace zanhost {
 namespace {
@@ -41,28 +41,24 @@ std::optional<std::string> conntrackTable() {
 /// Asks for the conntrack statistics: every conntrack request needs the same module and the same
 /// privilege, and this one only reads.
 std::optional<std::string> conntrackNetlink() {
-  const base::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-  if (!socketFd.valid()) {
+  const std::unique_ptr<mnl_socket, decltype(&mnl_socket_close)> socket(
+      mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC), mnl_socket_close);
+  if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0) {
     return "no netfilter netlink socket" + reason(errno) + "; load the module nfnetlink";
   }
-  struct {
-    nlmsghdr header;
-    nfgenmsg family;
-  } request{};
-  request.header.nlmsg_len = sizeof(request);
-  request.header.nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_GET_STATS;
-  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
   const timeval limit{1, 0};
-  setsockopt(socketFd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-  alignas(nlmsghdr) char answer[4096];
-  ssize_t received = send(socketFd.get(), &request, sizeof(request), 0);
-  if (received > 0) received = recv(socketFd.get(), answer, sizeof(answer), 0);
-  if (received < 0) return "conntrack's netlink interface does not answer" + reason(errno);
-
-  const auto* header = reinterpret_cast<const nlmsghdr*>(answer);
-  if (header->nlmsg_type != NLMSG_ERROR) return std::nullopt;
-  const int error = -framework::netlinkPayload<nlmsgerr>(header)->error;
-  if (error == 0) return std::nullopt;
+  setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  alignas(nlmsghdr) std::array<char, 4096> buffer;
+  nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
+  request->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_GET_STATS;
+  request->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  mnl_nlmsg_put_extra_header(request, sizeof(nfgenmsg));
+  ssize_t length = mnl_socket_sendto(socket.get(), request, request->nlmsg_len);
+  if (length > 0) length = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
+  if (length < 0) return "conntrack's netlink interface does not answer" + reason(errno);
+  const auto size = static_cast<std::size_t>(length);
+  if (mnl_cb_run(buffer.data(), size, 0, 0, nullptr, nullptr) >= 0) return std::nullopt;
+  const int error = errno;
   if (error == EPERM) {
     return "not allowed to delete conntrack entries" + reason(error) +
            "; run as root, with CAP_NET_ADMIN, or in a user namespace that owns the network "

@@ -1,10 +1,10 @@
 #include "refhost/zanhost/WwanMonitor.h"
 
 #include <arpa/inet.h>
+#include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -14,7 +14,7 @@
 
 #include "refhost/framework/HostLog.h"
 #include "refhost/framework/HostSides.h"
-#include "refhost/framework/NetlinkMessages.h"
+#include "refhost/framework/Netlink.h"
 
 namespace zanhost {
 namespace {
@@ -44,11 +44,12 @@ void setText(char* field, const std::string& text) {
   text.copy(field, kTextSize - 1);
 }
 
-std::string addressText(int family, const void* bytes, std::size_t length) {
+/// The text of an interface's address; empty when |attribute|, which may be null, holds none.
+std::string addressText(int family, const nlattr* attribute) {
   std::array<char, INET6_ADDRSTRLEN> text{};
   const std::size_t needed = family == AF_INET ? sizeof(in_addr) : sizeof(in6_addr);
-  if (length < needed) return {};
-  inet_ntop(family, bytes, text.data(), text.size());
+  if (attribute == nullptr || mnl_attr_get_payload_len(attribute) < needed) return {};
+  inet_ntop(family, mnl_attr_get_payload(attribute), text.data(), text.size());
   return text.data();
 }
 
@@ -98,7 +99,8 @@ bool WwanMonitor::synchronise() {
   dumping_ = true;
   for (int i = 0; i < kTries && !listed; ++i) {
     links_.clear();
-    listed = dump(RTM_GETLINK) && dump(RTM_GETADDR);
+    listed = framework::receiveList(*socket_, RTM_GETLINK, messageReady, this) &&
+             framework::receiveList(*socket_, RTM_GETADDR, messageReady, this);
   }
   dumping_ = false;
   stale_ = !listed;
@@ -133,34 +135,6 @@ void WwanMonitor::socketReady(int /*fd*/, void* cbData) {
   if (self->stale_) self->synchronise();
 }
 
-/// Asks for everything of |type| and reads the answer to its end.
-bool WwanMonitor::dump(int type) {
-  struct {
-    nlmsghdr header;
-    rtgenmsg family;
-  } request{};
-  request.header.nlmsg_len = sizeof(request);
-  request.header.nlmsg_type = static_cast<std::uint16_t>(type);
-  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  if (send(socket_->socketFd, &request, sizeof(request), 0) < 0) return false;
-  struct Reading {
-    WwanMonitor* self;
-    bool done;
-  } reading{this, false};
-  while (!reading.done) {
-    const int read = socket_->NetlinkRecv(
-        0,
-        [](void* cbData, nlmsghdr* msg, unsigned int len) {
-          auto* state = static_cast<Reading*>(cbData);
-          state->done |= msg->nlmsg_type == NLMSG_DONE || msg->nlmsg_type == NLMSG_ERROR;
-          messageReady(state->self, msg, len);
-        },
-        &reading);
-    if (read < 0) return false;
-  }
-  return true;
-}
-
 void WwanMonitor::messageReady(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
   auto* self = static_cast<WwanMonitor*>(cbData);
   if (msg->nlmsg_type == RTM_NEWLINK || msg->nlmsg_type == RTM_DELLINK) self->onLink(*msg);
@@ -168,14 +142,10 @@ void WwanMonitor::messageReady(void* cbData, nlmsghdr* msg, unsigned int /*len*/
 }
 
 void WwanMonitor::onLink(const nlmsghdr& msg) {
-  const auto* info = framework::netlinkPayload<ifinfomsg>(&msg);
+  const auto* info = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(&msg));
   if (info->ifi_family != AF_UNSPEC) return;  // a bridge's word about its port
-  std::string name;
-  framework::forEachAttribute(msg, sizeof(ifinfomsg),
-                              [&](int type, const void* value, std::size_t length) {
-                                const auto* text = static_cast<const char*>(value);
-                                if (type == IFLA_IFNAME) name.assign(text, strnlen(text, length));
-                              });
+  const nlattr* nameAttribute = framework::findAttribute(msg, sizeof(ifinfomsg), IFLA_IFNAME);
+  const std::string name = nameAttribute == nullptr ? "" : mnl_attr_get_str(nameAttribute);
   const auto known = links_.find(info->ifi_index);
   const bool removed = msg.nlmsg_type == RTM_DELLINK;
   if (known != links_.end() && (removed || known->second.name != name)) {
@@ -194,19 +164,12 @@ void WwanMonitor::onLink(const nlmsghdr& msg) {
 }
 
 void WwanMonitor::onAddress(const nlmsghdr& msg) {
-  const auto* info = framework::netlinkPayload<ifaddrmsg>(&msg);
+  const auto* info = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(&msg));
   const auto known = links_.find(static_cast<int>(info->ifa_index));
   if (known == links_.end() || info->ifa_scope >= RT_SCOPE_LINK) return;
-  std::string local;
-  std::string peer;
-  framework::forEachAttribute(msg, sizeof(ifaddrmsg),
-                              [&](int type, const void* value, std::size_t length) {
-                                if (type == IFA_LOCAL)
-                                  local = addressText(info->ifa_family, value, length);
-                                if (type == IFA_ADDRESS)
-                                  peer = addressText(info->ifa_family, value, length);
-                              });
-  const std::string address = local.empty() ? peer : local;  // IPv6 has no IFA_LOCAL of its own
+  const nlattr* own = framework::findAttribute(msg, sizeof(ifaddrmsg), IFA_LOCAL);
+  if (own == nullptr) own = framework::findAttribute(msg, sizeof(ifaddrmsg), IFA_ADDRESS);  // IPv6
+  const std::string address = addressText(info->ifa_family, own);
   Link& link = known->second;
   if (msg.nlmsg_type == RTM_NEWADDR) {
     link.addresses.insert({address, info->ifa_prefixlen});

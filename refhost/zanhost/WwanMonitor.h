@@ -59,7 +59,6 @@ class WwanMonitor {
   /// Reads all links and addresses anew and reports what has changed. False when the kernel does
   /// not list them.
   bool synchronise();
-  bool dump(int type);
   void onLink(const nlmsghdr& msg);
   void onAddress(const nlmsghdr& msg);
   void update(const Link& link);

@@ -12,7 +12,6 @@
 #include "base/UniqueFd.h"
 #include "host/ZanNetlinkSocket.h"
 #include "refhost/framework/NeighbourListing.h"
-#include "refhost/framework/NetlinkMessages.h"
 
 namespace framework {
 namespace {
@@ -46,7 +45,8 @@ class NeighbourListingTest : public testing::Test {
   std::vector<int> result() {
     std::vector<int> neighbours;
     for (const auto& message : listing.result()) {
-      neighbours.push_back(netlinkPayload<ndmsg>(&header(message))->ndm_ifindex);
+      neighbours.push_back(
+          static_cast<const ndmsg*>(mnl_nlmsg_get_payload(&header(message)))->ndm_ifindex);
       const auto length = static_cast<std::ptrdiff_t>(header(message).nlmsg_len);
       EXPECT_EQ(std::count(message.begin() + length, message.end(), 0),
                 static_cast<std::ptrdiff_t>(kNetlinkReceiveSlack));

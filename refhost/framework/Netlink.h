@@ -1,0 +1,26 @@
+// What the reference host's users of rtnetlink(7) share, beside libmnl.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+
+#include "host/ZanNetlinkSocket.h"
+
+namespace framework {
+
+/// Asks on |fd| for everything that |type|, RTM_GETLINK say, lists; the messages of the answer
+/// carry |sequence|. False, with errno set, if that fails.
+[[nodiscard]] bool requestList(int fd, std::uint16_t type, std::uint32_t sequence);
+
+/// Asks on |socket| and receives until the answer has ended; |callback| gets every message of it,
+/// and notifications that come meanwhile. False, with errno set, when the kernel does not list, or
+/// has dropped something.
+[[nodiscard]] bool receiveList(ZanNetlinkSocket& socket, std::uint16_t type, NlMsgCallback callback,
+                               void* cbData);
+
+/// The last attribute |type| of |msg|, behind a family header of |headerLength| bytes; or null.
+[[nodiscard]] const nlattr* findAttribute(const nlmsghdr& msg, unsigned int headerLength,
+                                          std::uint16_t type);
+
+}  // namespace framework
