@@ -101,9 +101,9 @@ int runChild(const base::UniqueFd& channel, const std::function<int(int)>& host)
 
 }  // namespace
 
-int runUnderPrivilegedParent(zanhost::LogSink::Format format, int logLevel,
+int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
                              const std::function<int(int)>& host) {
-  RuleKeeper keeper(format);
+  RuleKeeper keeper(openLog);
   if (!keeper.valid()) return fail("cannot start the rule keeper");
   std::array<int, 2> ends{};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
@@ -122,7 +122,7 @@ int runUnderPrivilegedParent(zanhost::LogSink::Format format, int logLevel,
   }
   childEnd.reset();
   std::signal(SIGPIPE, SIG_IGN);
-  const zanhost::LogSink log(STDERR_FILENO, format, logLevel);
+  const auto log = openLog(logLevel);
   return Supervisor(child, parentEnd.get(), keeper).run(signals.get());
 }
 

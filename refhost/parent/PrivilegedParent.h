@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "refhost/zanhost/LogSink.h"
+#include "refhost/framework/HostLog.h"
 
 namespace parent {
 
@@ -15,8 +15,9 @@ namespace parent {
 ///
 /// Idle-timer rules that the channel asked for are gone once both have ended, in whatever way.
 ///
-/// Returns the exit code, in both processes. Call it before there are threads.
-int runUnderPrivilegedParent(zanhost::LogSink::Format format, int logLevel,
+/// |openLog| is called in the processes that stay privileged. Returns the exit code, in the parent
+/// and the child. Call it before there are threads.
+int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
                              const std::function<int(int channel)>& host);
 
 }  // namespace parent

@@ -34,7 +34,7 @@ void sweep(const std::vector<IdleTimerRule>& rules) {
 }
 
 /// The keeper's life.
-[[noreturn]] void keep(int pipe, zanhost::LogSink::Format format) {
+[[noreturn]] void keep(int pipe, const framework::OpenLog& openLog) {
   setsid();  // away from the terminal, and from whoever kills the host's process group
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE}) {
     std::signal(signal, SIG_IGN);
@@ -46,7 +46,7 @@ void sweep(const std::vector<IdleTimerRule>& rules) {
     if (count < 0 && errno != EINTR) break;
   }
   if (!rules.empty()) {
-    const zanhost::LogSink log(STDERR_FILENO, format, kLogNotice);
+    const auto log = openLog(kLogNotice);
     sweep(rules);
   }
   _exit(0);
@@ -54,7 +54,7 @@ void sweep(const std::vector<IdleTimerRule>& rules) {
 
 }  // namespace
 
-RuleKeeper::RuleKeeper(zanhost::LogSink::Format logFormat) {
+RuleKeeper::RuleKeeper(const framework::OpenLog& openLog) {
   // Programs that the owner runs inherit the pipe: as long as one of them may still add a rule,
   // it has not ended.
   std::array<int, 2> ends{};
@@ -64,7 +64,7 @@ RuleKeeper::RuleKeeper(zanhost::LogSink::Format logFormat) {
   pid_ = fork();
   if (pid_ == 0) {
     pipe_.reset();
-    keep(reading.get(), logFormat);
+    keep(reading.get(), openLog);
   }
 }
 

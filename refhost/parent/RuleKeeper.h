@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "base/UniqueFd.h"
+#include "refhost/framework/HostLog.h"
 #include "refhost/parent/IdleTimerRule.h"
-#include "refhost/zanhost/LogSink.h"
 
 namespace parent {
 
@@ -30,8 +30,9 @@ class RuleKeeper {
   };
   static_assert(sizeof(Notice) <= 512, "PIPE_BUF");
 
-  /// Starts the process. Without it, valid() is false and errno says why.
-  explicit RuleKeeper(zanhost::LogSink::Format logFormat);
+  /// Starts the process, which calls |openLog| when there are rules to delete. Without it, valid()
+  /// is false and errno says why.
+  explicit RuleKeeper(const framework::OpenLog& openLog);
 
   /// Ends the pipe and returns when the process has deleted what was left.
   ~RuleKeeper();

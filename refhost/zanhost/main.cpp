@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -219,7 +220,10 @@ int run(int argc, char** argv) {
   if (const auto wrong = wrongInterfaceName(options)) return fail(kExitUsage, *wrong);
   if (const auto wrong = takeProperties(options)) return fail(kExitUsage, *wrong);
   const auto warning = options.wwan.empty() ? std::nullopt : parent::missingIdleTimerSupport();
-  return parent::runUnderPrivilegedParent(logFormatOf(options), options.logLevel, [&](int channel) {
+  const auto openLog = [&](int threshold) {
+    return std::make_shared<LogSink>(STDERR_FILENO, logFormatOf(options), threshold);
+  };
+  return parent::runUnderPrivilegedParent(openLog, options.logLevel, [&](int channel) {
     return runHost(options, script, warning, channel);
   });
 }

@@ -46,16 +46,16 @@ struct Parent {
   }
   std::int32_t execute(ZAN_COMMANDS command, const std::string& interface, std::uint32_t seconds) {
     const bool outgoing = command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_DEL_1;
-    IdleTimerRule rule{outgoing ? IdleTimerRule::Direction::kOutgoing
-                                        : IdleTimerRule::Direction::kIncoming,
-                               seconds,
-                               {}};
+    IdleTimerRule rule{
+        outgoing ? IdleTimerRule::Direction::kOutgoing : IdleTimerRule::Direction::kIncoming,
+        seconds,
+        {}};
     interface.copy(rule.interface.data(), rule.interface.size() - 1);
     return executor.execute(command, rule);
   }
 
   FakeFirewall firewall;
-  RuleKeeper keeper{zanhost::LogSink::Format::kText};
+  RuleKeeper keeper{[](int) { return nullptr; }};
   RuleExecutor executor{keeper, firewall};
 };
 
@@ -75,8 +75,7 @@ TEST(RuleExecutor, ARuleThatMayBeThereIsDeletedLater) {
   parent.firewall.failure = kTookTooLong;
   EXPECT_EQ(parent.add("w9", 5), kTookTooLong);
   parent.firewall.failure = Firewall::kNotRun;
-  EXPECT_EQ(parent.remove("w9", 5), Firewall::kNotRun)
-      << "who ran nothing has deleted nothing";
+  EXPECT_EQ(parent.remove("w9", 5), Firewall::kNotRun) << "who ran nothing has deleted nothing";
   parent.firewall.failure = 0;
   parent.remove("w9", 5);
   EXPECT_EQ(parent.firewall.removals, 2);
