@@ -1,5 +1,5 @@
-// What a plug-in and its host must agree on beyond the framework's own declarations. It stands
-// here, and not in host/, because a vendor's headers of the same names hide that folder.
+// What a plug-in and its host must agree on beyond the framework's own declarations. Includes
+// nothing of host/: where a device's headers replace the others here, this one stays.
 #pragma once
 
 #include <cstdint>
