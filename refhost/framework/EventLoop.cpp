@@ -1,8 +1,8 @@
+// The reference host's event loop.
 #include "refhost/framework/EventLoop.h"
 
-#include <poll.h>
+#include <sys/epoll.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -10,79 +10,68 @@
 #include "refhost/framework/HostLog.h"
 
 namespace framework {
-namespace {
 
-std::vector<EventLoop*>& liveLoops() {
-  static std::vector<EventLoop*> loops;
-  return loops;
-}
-
-}  // namespace
-
-EventLoop::EventLoop() {
-  liveLoops().push_back(this);
-}
-
-EventLoop::~EventLoop() {
-  std::erase(liveLoops(), this);
-}
+EventLoop::EventLoop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {}
 
 int EventLoop::watch(int fd, Handler ready, void* cbData, Handler second, unsigned int events) {
-  if (fd < 0 || ready == nullptr) {
-    HOST_LOG(kLogWarning, "event loop: cannot watch descriptor %d%s", fd,
-             ready == nullptr ? ": no handler" : "");
-    errno = fd < 0 ? EBADF : EINVAL;
+  unwatch(fd);
+  const std::uint64_t tag = ++registrations_ << 32U | static_cast<std::uint32_t>(fd);
+  epoll_event interest{events, {.u64 = tag}};
+  errno = EINVAL;
+  const bool taken = ready != nullptr && epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &interest) == 0;
+  if (!taken && errno != EPERM) {
+    const int error = errno;
+    HOST_LOG(kLogWarning, "event loop: cannot watch descriptor %d: %s", fd, std::strerror(error));
+    errno = error;
     return -1;
   }
-  watches_[fd] = Watch{ready, cbData, second, static_cast<short>(events), ++generations_};
+  watches_[fd] = Watch{ready, cbData, second, events, tag, !taken};
   return 0;
 }
 
 int EventLoop::unwatch(int fd) {
-  if (watches_.erase(fd) != 0) return 0;
-  errno = ENOENT;
-  return -1;
+  const auto found = watches_.find(fd);
+  if (found == watches_.end()) {
+    errno = ENOENT;
+    return -1;
+  }
+  const bool known = !found->second.alwaysReady;
+  watches_.erase(found);
+  return known ? epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr) : 0;
 }
 
 void EventLoop::turn(int timeoutMs) {
-  std::vector<pollfd> polled;
-  std::vector<std::uint64_t> polledGenerations;
+  constexpr int kMostAtOnce = 16;
+  std::vector<epoll_event> happened;
   for (const auto& [fd, watch] : watches_) {
-    polled.push_back({fd, watch.events, 0});
-    polledGenerations.push_back(watch.generation);
+    if (watch.alwaysReady) happened.push_back({watch.events, {.u64 = watch.tag}});
   }
-  if (poll(polled.data(), polled.size(), timeoutMs) < 0) {
+  const std::size_t files = happened.size();
+  happened.resize(files + kMostAtOnce);
+  const int count =
+      epoll_wait(epoll_.get(), &happened[files], kMostAtOnce, files == 0 ? timeoutMs : 0);
+  if (count < 0) {
     if (errno == EINTR) return;
-    HOST_LOG(kLogError, "event loop: stopping: poll: %s", std::strerror(errno));
+    HOST_LOG(kLogError, "event loop: stopping: epoll_wait: %s", std::strerror(errno));
     stop();
     return;
   }
-  for (std::size_t i = 0; i < polled.size(); ++i) {
-    if (polled[i].revents != 0) report(polled[i].fd, polledGenerations[i], polled[i].revents);
-  }
+  happened.resize(files + static_cast<std::size_t>(count));
+  for (const epoll_event& event : happened) report(event.data.u64, event.events);
 }
 
-void EventLoop::report(int fd, std::uint64_t generation, short happened) {
-  const auto found = watches_.find(fd);
-  if (found == watches_.end() || found->second.generation != generation) return;
+void EventLoop::report(std::uint64_t tag, unsigned int happened) {
+  const auto found = watches_.find(static_cast<int>(tag));
+  if (found == watches_.end() || found->second.tag != tag) return;
   const Watch watch = found->second;
-  if ((happened & POLLNVAL) != 0) {
-    HOST_LOG(kLogWarning, "event loop: descriptor %d was closed while it was watched", fd);
-    watches_.erase(found);
-    return;
-  }
   const bool askedFor = (happened & watch.events) != 0;
   const Handler handler = askedFor || watch.second == nullptr ? watch.ready : watch.second;
-  handler(fd, watch.cbData);
+  handler(found->first, watch.cbData);
 }
 
 void EventLoop::run() {
   stopped_ = false;
   while (!stopped_) turn(-1);
-}
-
-void EventLoop::descriptorClosing(int fd) {
-  for (EventLoop* loop : liveLoops()) loop->watches_.erase(fd);
 }
 
 }  // namespace framework

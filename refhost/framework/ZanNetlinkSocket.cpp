@@ -13,7 +13,6 @@
 #include <optional>
 #include <vector>
 
-#include "refhost/framework/EventLoop.h"
 #include "refhost/framework/HostLog.h"
 #include "refhost/framework/NeighbourListing.h"
 #include "refhost/framework/NetlinkCounters.h"
@@ -164,7 +163,6 @@ ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
 }
 
 ZanNetlinkSocket::~ZanNetlinkSocket() {
-  if (socketFd != -1) framework::EventLoop::descriptorClosing(socketFd);
   delete side;
 }
 
