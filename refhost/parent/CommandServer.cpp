@@ -19,16 +19,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-bool isAddition(ZAN_COMMANDS command) {
-  return command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_ADD_2;
-}
-
-IdleTimerRule::Direction directionOf(ZAN_COMMANDS command) {
-  return command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_DEL_1
-             ? IdleTimerRule::Direction::kOutgoing
-             : IdleTimerRule::Direction::kIncoming;
-}
-
 }  // namespace
 
 CommandServer::CommandServer(int channel, Execute execute, std::chrono::milliseconds limit)
@@ -58,7 +48,7 @@ std::optional<ZAN_COMMANDS> CommandServer::readCommand() {
 }
 
 bool CommandServer::readArguments(ZAN_COMMANDS command, IdleTimerRule& rule) {
-  rule.direction = directionOf(command);
+  rule.direction = IdleTimerRule::directionOf(command);
   return readInterface(rule) && readTimeout(command, rule) && readText(kIdleTimerLabelPrefix) &&
          readText(kIdleTimerTarget);
 }
@@ -75,7 +65,8 @@ bool CommandServer::readTimeout(ZAN_COMMANDS command, IdleTimerRule& rule) {
   std::int32_t seconds = 0;
   if (!readInteger(seconds)) return false;
   rule.timeoutSeconds = static_cast<std::uint32_t>(seconds);
-  const std::uint32_t shortest = isAddition(command) ? 1 : 0;
+  const bool adds = IdleTimerRule::actionOf(command) == IdleTimerRule::Action::kAdd;
+  const std::uint32_t shortest = adds ? 1 : 0;
   if (rule.timeoutSeconds < shortest || rule.timeoutSeconds > kLongestTimeoutSeconds) {
     return refuse("a timeout of " + std::to_string(rule.timeoutSeconds) + " s is out of range");
   }

@@ -75,13 +75,14 @@ int Firewall::add(const IdleTimerRule& rule) {
   int failure = 0;
   std::vector<const char*> ran;
   for (const char* program : kPrograms) {
-    failure = run(rule.command(program, true), rule, complain_);
+    failure = run(rule.command(program, IdleTimerRule::Action::kAdd), rule, complain_);
     if (failure != kNotRun) ran.push_back(program);
     if (failure != 0) break;
   }
   if (failure == 0) return 0;
   for (const char* program : ran) {
-    if (!isDefinite(run(rule.command(program, false), rule, ignoreComplaint))) {
+    if (!isDefinite(
+            run(rule.command(program, IdleTimerRule::Action::kDelete), rule, ignoreComplaint))) {
       failure = kNotTakenBack;
     }
   }
@@ -91,7 +92,7 @@ int Firewall::add(const IdleTimerRule& rule) {
 int Firewall::remove(const IdleTimerRule& rule) {
   int result = 0;
   for (const char* program : kPrograms) {
-    const int failure = run(rule.command(program, false), rule, complain_);
+    const int failure = run(rule.command(program, IdleTimerRule::Action::kDelete), rule, complain_);
     if (failure != 0 && (result == 0 || !isDefinite(failure))) result = failure;
   }
   return result;

@@ -8,13 +8,13 @@ std::string IdleTimerRule::label() const {
   return std::string(kIdleTimerLabelPrefix) + "_" + interface.data();
 }
 
-std::vector<std::string> IdleTimerRule::command(const std::string& program, bool add) const {
+std::vector<std::string> IdleTimerRule::command(const std::string& program, Action action) const {
   const bool outgoing = direction == Direction::kOutgoing;
   return {program,
           "-w",
           "-t",
           "mangle",
-          add ? "-A" : "-D",
+          action == Action::kAdd ? "-A" : "-D",
           outgoing ? "POSTROUTING" : "PREROUTING",
           outgoing ? "-o" : "-i",
           interface.data(),

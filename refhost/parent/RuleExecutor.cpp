@@ -5,8 +5,7 @@
 namespace parent {
 
 std::int32_t RuleExecutor::execute(ZAN_COMMANDS command, const IdleTimerRule& rule) {
-  const bool adds = command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_ADD_2;
-  return adds ? add(rule) : clear(rule);
+  return IdleTimerRule::actionOf(command) == IdleTimerRule::Action::kAdd ? add(rule) : clear(rule);
 }
 
 std::int32_t RuleExecutor::add(const IdleTimerRule& rule) {

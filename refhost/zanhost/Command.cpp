@@ -8,8 +8,10 @@
 #include <charconv>
 #include <cstdlib>
 #include <sstream>
+#include <utility>
 
 #include "base/InterfaceName.h"
+#include "host/Agreement.h"
 
 namespace zanhost {
 namespace {
@@ -69,8 +71,8 @@ ParsedLine parseUpstreamLost(const Words& arguments) {
 }
 
 ParsedLine parseStatus(const Words& arguments) {
-  if (arguments.empty()) return {StatusCommand{false}, {}};
-  if (arguments.size() == 1 && arguments[0] == "json") return {StatusCommand{true}, {}};
+  if (arguments.empty()) return {StatusCommand{.json = false}, {}};
+  if (arguments.size() == 1 && arguments[0] == "json") return {StatusCommand{.json = true}, {}};
   return wrong("'" + arguments[0] + "' is not accepted; write 'status' or 'status json'");
 }
 
@@ -92,10 +94,13 @@ ParsedLine parseWait(const Words& arguments) {
           {}};
 }
 
-/// |text| as one of two words; nothing for any other.
-std::optional<bool> oneOf(const std::string& text, const char* yes, const char* no) {
-  if (text == yes) return true;
-  if (text == no) return false;
+/// What the argument at |place| stands for, which is one of two words; nothing for any other.
+template <typename Value>
+std::optional<Value> oneOf(const Words& arguments, std::size_t place,
+                           std::pair<const char*, Value> one, std::pair<const char*, Value> other) {
+  if (place >= arguments.size()) return std::nullopt;
+  if (arguments[place] == one.first) return one.second;
+  if (arguments[place] == other.first) return other.second;
   return std::nullopt;
 }
 
@@ -116,10 +121,11 @@ std::string wrongInterface(const Words& arguments) {
 
 ParsedLine parseWwan(const Words& arguments) {
   if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
-  const auto connected =
-      arguments.size() == 2 ? oneOf(arguments[1], "connected", "disconnected") : std::nullopt;
-  if (!connected) return wrong("write 'wwan IFACE connected' or 'wwan IFACE disconnected'");
-  return {WwanCommand{arguments[0], *connected}, {}};
+  const auto status = oneOf<ZanWwanStatus>(arguments, 1, {"connected", ZAN_WWAN_STATUS_CONNECTED},
+                                           {"disconnected", ZAN_WWAN_STATUS_DISCONNECTED});
+  if (!status || arguments.size() != 2)
+    return wrong("write 'wwan IFACE connected' or 'wwan IFACE disconnected'");
+  return {WwanCommand{arguments[0], *status}, {}};
 }
 
 ParsedLine parseApns(const Words& arguments) {
@@ -134,17 +140,19 @@ ParsedLine parseApns(const Words& arguments) {
 }
 
 ParsedLine parseTethering(const Words& arguments) {
-  const auto on = arguments.size() == 1 ? oneOf(arguments[0], "on", "off") : std::nullopt;
-  if (!on) return wrong("write 'tethering on' or 'tethering off'");
-  return {TetheringCommand{*on}, {}};
+  const auto state =
+      oneOf<std::int32_t>(arguments, 0, {"on", kTetheringOn}, {"off", kTetheringOff});
+  if (!state || arguments.size() != 1) return wrong("write 'tethering on' or 'tethering off'");
+  return {TetheringCommand{*state}, {}};
 }
 
 ParsedLine parseDormancy(const Words& arguments) {
   if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
-  const auto dormant =
-      arguments.size() == 2 ? oneOf(arguments[1], "dormant", "active") : std::nullopt;
-  if (!dormant) return wrong("write 'dormancy IFACE dormant' or 'dormancy IFACE active'");
-  return {DormancyCommand{arguments[0], *dormant}, {}};
+  const auto status =
+      oneOf<std::int32_t>(arguments, 1, {"dormant", kLinkDormant}, {"active", kLinkActive});
+  if (!status || arguments.size() != 2)
+    return wrong("write 'dormancy IFACE dormant' or 'dormancy IFACE active'");
+  return {DormancyCommand{arguments[0], *status}, {}};
 }
 
 ParsedLine parseFilteringEnded(const Words& arguments) {
@@ -157,9 +165,8 @@ ParsedLine parseFilteringEnded(const Words& arguments) {
 
 ParsedLine parseModemAnswer(const Words& arguments) {
   if (auto error = wrongInterface(arguments); !error.empty()) return wrong(error);
-  const auto listen =
-      arguments.size() == 3 ? oneOf(arguments[1], "listen", "install") : std::nullopt;
-  const auto answer = listen ? wholeNumber(arguments[2]) : std::nullopt;
+  const auto listen = oneOf<bool>(arguments, 1, {"listen", true}, {"install", false});
+  const auto answer = listen && arguments.size() == 3 ? wholeNumber(arguments[2]) : std::nullopt;
   if (!answer) {
     return wrong("write 'modem-answer IFACE install|listen NUMBER'; 1 is success");
   }

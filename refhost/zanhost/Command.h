@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <list>
 #include <optional>
 #include <string>
@@ -25,7 +26,7 @@ struct UpstreamLostCommand {
 /// A mobile-data interface is connected, or not.
 struct WwanCommand {
   std::string ifaceName;
-  bool connected;
+  ZanWwanStatus status;
 };
 
 /// The access points that an interface is up for.
@@ -35,13 +36,13 @@ struct ApnsCommand {
 };
 
 struct TetheringCommand {
-  bool on;
+  std::int32_t state;  ///< kTetheringOn or kTetheringOff
 };
 
 /// The modem's link of an interface becomes dormant or active.
 struct DormancyCommand {
   std::string ifaceName;
-  bool dormant;
+  std::int32_t status;  ///< kLinkDormant or kLinkActive
 };
 
 /// The modem has ended filtering on an interface.

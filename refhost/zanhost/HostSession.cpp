@@ -53,8 +53,8 @@ void HostSession::carryOut(const QuitCommand& /*command*/) {
 
 void HostSession::carryOut(const WwanCommand& command) {
   answer(fmt::format("wwan: {} is {}", command.ifaceName,
-                     command.connected ? "connected" : "disconnected"));
-  wwan_.setConnected(command.ifaceName, command.connected);
+                     command.status == ZAN_WWAN_STATUS_CONNECTED ? "connected" : "disconnected"));
+  wwan_.setStatus(command.ifaceName, command.status);
 }
 
 void HostSession::carryOut(const ApnsCommand& command) {
@@ -63,20 +63,19 @@ void HostSession::carryOut(const ApnsCommand& command) {
 }
 
 void HostSession::carryOut(const TetheringCommand& command) {
-  answer(fmt::format("tethering: {}", command.on ? "on" : "off"));
-  zan_.zanDsm.tetheringIndicator = command.on ? 1 : 0;
-  const std::int32_t payload = command.on ? kTetheringOn : kTetheringOff;
-  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &payload);
+  answer(fmt::format("tethering: {}", command.state == kTetheringOn ? "on" : "off"));
+  zan_.zanDsm.tetheringIndicator = command.state;
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &command.state);
 }
 
 void HostSession::carryOut(const DormancyCommand& command) {
-  const std::string lack = command.dormant ? wwan_.lacks(command.ifaceName) : std::string();
+  const bool dormant = command.status == kLinkDormant;
+  const std::string lack = dormant ? wwan_.lacks(command.ifaceName) : std::string();
   answer(fmt::format(
-      "dormancy: {} is {}{}", command.ifaceName, command.dormant ? "dormant" : "active",
+      "dormancy: {} is {}{}", command.ifaceName, dormant ? "dormant" : "active",
       lack.empty() ? ""
                    : "; no filters, no timer: " + lack + "; say it again once it is connected"));
-  HostSides::modemOf(zan_.zanRix)
-      .setDormancy(command.ifaceName, command.dormant ? kLinkDormant : kLinkActive);
+  HostSides::modemOf(zan_.zanRix).setDormancy(command.ifaceName, command.status);
 }
 
 void HostSession::carryOut(const FilteringEndedCommand& command) {

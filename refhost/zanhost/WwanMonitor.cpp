@@ -120,10 +120,6 @@ bool WwanMonitor::synchronise() {
   return true;
 }
 
-void WwanMonitor::setConnected(const std::string& name, bool connected) {
-  report(name, connected ? ZAN_WWAN_STATUS_CONNECTED : ZAN_WWAN_STATUS_DISCONNECTED);
-}
-
 void WwanMonitor::setApns(const std::string& name, std::list<ZanApnType> apns) {
   record(name).apnList = std::move(apns);
 }
@@ -205,13 +201,13 @@ void WwanMonitor::update(const Link& link) {
   setText(info.text + kWwanSecondTextOffset, firstOf(link.addresses, AF_INET6));
   const bool connected = info.status == ZAN_WWAN_STATUS_CONNECTED;
   if (!connected && link.up && !link.addresses.empty()) {
-    report(link.name, ZAN_WWAN_STATUS_CONNECTED);
+    setStatus(link.name, ZAN_WWAN_STATUS_CONNECTED);
   } else if (connected && !link.up) {
-    report(link.name, ZAN_WWAN_STATUS_DISCONNECTED);
+    setStatus(link.name, ZAN_WWAN_STATUS_DISCONNECTED);
   }
 }
 
-void WwanMonitor::report(const std::string& name, std::uint32_t status) {
+void WwanMonitor::setStatus(const std::string& name, ZanWwanStatus status) {
   _ZanDsmWwanInfoType& info = record(name);
   info.status = static_cast<std::int32_t>(status);
   if (starting_) return;

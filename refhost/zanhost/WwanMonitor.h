@@ -38,7 +38,7 @@ class WwanMonitor {
 
   /// Says of an interface that no kernel reports, or of a followed one until its next change,
   /// that it is connected or not.
-  void setConnected(const std::string& name, bool connected);
+  void setStatus(const std::string& name, ZanWwanStatus status);
 
   /// What |name| lacks to be connected; empty when it is.
   [[nodiscard]] std::string lacks(const std::string& name) const;
@@ -64,7 +64,6 @@ class WwanMonitor {
   void update(const Link& link);
   void forget(Link link);
   void reportLost(const Link& link, const std::string& address);
-  void report(const std::string& name, std::uint32_t status);
   _ZanDsmWwanInfoType& record(const std::string& name);
 
   Zan& zan_;

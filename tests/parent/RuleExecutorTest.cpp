@@ -45,11 +45,7 @@ struct Parent {
     return execute(ZAN_CMD_IDLETIMER_DEL_1, interface, seconds);
   }
   std::int32_t execute(ZAN_COMMANDS command, const std::string& interface, std::uint32_t seconds) {
-    const bool outgoing = command == ZAN_CMD_IDLETIMER_ADD_1 || command == ZAN_CMD_IDLETIMER_DEL_1;
-    IdleTimerRule rule{
-        outgoing ? IdleTimerRule::Direction::kOutgoing : IdleTimerRule::Direction::kIncoming,
-        seconds,
-        {}};
+    IdleTimerRule rule{IdleTimerRule::directionOf(command), seconds, {}};
     interface.copy(rule.interface.data(), rule.interface.size() - 1);
     return executor.execute(command, rule);
   }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/Patience.h"
+#include "host/Agreement.h"
 #include "refhost/zanhost/Command.h"
 #include "refhost/zanhost/CommandConsole.h"
 
@@ -32,11 +33,11 @@ TEST(Command, UnderstandsEveryCommand) {
   EXPECT_THAT(
       parsed<UpstreamLostCommand>("upstream-lost 203.0.113.1 2001:db8::1").addresses,
       ElementsAre("203.0.113.1", "2001:db8::1"));
-  EXPECT_TRUE(parsed<WwanCommand>("wwan wwan0 connected").connected);
+  EXPECT_EQ(parsed<WwanCommand>("wwan wwan0 connected").status, ZAN_WWAN_STATUS_CONNECTED);
   EXPECT_THAT(parsed<ApnsCommand>("apns wwan0 0 -3").apns,
               ElementsAre(ZAN_APN_TYPE_DEFAULT, -3));
-  EXPECT_FALSE(parsed<TetheringCommand>("tethering off").on);
-  EXPECT_TRUE(parsed<DormancyCommand>("dormancy wwan0 dormant").dormant);
+  EXPECT_EQ(parsed<TetheringCommand>("tethering off").state, kTetheringOff);
+  EXPECT_EQ(parsed<DormancyCommand>("dormancy wwan0 dormant").status, kLinkDormant);
   EXPECT_TRUE(parsed<ModemAnswerCommand>("modem-answer wwan0 listen -7").listenFilters);
   EXPECT_EQ(parsed<ModemAnswerCommand>("modem-answer wwan0 install -7").answer, -7);
   EXPECT_FALSE(parsed<StatusCommand>("status").json);
