@@ -2,17 +2,10 @@
 #pragma once
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "ctmgr/ZanConnTrackUtils.h"
+#include "fuzz/Require.h"
 #include "tests/RecordingHost.h"
-
-/// Ends the run unless |holds|; libFuzzer then keeps the input.
-inline void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "DIFFERENCE: %s\n", what);
-  std::abort();
-}
 
 /// An address in the one form in which it is compared: dotted, or eight groups of four digits.
 inline std::string addressText(int family, const std::uint8_t* address) {
