@@ -16,7 +16,7 @@ namespace {
 using namespace std::string_literals;
 
 constexpr std::int32_t kResult = 3;
-constexpr std::chrono::milliseconds kLimit{5};
+constexpr std::chrono::milliseconds kLimit{1};
 
 std::string bytesOf(std::uint32_t value) {
   return {reinterpret_cast<const char*>(&value), sizeof(value)};

@@ -1,3 +1,4 @@
+// How the modem at the desk tells its listeners.
 #include "refhost/framework/Modem.h"
 
 #include <algorithm>

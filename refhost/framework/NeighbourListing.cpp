@@ -1,3 +1,4 @@
+// Which neighbours a listing hands on, and in which order.
 #include "refhost/framework/NeighbourListing.h"
 
 #include <libmnl/libmnl.h>

@@ -1,3 +1,4 @@
+// The process's counters, and the wait for its deletions.
 #include "refhost/framework/NetlinkCounters.h"
 
 #include <thread>

@@ -1,3 +1,4 @@
+// The store of system properties, and property_get() over it.
 #include "refhost/framework/Properties.h"
 
 #include <cerrno>

@@ -1,3 +1,4 @@
+// The framework's event loop interface, over framework::EventLoop.
 #include "host/ZanCom.h"
 
 #include "refhost/framework/HostSides.h"

@@ -1,3 +1,4 @@
+// The data-service monitor's records.
 #include "host/ZanDsm.h"
 
 #include "refhost/framework/HostSides.h"

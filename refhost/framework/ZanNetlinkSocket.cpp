@@ -1,3 +1,4 @@
+// The framework's netlink socket, over libmnl.
 #include "host/ZanNetlinkSocket.h"
 
 #include <libmnl/libmnl.h>

@@ -1,3 +1,4 @@
+// The modem control interface, over framework::Modem.
 #include "host/ZanRix.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// One exchange after the other, each piece checked before the next is read.
 #include "refhost/parent/CommandServer.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// A rule as words of a command line, and for the log.
 #include "refhost/parent/IdleTimerRule.h"
 
 #include "host/Agreement.h"

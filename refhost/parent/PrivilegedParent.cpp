@@ -1,3 +1,4 @@
+// The fork, and the parent's life until its child has ended.
 #include "refhost/parent/PrivilegedParent.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// Giving up privileges with the kernel's own calls.
 #include "refhost/parent/Privileges.h"
 
 #include <grp.h>

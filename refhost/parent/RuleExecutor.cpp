@@ -1,3 +1,4 @@
+// The order of ledger and firewall: told before a rule is there, forgotten when it is gone.
 #include "refhost/parent/RuleExecutor.h"
 
 #include "refhost/framework/HostLog.h"

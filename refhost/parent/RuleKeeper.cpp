@@ -1,3 +1,4 @@
+// The keeper's process, and its owner's end of the pipe.
 #include "refhost/parent/RuleKeeper.h"
 
 #include <sys/wait.h>
@@ -16,7 +17,7 @@ namespace parent {
 namespace {
 
 void note(const RuleKeeper::Notice& notice, std::vector<IdleTimerRule>& rules) {
-  if (notice.expected != 0) {
+  if (notice.fate == RuleKeeper::Fate::kExpected) {
     rules.push_back(notice.rule);
     return;
   }
@@ -83,14 +84,15 @@ bool RuleKeeper::expect(const IdleTimerRule& rule) {
     HOST_LOG(kLogError, "%zu idle-timer rules are there: no more", rules_.size());
     return false;
   }
-  if (!tell({1, rule})) return false;
+  if (!tell({Fate::kExpected, rule})) return false;
   rules_.push_back(rule);
   return true;
 }
 
 void RuleKeeper::forget(const IdleTimerRule& rule) {
-  note({0, rule}, rules_);
-  tell({0, rule});
+  const Notice notice{Fate::kGone, rule};
+  note(notice, rules_);
+  tell(notice);
 }
 
 std::optional<IdleTimerRule> RuleKeeper::presentRule(const IdleTimerRule& rule) const {

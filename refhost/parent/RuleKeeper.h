@@ -24,8 +24,9 @@ class RuleKeeper {
   static constexpr std::size_t kMostRules = 64;
 
   /// What goes through the pipe, small enough to be written and read in one piece.
+  enum class Fate : std::uint32_t { kExpected, kGone };
   struct Notice {
-    std::uint32_t expected;  ///< 1 = the rule is about to be added, 0 = it is gone
+    Fate fate;
     IdleTimerRule rule;
   };
   static_assert(sizeof(Notice) <= 512, "PIPE_BUF");

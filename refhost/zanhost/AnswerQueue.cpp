@@ -1,3 +1,4 @@
+// Answers written as far as their reader takes them.
 #include "refhost/zanhost/AnswerQueue.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// The table of commands, and how each reads its arguments.
 #include "refhost/zanhost/Command.h"
 
 #include <arpa/inet.h>

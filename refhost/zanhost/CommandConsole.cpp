@@ -1,3 +1,4 @@
+// Lines from a descriptor, carried out one a turn.
 #include "refhost/zanhost/CommandConsole.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// What each command does to the host object, and its answer.
 #include "refhost/zanhost/HostSession.h"
 
 #include <fmt/format.h>

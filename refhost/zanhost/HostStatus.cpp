@@ -1,3 +1,4 @@
+// Where the status comes from, and how it reads.
 #include "refhost/zanhost/HostStatus.h"
 
 #include <fmt/format.h>

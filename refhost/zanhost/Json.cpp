@@ -1,3 +1,4 @@
+// The JSON of log lines and of the status.
 #include "refhost/zanhost/Json.h"
 
 #include <nlohmann/json.hpp>

@@ -1,3 +1,4 @@
+// Formatting on the caller's thread, writing on spdlog's.
 #include "refhost/zanhost/LogSink.h"
 
 #include <spdlog/async.h>

@@ -1,3 +1,4 @@
+// What follows when the command channel hangs up.
 #include "refhost/zanhost/ParentWatch.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// Loading with dlopen(3), and what is said when that fails.
 #include "refhost/zanhost/Plugin.h"
 
 #include <dlfcn.h>

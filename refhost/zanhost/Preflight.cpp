@@ -1,3 +1,4 @@
+// Opens the table and asks conntrack for its statistics, which changes nothing.
 #include "refhost/zanhost/Preflight.h"
 
 #include <fcntl.h>

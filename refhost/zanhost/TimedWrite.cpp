@@ -1,3 +1,4 @@
+// write(2) after poll(2), as long as the patience lasts.
 #include "refhost/zanhost/TimedWrite.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// What the kernel's links and addresses say of mobile-data interfaces.
 #include "refhost/zanhost/WwanMonitor.h"
 
 #include <arpa/inet.h>

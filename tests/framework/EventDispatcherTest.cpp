@@ -1,3 +1,4 @@
+// Listeners that come, go and raise events while they are called.
 #include <gmock/gmock.h>
 
 #include <functional>

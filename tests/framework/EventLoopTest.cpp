@@ -1,3 +1,4 @@
+// Which handler hears of which descriptor, and when no more.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// Who is handed on after a listing, and in which order.
 #include <gmock/gmock.h>
 #include <libmnl/libmnl.h>
 #include <linux/neighbour.h>

@@ -1,3 +1,4 @@
+// When deletions are over.
 #include <gtest/gtest.h>
 
 #include "base/Patience.h"

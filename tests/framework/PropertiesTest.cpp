@@ -1,3 +1,4 @@
+// System properties from the command line and from files.
 #include <gmock/gmock.h>
 #include <unistd.h>
 

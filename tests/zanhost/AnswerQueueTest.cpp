@@ -1,3 +1,4 @@
+// Answers to readers who are slow, stand still or have gone.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// The host's commands: what they say, and in which order they are carried out.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -26,16 +27,13 @@ Expected parsed(const std::string& line) {
 }
 
 TEST(Command, UnderstandsEveryCommand) {
-  EXPECT_THAT(
-      parsed<ClientsCommand>(" clients 02:00:00:00:43:0A\t02:00:00:00:43:0b\r").clients,
-      ElementsAre("02:00:00:00:43:0a", "02:00:00:00:43:0b"));
+  EXPECT_THAT(parsed<ClientsCommand>(" clients 02:00:00:00:43:0A\t02:00:00:00:43:0b\r").clients,
+              ElementsAre("02:00:00:00:43:0a", "02:00:00:00:43:0b"));
   EXPECT_THAT(parsed<ClientsCommand>("clients").clients, ElementsAre());
-  EXPECT_THAT(
-      parsed<UpstreamLostCommand>("upstream-lost 203.0.113.1 2001:db8::1").addresses,
-      ElementsAre("203.0.113.1", "2001:db8::1"));
+  EXPECT_THAT(parsed<UpstreamLostCommand>("upstream-lost 203.0.113.1 2001:db8::1").addresses,
+              ElementsAre("203.0.113.1", "2001:db8::1"));
   EXPECT_EQ(parsed<WwanCommand>("wwan wwan0 connected").status, ZAN_WWAN_STATUS_CONNECTED);
-  EXPECT_THAT(parsed<ApnsCommand>("apns wwan0 0 -3").apns,
-              ElementsAre(ZAN_APN_TYPE_DEFAULT, -3));
+  EXPECT_THAT(parsed<ApnsCommand>("apns wwan0 0 -3").apns, ElementsAre(ZAN_APN_TYPE_DEFAULT, -3));
   EXPECT_EQ(parsed<TetheringCommand>("tethering off").state, kTetheringOff);
   EXPECT_EQ(parsed<DormancyCommand>("dormancy wwan0 dormant").status, kLinkDormant);
   EXPECT_TRUE(parsed<ModemAnswerCommand>("modem-answer wwan0 listen -7").listenFilters);
@@ -115,8 +113,7 @@ class CommandConsoleTest : public testing::Test {
   base::UniqueFd writing;
   std::vector<std::string> done;
   CommandConsole console{
-      loop,
-      [this](const Command& command) { done.push_back(std::to_string(command.index())); },
+      loop, [this](const Command& command) { done.push_back(std::to_string(command.index())); },
       [this](const std::string& error) { done.push_back(error); }};
 };
 

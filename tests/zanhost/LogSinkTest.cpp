@@ -1,3 +1,4 @@
+// The log's two formats, and a reader who stands still.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
