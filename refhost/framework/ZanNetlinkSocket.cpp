@@ -30,15 +30,6 @@ std::size_t receiveSizeOf(int protocol) {
 /// The kernel answers a request before sendto(2) returns; who waits longer waits in vain.
 constexpr timeval kAnswerTimeout{1, 0};
 
-/// The multicast groups that a socket joins.
-unsigned int groupsOf(int protocol, unsigned int argument) {
-  return protocol == NETLINK_ROUTE ? argument : 0;
-}
-
-bool sentByKernel(const sockaddr_nl& sender) {
-  return sender.nl_pid == 0;
-}
-
 struct CloseSocket {
   void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
 };
@@ -59,20 +50,18 @@ int forEachMessage(std::vector<unsigned char>& buffer, ssize_t length, Visit vis
 }  // namespace
 
 struct ZanNetlinkSocket::HostSide {
-  int protocol;
   unsigned int argument;
-  std::mutex requestMutex;  ///< held from a request to its acknowledgement
-  std::vector<unsigned char> buffer;
-  framework::NeighbourListing listing;
+  unsigned int groups;        ///< that the socket joins
+  std::mutex requestMutex{};  ///< held from a request to its acknowledgement
+  std::vector<unsigned char> buffer{};
+  framework::NeighbourListing listing{};
   bool neighboursMissing = false;  ///< some were there before the socket, or have been dropped
-  std::unique_ptr<mnl_socket, CloseSocket> socket;
+  std::unique_ptr<mnl_socket, CloseSocket> socket{};
 
   /// The descriptor of a socket that has joined its groups; -1, with a log line, if that fails.
-  int open();
+  int open(int protocol);
 
-  [[nodiscard]] bool hearsOfNeighbours() const {
-    return (groupsOf(protocol, argument) & RTMGRP_NEIGH) != 0;
-  }
+  [[nodiscard]] bool hearsOfNeighbours() const { return (groups & RTMGRP_NEIGH) != 0; }
 
   /// Asks for all neighbours, if some are missing and what is older has been read.
   void askForMissing(int fd);
@@ -83,8 +72,7 @@ struct ZanNetlinkSocket::HostSide {
   int awaitAnswer(int fd, std::uint32_t sequence);
 };
 
-int ZanNetlinkSocket::HostSide::open() {
-  const unsigned int groups = groupsOf(protocol, argument);
+int ZanNetlinkSocket::HostSide::open(int protocol) {
   socket.reset(mnl_socket_open2(protocol, SOCK_CLOEXEC));
   if (!socket) {
     HOST_LOG(kLogError, "netlink: no socket for protocol %d: %s", protocol, std::strerror(errno));
@@ -125,7 +113,7 @@ ssize_t ZanNetlinkSocket::HostSide::receive(int fd, int flags) {
       if (errno == EINTR) continue;
       return received;
     }
-    if (!sentByKernel(sender)) {
+    if (sender.nl_pid != 0) {
       HOST_LOG(kLogWarning, "netlink: dropped a message that process %u sent, not the kernel",
                sender.nl_pid);
       return 0;
@@ -155,9 +143,9 @@ int ZanNetlinkSocket::HostSide::awaitAnswer(int fd, std::uint32_t sequence) {
 }
 
 ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
-    : socketFd(-1), side(new HostSide{protocol, argument, {}, {}, {}, false, {}}) {
+    : socketFd(-1), side(new HostSide{argument, protocol == NETLINK_ROUTE ? argument : 0}) {
   side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
-  socketFd = side->open();
+  socketFd = side->open(protocol);
   if (socketFd == -1) return;
   side->neighboursMissing = side->hearsOfNeighbours();
   side->askForMissing(socketFd);
