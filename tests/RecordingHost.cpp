@@ -1,8 +1,8 @@
+// The host's operations, each of which is noted.
 #include "tests/RecordingHost.h"
 
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
-#include <regex.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,10 +11,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <set>
 #include <sstream>
 
-#include "base/Patience.h"
 #include "host/Properties.h"
 
 namespace {
@@ -27,11 +27,11 @@ RecordingHost& recorder() {
 auto& liveSockets = *new std::set<const ZanNetlinkSocket*>;
 
 template <typename... Arguments>
-int recordCall(const char* operation, const Arguments&... arguments) {
+int noteCall(const char* operation, const Arguments&... arguments) {
   std::ostringstream call;
   call << operation;
   ((call << ' ' << arguments), ...);
-  recorder().record(call.str());
+  recorder().note(call.str());
   return -1;
 }
 
@@ -44,8 +44,7 @@ bool isIpv6(const std::string& address) {
 ZanMsg* ZanMsg::zan_log_class_ptr = nullptr;
 
 struct ZanCom::HostSide {
-  void (*ready)(int, void*);
-  void* cbData;
+  std::map<int, std::pair<void (*)(int, void*), void*>> watches;
 };
 struct ZanDsm::HostSide {};
 
@@ -58,13 +57,14 @@ ZanCom::~ZanCom() = default;
 
 int ZanCom::addComEventHandler(int fd, void (*ready)(int, void*), void* cbData,
                                void (*second)(int, void*), unsigned int events) {
-  recordCall("addComEventHandler", fd, second != nullptr, events);
-  *side = {ready, cbData};
+  noteCall("addComEventHandler", fd, second != nullptr, events);
+  side->watches[fd] = {ready, cbData};
   return 0;
 }
 
 int ZanCom::removeComEventHandler(int fd) {
-  recordCall("removeComEventHandler", fd);
+  noteCall("removeComEventHandler", fd);
+  side->watches.erase(fd);
   return 0;
 }
 
@@ -72,12 +72,12 @@ ZanDsm::ZanDsm() : side(std::make_unique<HostSide>()) {}
 ZanDsm::~ZanDsm() = default;
 
 std::map<std::string, _ZanDsmWwanInfoType> ZanDsm::getAllWwanInfo() {
-  recordCall("getAllWwanInfo");
+  noteCall("getAllWwanInfo");
   return recorder().wwan;
 }
 
 _ZanDsmWwanInfoType ZanDsm::getWwanInfo(const char* ifaceName) {
-  recordCall("getWwanInfo", ifaceName);
+  noteCall("getWwanInfo", ifaceName);
   return recorder().wwan[ifaceName];
 }
 
@@ -87,78 +87,79 @@ ZanRix::~ZanRix() = default;
 
 int ZanRix::regDormancyStatusChgEvent(std::string ifaceName, WdsCallback callback, void* cbData) {
   recorder().dormancyListener = {callback, cbData};
-  return recordCall("regDormancyStatusChgEvent", ifaceName);
+  return noteCall("regDormancyStatusChgEvent", ifaceName);
 }
 
 int ZanRix::deRegDormancyStatusChgEvent(std::string ifaceName, WdsCallback callback, void* cbData) {
   const bool known = recorder().dormancyListener == std::pair(callback, cbData);
-  return recordCall("deRegDormancyStatusChgEvent", ifaceName, known);
+  return noteCall("deRegDormancyStatusChgEvent", ifaceName, known);
 }
 
 int ZanRix::regFilteringStatusChgEvent(std::string ifaceName, DfsCallback callback, void* cbData) {
   recorder().filteringListener = {callback, cbData};
-  return recordCall("regFilteringStatusChgEvent", ifaceName);
+  return noteCall("regFilteringStatusChgEvent", ifaceName);
 }
 
 int ZanRix::deRegFilteringStatusChgEvent(std::string ifaceName, DfsCallback cb, void* cbData) {
   const bool known = recorder().filteringListener == std::pair(cb, cbData);
-  return recordCall("deRegFilteringStatusChgEvent", ifaceName, known);
+  return noteCall("deRegFilteringStatusChgEvent", ifaceName, known);
 }
 
 int ZanRix::getDormancyStatus(std::string ifaceName) {
-  recordCall("getDormancyStatus", ifaceName);
+  noteCall("getDormancyStatus", ifaceName);
   return recorder().dormancyStatus;
 }
 
 int ZanRix::setDfsFilterMode(std::string ifaceName, bool enabled) {
-  return recordCall("setDfsFilterMode", ifaceName, enabled);
+  return noteCall("setDfsFilterMode", ifaceName, enabled);
 }
 
 int ZanRix::installFilters(HalFilterInfo info, int conntrackFd) {
-  recordCall("installFilters", info.ifaceName, info.wwanStatus, info.wwanText1, info.wwanText2,
-             info.icmpFilterDisabled, conntrackFd);
+  noteCall("installFilters", info.ifaceName, info.wwanStatus, info.wwanText1, info.wwanText2,
+           info.icmpFilterDisabled, conntrackFd);
   return recorder().filtersAnswer;
 }
 
 int ZanRix::uninstallFilters(std::string ifaceName) {
-  return recordCall("uninstallFilters", ifaceName);
+  return noteCall("uninstallFilters", ifaceName);
 }
 
 int ZanRix::installListenFilters(HalFilterInfo info) {
-  recordCall("installListenFilters", info.ifaceName, info.wwanStatus, info.wwanText1,
-             info.wwanText2, info.icmpFilterDisabled);
+  noteCall("installListenFilters", info.ifaceName, info.wwanStatus, info.wwanText1, info.wwanText2,
+           info.icmpFilterDisabled);
   return recorder().listenFiltersAnswer;
 }
 
 ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
     : socketFd(1000 + protocol), side(nullptr) {
-  recordCall("ZanNetlinkSocket", protocol, argument);
+  noteCall("ZanNetlinkSocket", protocol, argument);
   liveSockets.insert(this);
 }
 
 ZanNetlinkSocket::~ZanNetlinkSocket() {
-  recordCall("~ZanNetlinkSocket", socketFd);
+  noteCall("~ZanNetlinkSocket", socketFd);
+  HostSides::of(recorder().zan.zanCom).watches.erase(socketFd);
   liveSockets.erase(this);
 }
 
 int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
-  recorder().recordRequest(socketFd, msg);
+  recorder().noteRequest(socketFd, msg);
   return -ENOENT;
 }
 
 int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, void* cbData) {
-  recordCall("NetlinkRecv", flags);
+  noteCall("NetlinkRecv", flags);
   return recorder().deliver(callback, cbData);
 }
 
 int ZanNetlinkSocket::NetlinkRecvSocketEvent(unsigned int flags, NlMsgCallback callback,
                                              void* cbData) {
-  recordCall("NetlinkRecvSocketEvent", flags);
+  noteCall("NetlinkRecvSocketEvent", flags);
   return recorder().deliver(callback, cbData);
 }
 
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
-  recorder().record(std::string("property_get ") + key + " " + default_value);
+  recorder().note(std::string("property_get ") + key + " " + default_value);
   const char* property = recorder().property;
   return std::snprintf(value, kPropertyValueMax, "%s", property ? property : default_value);
 }
@@ -170,28 +171,54 @@ RecordingHost::~RecordingHost() {
   zan_log_class_ptr = nullptr;
 }
 
-std::string RecordingHost::take(const std::string& having) {
-  regex_t wanted;
-  regcomp(&wanted, having.c_str(), REG_EXTENDED | REG_NOSUB);
+Lines RecordingHost::record() {
   const std::lock_guard<std::mutex> lock(mutex);
-  recordPieces();
-  std::string taken = "\n";
-  for (const std::string& entry : std::exchange(sequence, {})) {
-    if (regexec(&wanted, entry.c_str(), 0, nullptr, 0) == 0) taken += entry + "\n";
-  }
-  regfree(&wanted);
-  return taken;
+  noteExchanges();
+  return lines;
 }
 
-std::vector<Bytes> RecordingHost::awaitRequests(std::size_t count) {
-  std::unique_lock<std::mutex> lock(mutex);
-  requestRecorded.wait_for(lock, base::kPatience, [&] { return requests.size() >= count; });
-  return requests;
+Lines RecordingHost::calls(const std::string& start) {
+  Lines found = record();
+  std::erase_if(found, [&](const std::string& line) { return !line.starts_with(start); });
+  return found;
+}
+
+Lines RecordingHost::logged(const std::string& part) {
+  Lines found = record();
+  std::erase_if(found, [&](const std::string& line) {
+    const bool isLog = line[0] >= '0' && line[0] <= '9';
+    return !isLog || line.find(part) == std::string::npos;
+  });
+  return found;
+}
+
+void RecordingHost::forget() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  noteExchanges();
+  lines.clear();
+}
+
+std::vector<Bytes> RecordingHost::requests() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return deleteRequests;
+}
+
+void RecordingHost::reportDormancy(std::int32_t status, const std::string& ifaceName) const {
+  const ZanRixStatusRecord record{ifaceName, status};
+  dormancyListener.first(ZAN_RIX_WDS_EVENT_DORMANCY_STATUS, &record, dormancyListener.second);
+}
+
+void RecordingHost::reportFiltering(std::int32_t status, const std::string& ifaceName) const {
+  const ZanRixStatusRecord record{ifaceName, status};
+  filteringListener.first(ZAN_RIX_DFS_EVENT_FILTERING_STATUS, &record, filteringListener.second);
 }
 
 void RecordingHost::receive(int fd, Bytes messages) {
   incoming = std::move(messages);
-  const auto [ready, cbData] = HostSides::of(zan.zanCom);
+  const auto& watches = HostSides::of(zan.zanCom).watches;
+  const auto watch = watches.find(fd);
+  if (watch == watches.end()) return;
+  const auto [ready, cbData] = watch->second;
   ready(fd, cbData);
 }
 
@@ -206,20 +233,19 @@ int RecordingHost::deliver(NlMsgCallback callback, void* cbData) {
   return 0;
 }
 
-void RecordingHost::record(std::string entry) {
+void RecordingHost::note(std::string line) {
   if (forgetful) return;
-  whenRecorded(entry);
+  whenRecorded(line);
   const std::lock_guard<std::mutex> lock(mutex);
-  recordPieces();
-  sequence.push_back(std::move(entry));
+  noteExchanges();
+  lines.push_back(std::move(line));
 }
 
-void RecordingHost::recordRequest(int fd, const nlmsghdr* msg) {
-  recordCall("sendConntrackNetlinkMsg", fd);
+void RecordingHost::noteRequest(int fd, const nlmsghdr* msg) {
+  noteCall("sendConntrackNetlinkMsg", fd);
   const std::lock_guard<std::mutex> lock(mutex);
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(msg);
-  requests.emplace_back(bytes, bytes + msg->nlmsg_len);
-  requestRecorded.notify_all();
+  deleteRequests.emplace_back(bytes, bytes + msg->nlmsg_len);
 }
 
 void RecordingHost::log(int level, int module, const char* format, ...) {
@@ -230,35 +256,33 @@ void RecordingHost::log(int level, int module, const char* format, ...) {
   va_end(arguments);
   std::string text = buffer.data();
   if (std::strstr(format, "%p") || std::strstr(format, "%llX")) text = format;
-  if (std::strcmp(format, "%s:%d") == 0 && text.starts_with("ZanConnTrackMgr::")) {
-    text.resize(text.rfind(':'));
-  }
-  record(std::to_string(level) + " " + std::to_string(module) + " " + text);
+  note(std::to_string(level) + " " + std::to_string(module) + " " + text);
 }
 
-void RecordingHost::connectParent(const std::string& answers) {
+void RecordingHost::connectParent(const std::vector<std::int32_t>& answers) {
+  // Packets keep the pieces of an exchange apart for the record.
   std::array<int, 2> ends{-1, -1};
   socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data());
   close(std::exchange(zan.commandChannelFd, ends[0]));
   close(std::exchange(parentFd, ends[1]));
-  for (const char answer : answers) {
-    const std::int32_t value = answer == '.' ? 0 : answer == '1' ? 1 : -1;
-    send(parentFd, &value, sizeof(value), 0);
-  }
+  for (const std::int32_t answer : answers) send(parentFd, &answer, sizeof(answer), 0);
   shutdown(parentFd, SHUT_WR);
 }
 
-void RecordingHost::recordPieces() {
-  std::string pieces;
-  std::array<char, 512> piece;
+/// A line for each exchange whose pieces have come: command, four arguments, acknowledgement.
+void RecordingHost::noteExchanges() {
+  constexpr int kPieces = 6;
+  std::array<char, 512> piece{};
+  std::string exchange;
   ssize_t length = 0;
-  while ((length = recv(parentFd, piece.data(), piece.size(), 0)) >= 0) {
+  for (int pieces = 0; (length = recv(parentFd, piece.data(), piece.size(), 0)) > 0;) {
     std::int32_t number = 0;
     std::memcpy(&number, piece.data(), sizeof(number));
-    const std::string text(piece.data(), static_cast<std::size_t>(length));
-    if (length != 0) pieces += ' ' + (length == sizeof(number) ? std::to_string(number) : text);
+    exchange +=
+        ' ' + (length == sizeof(number) ? std::to_string(number) : std::string(piece.data()));
+    if (++pieces % kPieces == 0) lines.push_back("parent" + std::exchange(exchange, {}));
   }
-  if (!pieces.empty()) sequence.push_back("parent" + pieces);
+  if (!exchange.empty()) lines.push_back("parent" + exchange);
 }
 
 void TableFile::write(const std::string& text) const {
@@ -293,4 +317,9 @@ Bytes neighbourMessage(std::uint8_t type, std::uint8_t family,
   message[4] = type;
   message[16] = family;
   return message;
+}
+
+Bytes neighbourMessage(std::uint8_t type, const std::string& address, const Bytes& mac) {
+  return neighbourMessage(type, isIpv6(address) ? AF_INET6 : AF_INET,
+                          {{NDA_DST, addressBytes(address)}, {NDA_LLADDR, mac}});
 }

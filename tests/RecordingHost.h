@@ -1,9 +1,25 @@
 // A host that carries nothing out but remembers, in order, whatever the plug-in asks of it.
+//
+// What it records is one line for each thing that happens:
+//
+//   installFilters w9 1 first  0 901   a call: the operation and its arguments
+//   2 10409 ZanConnTrackMgr::No ...    a log line: its level, module and text
+//   parent 8 w9 5 CT IDLETIMER 0       one exchange with the privileged parent: what it was sent
+//
+// A test asks for the lines that it is about, calls("installFilters") or logged("No change"). Only
+// tests of order look at the whole record().
+//
+// What a test scripts:
+//
+//   the kernel's table   write() of a TableFile, which stands for /proc/net/nf_conntrack
+//   neighbours           receive(kNeighbourSocket, neighbourMessage(...))
+//   the modem            dormancyStatus and the two answers; reportDormancy(), reportFiltering()
+//   the parent           connectParent(), with what it answers
+//   the framework        property, wwan, zan.zanDsm.dispatchEvent()
 #pragma once
 
 #include <sys/mman.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -18,41 +34,47 @@
 #include "host/ZanNetlinkSocket.h"
 
 using Bytes = std::vector<std::uint8_t>;
+using Lines = std::vector<std::string>;
 
-/// The host object and everything behind it; there is one at a time.
+/// Descriptors of the plug-in's sockets: 1000 + the protocol.
+inline constexpr int kNeighbourSocket = 1000;
+inline constexpr int kConntrackSocket = 1012;
+
+/// The host object and everything behind it; there is one at a time. The kernel refuses every
+/// delete request as "no such entry".
 ///
-/// Sockets have the descriptor 1000 + protocol. Every request is refused as "no such entry".
-///
-/// Thread: any for what the plug-in calls, take() and awaitRequests(); else the test's own.
+/// Thread: any for what the plug-in calls and for reading the record; else the test's own.
 class RecordingHost : public ZanMsg {
  public:
   RecordingHost() { zan_log_class_ptr = this; }
   virtual ~RecordingHost();
 
-  /// What happened since the last call, as far as the extended regular expression |having| matches:
-  /// a newline, then a line for each log line, "LEVEL MODULE TEXT", and each call, "operation
-  /// argument ...", in order. Log lines that show where an object lies appear as their format, and
-  /// the manager's construction and destruction without the line number.
-  std::string take(const std::string& having = "");
+  /// Everything since the last forget().
+  Lines record();
+  /// Of that, the calls whose text begins with |start|.
+  Lines calls(const std::string& start);
+  /// Of that, the log lines that hold |part|. Those that show where an object lies appear as their
+  /// format.
+  Lines logged(const std::string& part);
+  void forget();
 
-  /// All delete requests so far, once there are |count| of them or patience has run out.
-  std::vector<Bytes> awaitRequests(std::size_t count);
+  /// All delete requests so far.
+  std::vector<Bytes> requests();
 
-  /// Has the socket |fd| receive |messages| and its watcher be called.
+  /// Has the socket |fd| receive |messages| and its watcher, if there is one, be called.
   void receive(int fd, Bytes messages);
 
-  /// Connects the command channel to a privileged parent of which only the answers exist,
-  /// acknowledgements and results alike, a character each:
-  ///
-  ///   .  0        1  1        -  -1
-  ///
-  /// After |answers| the stream ends. The record has "parent" and the pieces it was sent between
-  /// two other entries: four bytes as a number, others as text with its NUL.
-  void connectParent(const std::string& answers = "");
+  /// Tells the modem's listeners the |status| of |ifaceName|.
+  void reportDormancy(std::int32_t status, const std::string& ifaceName = "w9") const;
+  void reportFiltering(std::int32_t status, const std::string& ifaceName = "w9") const;
+
+  /// Connects the command channel to a new parent that gives |answers|, acknowledgements and
+  /// results alike, and then ends its stream. A plug-in reads the end of the stream as consent.
+  void connectParent(const std::vector<std::int32_t>& answers = {});
 
   /// The host's side of the calls above.
-  void record(std::string entry);
-  virtual void recordRequest(int fd, const nlmsghdr* msg);
+  void note(std::string line);
+  virtual void noteRequest(int fd, const nlmsghdr* msg);
   int deliver(NlMsgCallback callback, void* cbData);
 
   void setThreshold(int /*level*/) override {}
@@ -61,8 +83,8 @@ class RecordingHost : public ZanMsg {
 
   Zan zan;
   bool forgetful = false;  ///< what happens is formatted and then dropped
-  /// Called with each entry before it is recorded, on the thread that it comes from.
-  std::function<void(const std::string& entry)> whenRecorded = [](const std::string&) {};
+  /// Called with each line before it is recorded, on the thread that it comes from.
+  std::function<void(const std::string& line)> whenRecorded = [](const std::string&) {};
   const char* property = nullptr;                   ///< value of every property, if it has one
   std::map<std::string, _ZanDsmWwanInfoType> wwan;  ///< every WWAN interface
   int dormancyStatus = 1;                           ///< of every link
@@ -74,13 +96,12 @@ class RecordingHost : public ZanMsg {
   std::pair<ZanRix::DfsCallback, void*> filteringListener;
 
  private:
-  void recordPieces();
+  void noteExchanges();
 
   int parentFd = -1;
   std::mutex mutex;  ///< guards the two records
-  std::condition_variable requestRecorded;
-  std::vector<std::string> sequence;
-  std::vector<Bytes> requests;
+  Lines lines;
+  std::vector<Bytes> deleteRequests;
   Bytes incoming;
 };
 
@@ -105,3 +126,6 @@ Bytes addressBytes(const std::string& text);
 /// A neighbour notification with |attributes|, type and payload each.
 Bytes neighbourMessage(std::uint8_t type, std::uint8_t family,
                        const std::vector<std::pair<std::uint8_t, Bytes>>& attributes);
+
+/// One that says that |address| belongs to |mac|.
+Bytes neighbourMessage(std::uint8_t type, const std::string& address, const Bytes& mac);

@@ -1,9 +1,8 @@
-// What the parser logs of lines, and its stream over the table. The fuzzers compare what it finds
-// in any line and table with a plain reading.
-#include <gtest/gtest.h>
+// The parser's stream over the table, how readings of it are shared, and what lines log. What it
+// finds in any line and table a fuzzer compares with a plain reading.
+#include <gmock/gmock.h>
 
 #include <thread>
-#include <tuple>
 
 #include "base/Patience.h"
 #include "ctmgr/ZanConnTrackParser.h"
@@ -11,6 +10,10 @@
 
 namespace {
 
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
 using Asker = ReadingTurns::Asker;
 
 struct Parser : ZanConnTrackParser {
@@ -21,189 +24,178 @@ struct Parser : ZanConnTrackParser {
 
 const std::string kClient = "10.0.0.5";
 const std::string kClient6 = "2001:0db8:0000:0000:0000:0000:0000:0005";
+const std::string kOther = "10.0.0.6";
+const std::string kBrokenLine = kClient + "\n";  ///< ends a scan
+
+/// A line of |length| bytes that concerns nobody.
+std::string filler(std::size_t length) {
+  return std::string(length - 1, '.') + "\n";
+}
 
 struct ZanConnTrackParserTest : testing::Test {
   RecordingHost host;
   ZanConnTrackUtils utils{host.zan};
   Parser parser{utils};
   TableFile table;
+  int result = 0;  ///< of the last scan
 
-  /// "result: ports of the records".
-  std::string scan(TableQuestion& question, const std::string& client = kClient) {
+  /// The ports of |client|'s entries, IPv4 before IPv6.
+  std::vector<int> scan(TableQuestion& question, const std::string& client = kClient) {
     std::list<ZanConnTrackFilter_s> v4;
     std::list<ZanConnTrackFilter_s> v6;
-    const int result =
-        parser.parseNfConnTrackFile({"", client, kClient6}, v4, v6, table.fd(), question);
-    std::string text = std::to_string(result) + ":";
+    result = parser.parseNfConnTrackFile({"", client, kClient6}, v4, v6, table.fd(), question);
     v4.splice(v4.end(), v6);
-    for (const auto& record : v4) text += " " + std::to_string(record.sport);
-    return text;
+    std::vector<int> ports;
+    for (const ZanConnTrackFilter_s& record : v4) ports.push_back(record.sport);
+    return ports;
   }
-  std::string scan() {
+  std::vector<int> scan() {
     TableQuestion question(Asker::kEvent);
     return scan(question);
   }
+  /// A question that several flushes share.
+  static TableQuestion sharedQuestion() {
+    TableQuestion question(Asker::kEvent);
+    question.askedAgain = true;
+    return question;
+  }
 };
 
-TEST_F(ZanConnTrackParserTest, LogsEveryStepOfALine) {
-  const std::string head = "ipv4 2 tcp 6 99 ESTABLISHED ";
-  const std::string out = "src=10.0.0.5 dst=9.9.9.9 sport=40 dport=44 ";
-  const std::string in = "src=9.9.9.9 dst=7.7.7.7 sport=44 dport=41 ";
-  const std::string served = "src=10.0.0.5 dst=9.9.9.9 sport=80 dport=44 ";
-  const std::string says = "0 10401 ZanConnTrackParser::parseNfConnTrackLine:";
-  const std::string tcp = says + "af = ipv4 temp = 2 protocol = tcp type = 6\n\n";
-  const std::string udp6 = says + "af = ipv6 temp = 10 protocol = udp type = 17\n\n";
-  const std::string reverse = says + " Reverse entry, Now Parsing: ";
-  const std::string found = "\n" + says + " AF=2, protocol=6, src=";
-  const std::string found6 = "0 10409 ZanNetlinkMgr::Expanded ipv6 Addr " + kClient6 + "\n\n" +
-                             says +
-                             " AF=%hu, protocol=%d, V6src = %llX, sport=%hX, V6dest =%llX, "
-                             "dport=%hX  \n";
-  const std::string noMatch = "\n" + says + " No Match found\n";
-  const std::string missing = says + "substring src is not found in ";
-  // Line, whether it is compared with the lost address 7.7.7.7 too, result, log.
-  const std::tuple<std::string, bool, int, std::string> cases[] = {
-      {head + in + served, false, Parser::kMatched,
-       tcp + reverse + served + found + "500000A, sport=80, dest=9090909, dport=44\n"},
-      {head + out + in, true, Parser::kMatched,
-       tcp + reverse + in + found + "9090909, sport=44, dest=7070707, dport=41\n"},
-      {"ipv6 10 udp 17 29 src=2001:db8::5", false, Parser::kMatched, udp6 + found6},
-      {head + in + in, false, Parser::kNotOfInterest, tcp + reverse + in + noMatch},
-      {head + out + served, true, Parser::kNotOfInterest, tcp + reverse + served + noMatch},
-      {head + in, false, Parser::kFailed, tcp + missing + "strAddrPort\n"},
-      {"dst=", false, Parser::kFailed, missing + "socketLine\n"},
-      {"dst=", true, Parser::kFailed, missing + "connTrackLine\n"}};
-  for (const auto& [line, loss, result, log] : cases) {
-    ZanConnTrackFilter_s record{};
-    host.take();
-    EXPECT_EQ(loss ? parser.parseNfConnTrackLine(line, kClient, "7.7.7.7", record)
-                   : parser.parseNfConnTrackLine({line, kClient, kClient6}, record),
-              result);
-    std::string expected = "\n" + says + " Now Parsing: ";
-    EXPECT_EQ(host.take(), expected.append(line).append("\n").append(log));
-  }
-}
-
 TEST_F(ZanConnTrackParserTest, EveryScanSeesTheTableAsItIsNow) {
-  const std::string early = tableEntry(kClient, 11) + "10.0.0.5\n";  // ends a scan
+  constexpr std::size_t kBuffer = 4096;
+  const std::string early = tableEntry(kClient, 11) + kBrokenLine;  // what follows is not used up
   const std::string mine = tableEntry(kClient, 12);
-  const auto filler = [](std::size_t length) { return std::string(length - 1, '.') + "\n"; };
-  const std::tuple<std::string, std::string, std::string> cases[] = {
-      {early + filler(2000), mine + tableEntry(kClient6, 13), "1: 12 13"},
-      {early, filler(9000) + mine + early, "-1: 12 11"},
-      // One whole buffer has been used up, whether or not the table ended with it.
-      {filler(4096 - early.size()) + early + filler(3000), mine, "1: 12"},
-      {filler(4096 - early.size()) + early, mine + filler(9000) + mine, "1: 12 12"},
+  const struct {
+    const char* name;
+    std::string before;
+    std::string now;
+    std::size_t found;
+  } cases[] = {
+      {"shorter now", early + filler(2000), mine, 1},
+      {"longer now", early, filler(9000) + mine, 1},
+      {"a whole buffer used up", filler(kBuffer - early.size()) + early + filler(3000), mine, 1},
+      {"and the table with it", filler(kBuffer - early.size()) + early, mine + filler(9000) + mine,
+       2},
   };
-  for (const auto& [before, now, found] : cases) {
-    table.write(before);
+  for (const auto& test : cases) {
+    table.write(test.before);
     scan();
-    table.write(now);
-    EXPECT_EQ(scan(), found) << before.size() << " then " << now.size();
+    table.write(test.now);
+    EXPECT_EQ(scan(), std::vector<int>(test.found, 12)) << test.name;
   }
 }
 
 TEST_F(ZanConnTrackParserTest, AReadingAnswersEveryQuestionThatCameBeforeIt) {
   TableQuestion before(Asker::kCleanUp);
-  TableQuestion event(Asker::kEvent);
-  event.askedAgain = true;
+  TableQuestion event = sharedQuestion();
   table.write(tableEntry(kClient, 11));
-  EXPECT_EQ(scan(event), "1: 11");
-  TableQuestion after(Asker::kCleanUp);
-  table.write(tableEntry(kClient, 12));
-  EXPECT_EQ(scan(before), "1: 11");
-  EXPECT_EQ(scan(event), "1: 11");
-  EXPECT_EQ(scan(after), "1: 12");
-  event.text.reset();
-  EXPECT_EQ(scan(before), "1: 12") << "the text dies with the event";
+  scan(event);
+  table.write("");
+  EXPECT_THAT(scan(before), ElementsAre(11));
+  EXPECT_THAT(scan(event), ElementsAre(11));
 }
 
-TEST_F(ZanConnTrackParserTest, ALineThatEndsAScanEndsNoOtherOfTheSameReading) {
-  TableQuestion event(Asker::kEvent);
-  event.askedAgain = true;
-  table.write(tableEntry(kClient, 11) + kClient + "\n" + tableEntry(kClient, 12) +
-              tableEntry("10.0.0.6", 13));
-  EXPECT_EQ(scan(event), "-1: 11");
-  EXPECT_EQ(scan(event, "10.0.0.6"), "1: 13");
+TEST_F(ZanConnTrackParserTest, AReadingAnswersNoLaterQuestion) {
+  TableQuestion event = sharedQuestion();
+  table.write(tableEntry(kClient, 11));
+  scan(event);
+  TableQuestion after(Asker::kCleanUp);
+  table.write(tableEntry(kClient, 12));
+  EXPECT_THAT(scan(after), ElementsAre(12));
+}
+
+TEST_F(ZanConnTrackParserTest, ABrokenLineEndsNoOtherScanOfTheSameReading) {
+  TableQuestion event = sharedQuestion();
+  table.write(tableEntry(kClient, 11) + kBrokenLine + tableEntry(kClient, 12) +
+              tableEntry(kOther, 13));
+  EXPECT_THAT(scan(event), ElementsAre(11));
+  EXPECT_THAT(scan(event, kOther), ElementsAre(13));
 }
 
 TEST_F(ZanConnTrackParserTest, ATableThatIsTooLongToBeKeptIsReadForEach) {
-  TableQuestion event(Asker::kEvent);
-  event.askedAgain = true;
-  std::string filler;
-  while (filler.size() <= kMostTextBytes) filler += std::string(500, '.') + "\n";
-  table.write(tableEntry(kClient, 11) + filler + tableEntry(kClient, 12));
-  EXPECT_EQ(scan(event), "1: 11 12");
-  table.write(tableEntry(kClient, 13) + filler + tableEntry(kClient, 14));
-  EXPECT_EQ(scan(event), "1: 13 14");
+  TableQuestion event = sharedQuestion();
+  std::string most;
+  while (most.size() <= kMostTextBytes) most += filler(500);
+  table.write(tableEntry(kClient, 11) + most + tableEntry(kClient, 12));
+  EXPECT_THAT(scan(event), ElementsAre(11, 12));
+  table.write(tableEntry(kClient, 13) + most + tableEntry(kClient, 14));
+  EXPECT_THAT(scan(event), ElementsAre(13, 14));
 }
 
 TEST_F(ZanConnTrackParserTest, WhoReadsWhileAnotherWaitsKeepsTheText) {
-  const auto isKept = [this] {
-    const ReadingTurn turn(parser.turns, Asker::kEvent);
-    return parser.latestBegan != TableQuestion::Clock::time_point{};
-  };
   table.write(tableEntry(kClient, 11));
-  scan();
-  EXPECT_FALSE(isKept()) << "nobody waited";
   std::vector<std::thread> cleanUps;
   {
     const ReadingTurn turn(parser.turns, Asker::kEvent);
     for (int i = 0; i < 2; ++i) {
       cleanUps.emplace_back([this] {
         TableQuestion question(Asker::kCleanUp);
-        EXPECT_EQ(scan(question), "1: 11");
+        std::list<ZanConnTrackFilter_s> v4;
+        std::list<ZanConnTrackFilter_s> v6;
+        parser.parseNfConnTrackFile({"", kClient, kClient6}, v4, v6, table.fd(), question);
+        EXPECT_THAT(v4, SizeIs(1));
       });
     }
     EXPECT_TRUE(base::eventually([this] { return parser.turns.waiting() == 2; }));
   }
   for (std::thread& cleanUp : cleanUps) cleanUp.join();
-  EXPECT_TRUE(isKept());
+  const ReadingTurn turn(parser.turns, Asker::kEvent);
+  EXPECT_NE(parser.latestBegan, TableQuestion::Clock::time_point{});
 }
 
-TEST_F(ZanConnTrackParserTest, EventsGoBeforeCleanUps) {
-  std::string order;
+TEST_F(ZanConnTrackParserTest, EventsGoBeforeCleanUpsThatWaitLonger) {
+  Lines order;
   std::vector<std::thread> threads;
+  const auto enqueue = [&](Asker asker, const char* name) {
+    threads.emplace_back([this, asker, name, &order] {
+      const ReadingTurn turn(parser.turns, asker);
+      order.emplace_back(name);
+    });
+    EXPECT_TRUE(base::eventually([&] { return parser.turns.waiting() == threads.size(); }));
+  };
   {
     const ReadingTurn turn(parser.turns, Asker::kEvent);
-    for (const auto asker : {Asker::kCleanUp, Asker::kEvent}) {
-      threads.emplace_back([this, asker, &order] {
-        const ReadingTurn next(parser.turns, asker);
-        order += asker == Asker::kEvent ? "event " : "clean-up";
-      });
-      EXPECT_TRUE(base::eventually([&] { return parser.turns.waiting() == threads.size(); }));
-    }
+    enqueue(Asker::kCleanUp, "clean-up");
+    enqueue(Asker::kEvent, "event");
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(order, "event clean-up");
+  EXPECT_THAT(order, ElementsAre("event", "clean-up"));
 }
 
-TEST_F(ZanConnTrackParserTest, TurnsAwayCleanUpsThatHaveNotRead) {
+TEST_F(ZanConnTrackParserTest, TurnsAwayCleanUpsThatHaveNotReadButNoEvents) {
   parser.turnCleanUpsAway();
-  host.take();
+  host.forget();
   TableQuestion question(Asker::kCleanUp);
-  EXPECT_EQ(scan(question), std::to_string(Parser::kTurnedAway) + ":");
-  EXPECT_EQ(host.take(), "\n");
-  EXPECT_EQ(scan(), "1:");
+  scan(question);
+  EXPECT_EQ(result, Parser::kTurnedAway);
+  EXPECT_THAT(host.record(), IsEmpty());
+  scan();
+  EXPECT_EQ(result, Parser::kMatched);
 }
 
 TEST_F(ZanConnTrackParserTest, BindsADescriptorOnce) {
   std::list<ZanConnTrackFilter_s> out;
-  host.take();
-  EXPECT_EQ(parser.parseNfConnTrackFile({"", "", ""}, out, out, -1), -1);
+  EXPECT_EQ(parser.parseNfConnTrackFile({"", "", ""}, out, out, -1), Parser::kFailed);
+  EXPECT_THAT(host.logged("File open Error"), SizeIs(1));
   EXPECT_EQ(parser.setPrivilegeParams(table.fd()), 0);
-  table.write("no entry");
-  EXPECT_EQ(parser.parseNfConnTrackFile({"", "", "1"}, out, out, -1), -1);
-  EXPECT_EQ(host.take("setP|already|File|Failed"), R"(
-0 10401 ZanConnTrackParser::setPrivilegeParams
-4 10401 ZanConnTrackParser::setPrivilegeParams: 9
-0 10401 ZanConnTrackParser: Failed to set privilege Parameters
-0 10401 ZanConnTrackParser::parseNfConnTrackFile: Failed :File open Error
-0 10401 ZanConnTrackParser::setPrivilegeParams
-0 10401 ZanConnTrackParser::Privileges already set
-0 10401 ZanConnTrackParser::parseNfConnTrackFile: %p
-0 10401 ZanConnTrackParser::parseNfConnTrackFile: Failed to parse a line error -1
-)");
+  EXPECT_EQ(parser.setPrivilegeParams(-1), 0);
+  EXPECT_THAT(host.logged("Privileges already set"), SizeIs(1));
+}
+
+TEST_F(ZanConnTrackParserTest, LogsTheStepsOfAMatchInOrder) {
+  const std::string in = "src=9.9.9.9 dst=7.7.7.7 sport=44 dport=41 ";
+  const std::string served = "src=10.0.0.5 dst=9.9.9.9 sport=80 dport=44 ";
+  const std::string line = "ipv4 2 tcp 6 99 ESTABLISHED " + in + served;
+  const std::string says = "0 10401 ZanConnTrackParser::parseNfConnTrackLine:";
+  ZanConnTrackFilter_s record{};
+  host.forget();
+  EXPECT_EQ(parser.parseNfConnTrackLine({line, kClient, kClient6}, record), Parser::kMatched);
+  EXPECT_THAT(
+      host.record(),
+      ElementsAre(says + " Now Parsing: " + line,
+                  says + "af = ipv4 temp = 2 protocol = tcp type = 6\n",
+                  says + " Reverse entry, Now Parsing: " + served,
+                  says + " AF=2, protocol=6, src=500000A, sport=80, dest=9090909, dport=44"));
 }
 
 }  // namespace

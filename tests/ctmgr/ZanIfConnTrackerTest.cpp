@@ -1,28 +1,27 @@
-// The tracker of one interface: what it does, sends and logs, in one sequence.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
+// The tracker of one interface: when filters come and go, and how its idle timer runs. There is no
+// timer's file here, so that every start ends with a stop; tests put a file of their own there.
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <array>
-#include <csignal>
 #include <cstring>
-#include <regex>
-#include <thread>
-#include <tuple>
 
 #include "ctmgr/ZanIfConnTracker.h"
+#include "host/Agreement.h"
 #include "tests/RecordingHost.h"
 
 namespace {
 
-using namespace std::string_literals;
-using std::to_string;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
 
-const std::string kText = "w9 7 first " + std::string(69, 's');
-const std::string kUninstalled = "uninstallFilters w9\nsetDfsFilterMode w9 0\n";
+constexpr int kTableFd = 901;
 
 struct Utils : ZanConnTrackUtils {
-  explicit Utils(Zan& zan) : ZanConnTrackUtils(zan) { connTrackFd = 901; }
+  explicit Utils(Zan& zan) : ZanConnTrackUtils(zan) { connTrackFd = kTableFd; }
+  ~Utils() { connTrackFd = -1; }
   using ZanConnTrackUtils::connTrackFd;
 };
 struct Tracker : ZanIfConnTracker {
@@ -31,238 +30,299 @@ struct Tracker : ZanIfConnTracker {
   using ZanIfConnTracker::ZanIfConnTracker;
 };
 
-/// In expected records '~' stands for the module and the class.
 struct ZanIfConnTrackerTest : testing::Test {
   RecordingHost host;
   Utils utils{host.zan};
   std::unique_ptr<Tracker> tracker;
 
   void SetUp() override {
-    host.property = "3";
-    host.wwan["w9"] = {0, 0, 7, 0, {}, "first"};
-    std::memset(host.wwan["w9"].text + 62, 's', 69);  // to its end, without a NUL
     host.connectParent();
-    host.take();
     tracker = std::make_unique<Tracker>(host.zan, utils, host.zan.zanRix, "w9");
+    host.forget();
   }
-  std::string said() {
-    return std::regex_replace(host.take(), std::regex("10409 ZanIfConnTracker::"), "~");
+  void switchTethering(std::int32_t state) {
+    host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &state);
   }
-  /// What the parent is sent for |commands| commands from |first| on.
-  static std::string rules(int first, int timeout, int commands = 2) {
-    std::string text = "parent";
-    for (int command = first; command < first + commands; ++command) {
-      text += " " + to_string(command) + " w9\0 "s + to_string(timeout) + " CT\0 IDLETIMER\0 0"s;
+  Lines filtersIn() { return host.calls("installFilters"); }
+  Lines filtersOut() { return host.calls("uninstallFilters"); }
+  Lines exchanges() { return host.calls("parent"); }
+  /// The lengths of all timers that rules were added for, in seconds.
+  std::vector<int> timers() {
+    std::vector<int> seconds;
+    for (const std::string& exchange : host.calls("parent 8 w9 ")) {
+      seconds.push_back(std::stoi(exchange.substr(std::strlen("parent 8 w9 "))));
     }
-    return text + "\n";
-  }
-  static std::string stopped(int timeout) {
-    return "0 ~stopTracking\n0 ~removeComEventHandler fd -1\nremoveComEventHandler -1\n" +
-           rules(10, timeout);
-  }
-  /// A start that ends at the timer's file, which nobody has created.
-  static std::string started(int timeout) {
-    return "0 ~startTracking " + to_string(timeout) + "\n0 ~runIpTableAddCommands\n" +
-           rules(8, timeout) + "2 ~startTracking file open fail = 2\n" + stopped(timeout);
+    return seconds;
   }
 };
 
-TEST_F(ZanIfConnTrackerTest, ComesAndGoesInOrder) {
-  Tracker::rixWdsEventHandler({}, nullptr, nullptr);
-  Tracker::rixDfsEventHandler(ZanRixDfsEventType{4}, this, tracker.get());
+// How it begins and ends.
+
+TEST_F(ZanIfConnTrackerTest, RegistersInOrder) {
+  const Tracker other(host.zan, utils, host.zan.zanRix, "w8");
+  EXPECT_THAT(host.record(),
+              ElementsAre("0 10409 ZanIfConnTracker::ZanIfConnTracker(Zan &, ZanConnTrackUtils &, "
+                          "ZanRix &, string):84",
+                          "regDormancyStatusChgEvent w8", "regFilteringStatusChgEvent w8",
+                          "property_get persist.vendor.zan.vndr.ctmgr.disable.icmp 0"));
+}
+
+TEST_F(ZanIfConnTrackerTest, TakesEverythingAwayInOrder) {
   tracker.reset();
-  host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, this);
-  EXPECT_EQ(said(), R"(
-0 ~ZanIfConnTracker(Zan &, ZanConnTrackUtils &, ZanRix &, string):84
-regDormancyStatusChgEvent w9
-regFilteringStatusChgEvent w9
-property_get persist.vendor.zan.vndr.ctmgr.disable.icmp 0
-3 10409 Incorrect info passed evtData:0x0 cbData:0x0
-0 ~rixDfsEventHandler event: 4
-1 10409 unhandled event:4
-0 ~~ZanIfConnTracker():120
-)" + kUninstalled + stopped(0) +
-                        "deRegDormancyStatusChgEvent w9 1\ndeRegFilteringStatusChgEvent w9 1\n");
+  EXPECT_THAT(
+      host.record(),
+      ElementsAre("0 10409 ZanIfConnTracker::~ZanIfConnTracker():120", "uninstallFilters w9",
+                  "setDfsFilterMode w9 0", "0 10409 ZanIfConnTracker::stopTracking",
+                  "0 10409 ZanIfConnTracker::removeComEventHandler fd -1",
+                  "removeComEventHandler -1", "parent 10 w9 0 CT IDLETIMER 0",
+                  "parent 11 w9 0 CT IDLETIMER 0", "deRegDormancyStatusChgEvent w9 1",
+                  "deRegFilteringStatusChgEvent w9 1"));
 }
 
-TEST_F(ZanIfConnTrackerTest, FollowsDormancyFilteringAndTethering) {
-  const std::string on = "0 10409 uninstalled Filters after tethering ON\n";
-  const std::string off = "0 10409 installFilters after tethering off ret: ";
-  const std::string after = "0 10409 after installFilters ret: ";
-  const std::string link = "getDormancyStatus w9\n";
-  const std::string dereg = "deRegDormancyStatusChgEvent w9 1\n";
-  const std::string asked =
-      "4 ~installFilters Entering\ngetWwanInfo w9\n4 ~installFilters Entering w9 7 first\n"
-      "installFilters " +
-      kText + " 3 901\n";
-  const std::string refused = asked + "4 ~installFilters: Failed to add filters for iface w9\n";
-  const std::string installed = asked + "setDfsFilterMode w9 1\n" + started(5);
-  // Event, its interface and status; state of tethering and of the link; the modem's answer; log.
-  const std::tuple<std::string, std::string, std::int32_t, int, int, std::string> steps[] = {
-      {"Wds", "w", 1, 0, 1, ""},
-      {"Wds", "w9", 2, 0, 1, ""},
-      {"Wds", "w9", 1, -1, 1, ""},
-      {"Wds", "w9", 1, 0, -7, refused + after + "-7\n"},
-      {"Wds", "w9", 1, 0, 0, refused + dereg + after + "0\n"},
-      {"Dsm", "", 1, 2, 1, link},
-      {"Dsm", "", 1, 1, 1, link + kUninstalled + stopped(0) + on},
-      {"Wds", "w9", 1, 0, 1, "0 10409 No change in dormancy status\n"},
-      {"Dfs", "w9", 2, 0, 1, ""},
-      {"Dfs", "w9", 1, 1, 1, "regDormancyStatusChgEvent w9\n" + kUninstalled + stopped(0)},
-      {"Dsm", "", 2, 1, 1, ""},
-      {"Dsm", "", 0, 1, 3, link + refused + off + "3\n"},
-      {"Dsm", "", 0, 1, 1, link + installed + dereg + off + "0\n"},
-      {"Wds", "w9", 1, 0, 1, installed + dereg + after + "0\n"}};
-  host.take();
-  for (const auto& [event, name, status, state, answer, log] : steps) {
-    const ZanRixStatusRecord record{name, status};
-    host.filtersAnswer = answer;
-    host.zan.zanDsm.tetheringIndicator = host.dormancyStatus = state;
-    if (event == "Wds") host.dormancyListener.first({}, &record, host.dormancyListener.second);
-    if (event == "Dfs") host.filteringListener.first({}, &record, host.filteringListener.second);
-    if (event == "Dsm") host.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_TETHERING_STATE, &status);
-    const std::string handler = "0 ~rix" + event + "EventHandler ";
-    std::string heard = handler + "event: 0\n";
-    heard.append(handler).append("iface: " + name + " status: " + to_string(status) + "\n");
-    EXPECT_EQ(said(), "\n" + (event == "Dsm" ? "1 ~dsmEventHandler event:5\n" : heard) + log);
-  }
+TEST_F(ZanIfConnTrackerTest, HearsNothingOfTetheringAfterItsEnd) {
+  tracker.reset();
+  host.forget();
+  switchTethering(kTetheringOff);
+  EXPECT_THAT(host.record(), IsEmpty());
 }
 
-TEST_F(ZanIfConnTrackerTest, EndsAStartAtTheFirstRefusal) {
-  const std::string failed =
-      "4 10409 ZanIfConnTracker parent process failed to execute command\n\n";
-  const std::pair<const char*, std::string> cases[] = {
-      {"-", "parent 8\n4 10409 send_and_recv_ack ret corrupted\n"},
-      {".....1", rules(8, 6, 1) + failed},
-      {"...........1", rules(8, 6) + failed}};
-  host.take();
-  for (const auto& [answers, log] : cases) {
-    host.connectParent(answers);
-    tracker->startListenFilterTracking(6);
-    EXPECT_EQ(said(), "\n0 ~startTracking 6\n0 ~runIpTableAddCommands\n" + log +
-                          "2 ~startTracking fail to add ipTable rules\n");
-  }
+// Filters.
+
+TEST_F(ZanIfConnTrackerTest, ADormantLinkGetsFiltersAndATimerOfFiveSeconds) {
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(filtersIn(), SizeIs(1));
+  EXPECT_THAT(host.calls("setDfsFilterMode"), ElementsAre("setDfsFilterMode w9 1"));
+  EXPECT_THAT(timers(), ElementsAre(5));
 }
 
-/// The result of a command to a parent that acknowledges each piece and then |leaves| instead of
-/// giving a result.
-int commandAbandoned(RecordingHost& host, Tracker& tracker,
-                     void (*leaves)(base::UniqueFd& parentsEnd)) {
-  std::array<int, 2> ends{};
-  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
-  const base::UniqueFd own(ends[0]);
-  base::UniqueFd parentsEnd(ends[1]);
-  const int before = std::exchange(host.zan.commandChannelFd, own.get());
-  std::thread parent([&] {
-    constexpr int kPieces = 5;
-    constexpr std::int32_t kAcknowledgement = 0;
-    for (int piece = 0; piece < kPieces; ++piece) {
-      std::array<char, 16> bytes;
-      recv(parentsEnd.get(), bytes.data(), bytes.size(), 0);
-      send(parentsEnd.get(), &kAcknowledgement, sizeof(kAcknowledgement), 0);
-    }
-    leaves(parentsEnd);
-  });
-  const int result = tracker.execCommand(ZAN_CMD_IDLETIMER_ADD_1);
-  parent.join();
-  host.zan.commandChannelFd = before;
-  return result;
-}
-
-TEST_F(ZanIfConnTrackerTest, AParentThatOnlyStopsTalkingMakesACommandSucceed) {
-  EXPECT_EQ(
-      commandAbandoned(host, *tracker, [](base::UniqueFd& end) { shutdown(end.get(), SHUT_WR); }),
-      0);
-}
-
-TEST_F(ZanIfConnTrackerTest, AParentThatHasClosedItsSocketMakesACommandFail) {
-  std::signal(SIGPIPE, SIG_IGN);  // as every host has it
-  host.take();
-  EXPECT_EQ(commandAbandoned(host, *tracker, [](base::UniqueFd& end) { end.reset(); }), -1);
-  EXPECT_EQ(host.take(), "\n4 10409 send_and_recv_ack write failed\n");
-}
-
-TEST_F(ZanIfConnTrackerTest, RestartsTheTimerWithTwiceItsLength) {
-  const std::string listen =
-      "\n0 ~install listen filters \ngetWwanInfo w9\ninstallListenFilters " + kText + " 0\n";
-  host.take();
-  for (const int last : {0, 10, 20, 40, 80}) {
-    const int next = last == 0 ? 10 : 2 * last;
-    const std::string restart = "idleTimer value is :" + to_string(next) + "\n" + started(next);
-    const std::string end = "Max idle timer value is reached.Not restarting the timer :80\n";
-    tracker->instalListenFilters();
-    EXPECT_EQ(said(), listen + "0 ~ install listen filter: successfull \n" + stopped(last) +
-                          "0 ~ start listen filters track\n2 ~" + (last == 80 ? end : restart));
-  }
-  host.listenFiltersAnswer = 0;
-  tracker->instalListenFilters();
-  EXPECT_EQ(said(), listen + "4 ~install Listen Filters: Failed to add filters for iface w9\n" +
-                        kUninstalled + stopped(80));
-  tracker->maybeStartIdleTimer();
+TEST_F(ZanIfConnTrackerTest, TellsTheModemWhatTheMonitorKnows) {
+  constexpr std::int32_t kStatus = 7;
+  const std::string second(sizeof(_ZanDsmWwanInfoType::text) - kWwanSecondTextOffset, 's');
+  host.wwan["w9"] = {0, 0, kStatus, 0, {}, "first"};
+  second.copy(host.wwan["w9"].text + kWwanSecondTextOffset, second.size());  // without a NUL
+  host.property = "3";
+  tracker = std::make_unique<Tracker>(host.zan, utils, host.zan.zanRix, "w9");
   tracker->installFilters();
-  tracker->maybeStartIdleTimer();
-  EXPECT_EQ(host.take("value is :10$").size(), 99U);  // twice
+  tracker->instalListenFilters();
+  EXPECT_THAT(filtersIn(), ElementsAre("installFilters w9 7 first " + second + " 3 901"));
+  EXPECT_THAT(host.calls("installListenFilters"),
+              ElementsAre("installListenFilters w9 7 first " + second + " 0"));
 }
 
-TEST_F(ZanIfConnTrackerTest, ReportsEachChangeOfTheTimer) {
-  const auto listener = [](const void* status, void* cbData, std::string name) {
-    const int idle = *static_cast<const std::uint8_t*>(status);
-    static_cast<RecordingHost*>(cbData)->record("report " + to_string(idle) + " " + name);
-  };
-  const TableFile file;
-  tracker->idleTimerFd = dup2(file.fd(), 900);
-  EXPECT_EQ(tracker->regIdleStatusChgEvt(listener, &host), 0);
-  EXPECT_EQ(tracker->regIdleStatusChgEvt(nullptr, nullptr), -1);
-  host.take();
-  for (const char* text : {"0\n", "0\n", "5555555555\n", "", "1\n", "0000000005"}) {
-    file.write(text);
-    Tracker::idleTimerExpiryHandler(900, tracker.get());
-  }
-  EXPECT_EQ(host.take("report"),
-            "\nreport 1 w9\nreport 0 w9\nreport 1 w9\nreport 0 w9\nreport 1 w9\n");
-  tracker->idleTimeOut = 6;
-  Tracker::idleTimerExpiryHandler(-1, nullptr);
-  Tracker::idleTimerExpiryHandler(-1, tracker.get());
-  EXPECT_EQ(said(), R"(
-3 10409 ZanIfConnTracker cbdata is NULL
-3 10409 ZanIfConnTracker idle timer fd read failed with errno: Bad file descriptor
-0 ~stopTracking
-0 ~removeComEventHandler fd 900
-removeComEventHandler 900
-0 ~closing file descriptor 
-)" + rules(10, 6) + started(6));
-  tracker->idleTimerFd = dup2(file.fd(), 900);
-  Tracker::idleTimerExpiryHandler(900, tracker.get());  // a stop has forgotten the status
-  tracker->startListenFilterTracking(6);                // and a start does not leak the descriptor
-  EXPECT_EQ(host.take("report|^rem"),
-            "\nreport 1 w9\nremoveComEventHandler 900\nremoveComEventHandler -1\n");
+TEST_F(ZanIfConnTrackerTest, IgnoresDormancyThatIsNotItsOwn) {
+  host.reportDormancy(kLinkDormant, "w");
+  host.reportDormancy(kLinkActive);
+  EXPECT_THAT(filtersIn(), IsEmpty());
 }
 
-TEST_F(ZanIfConnTrackerTest, DoesNothingWithoutANameATableOrATimeout) {
-  Tracker nameless(host.zan, utils, host.zan.zanRix, "");
-  Tracker endless(host.zan, utils, host.zan.zanRix, std::string(5000, 'n'));
-  endless.startListenFilterTracking(6);
-  EXPECT_NE(host.take("open fail = 2$"), "\n");  // the path is cut
-  EXPECT_EQ(nameless.installFilters(), -1);
-  nameless.instalListenFilters();
+TEST_F(ZanIfConnTrackerTest, IgnoresDormancyWhileTethering) {
+  host.zan.zanDsm.tetheringIndicator = -1;
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(filtersIn(), IsEmpty());
+}
+
+TEST_F(ZanIfConnTrackerTest, ListensForDormancyUntilFiltersAreIn) {
+  host.filtersAnswer = -7;
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(host.calls("deRegDormancy"), IsEmpty());
+  EXPECT_THAT(host.calls("setDfsFilterMode"), IsEmpty());
+  host.filtersAnswer = 1;
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(host.calls("deRegDormancy"), ElementsAre("deRegDormancyStatusChgEvent w9 1"));
+  EXPECT_THAT(host.logged("after installFilters"), ElementsAre(HasSubstr("-7"), HasSubstr("0")));
+}
+
+TEST_F(ZanIfConnTrackerTest, AnAnswerOfZeroInstallsNothingButEndsTheListening) {
+  host.filtersAnswer = 0;
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(host.calls("setDfsFilterMode"), IsEmpty());
+  EXPECT_THAT(host.calls("deRegDormancy"), SizeIs(1));
+}
+
+TEST_F(ZanIfConnTrackerTest, IgnoresASecondDormancy) {
+  host.reportDormancy(kLinkDormant);
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(filtersIn(), SizeIs(1));
+}
+
+TEST_F(ZanIfConnTrackerTest, TheEndOfFilteringTakesThemAwayAndListensAgain) {
+  host.reportDormancy(kLinkDormant);
+  host.forget();
+  host.reportFiltering(kFilteringEnded);
+  EXPECT_THAT(filtersOut(), SizeIs(1));
+  EXPECT_THAT(host.calls("setDfsFilterMode"), ElementsAre("setDfsFilterMode w9 0"));
+  EXPECT_THAT(host.calls("regDormancy"), ElementsAre("regDormancyStatusChgEvent w9"));
+  host.reportDormancy(kLinkDormant);
+  EXPECT_THAT(filtersIn(), SizeIs(1));
+}
+
+TEST_F(ZanIfConnTrackerTest, IgnoresFilteringThatIsNotItsOwnEnd) {
+  constexpr std::int32_t kFilteringGoesOn = 2;
+  host.reportFiltering(kFilteringEnded, "w");
+  host.reportFiltering(kFilteringGoesOn);
+  EXPECT_THAT(filtersOut(), IsEmpty());
+}
+
+TEST_F(ZanIfConnTrackerTest, TetheringTakesFiltersAwayAndItsEndBringsThemBack) {
+  switchTethering(kTetheringOn);
+  EXPECT_THAT(filtersOut(), SizeIs(1));
+  EXPECT_THAT(filtersIn(), IsEmpty());
+  switchTethering(kTetheringOff);
+  EXPECT_THAT(filtersIn(), SizeIs(1));
+  EXPECT_THAT(host.calls("deRegDormancy"), SizeIs(1));
+}
+
+TEST_F(ZanIfConnTrackerTest, IgnoresTetheringOnAnActiveLinkAndUnknownStates) {
+  constexpr std::int32_t kUnknown = 2;
+  switchTethering(kUnknown);
+  host.dormancyStatus = kLinkActive;
+  switchTethering(kTetheringOn);
+  switchTethering(kTetheringOff);
+  EXPECT_THAT(filtersIn(), IsEmpty());
+  EXPECT_THAT(filtersOut(), IsEmpty());
+}
+
+TEST_F(ZanIfConnTrackerTest, WithoutATableThereAreNoFilters) {
   utils.connTrackFd = -1;
   EXPECT_EQ(tracker->installFilters(), -1);
-  tracker->startListenFilterTracking(0);
-  EXPECT_EQ(tracker->startNlSockEvents(), -1);
-  tracker->stopNlSockEvents();
-  EXPECT_EQ(said(), R"(
-4 ~installFilters Entering
-4 ~installFilters Iface Name is Empty
-0 ~install listen filters 
-4 ~install listen Filters Iface Name is Empty
-4 ~Failed to get Nf_connTrack Descriptor
-0 ~startTracking 0
-2 ~startTracking idleTimeOut <= 0
-0 ~startNlSockEvents:: registering nlsock for ifaceName w9
-0 10409 ZanConnTrackUtils::ZOLV flag enabled , ZAN netlink functionality is disabled.
-0 ~stopNlSockEvents: deregistering nlsock for ifaceName w9
-0 10409 ZanConnTrackUtils::deRegNlSockEvents nothing to dereg
-)");
+  EXPECT_THAT(filtersIn(), IsEmpty());
+}
+
+// The timer.
+
+TEST_F(ZanIfConnTrackerTest, ATimerIsTwoRulesAndWithoutItsFileTheyAreTakenBack) {
+  tracker->startListenFilterTracking(6);
+  EXPECT_THAT(exchanges(),
+              ElementsAre("parent 8 w9 6 CT IDLETIMER 0", "parent 9 w9 6 CT IDLETIMER 0",
+                          "parent 10 w9 6 CT IDLETIMER 0", "parent 11 w9 6 CT IDLETIMER 0"));
+  EXPECT_THAT(host.logged("file open fail"),
+              ElementsAre("2 10409 ZanIfConnTracker::startTracking file open fail = 2"));
+}
+
+TEST_F(ZanIfConnTrackerTest, GivesUpWhenTheParentRefusesACommand) {
+  host.connectParent({-1});
+  tracker->startListenFilterTracking(6);
+  EXPECT_THAT(exchanges(), ElementsAre("parent 8"));
+  EXPECT_THAT(host.logged("corrupted"), SizeIs(1));
+}
+
+TEST_F(ZanIfConnTrackerTest, GivesUpWhenACommandFails) {
+  constexpr int kAnswersToACommand = 6;  // five acknowledgements and the result
+  for (const std::size_t failing : {1U, 2U}) {
+    std::vector<std::int32_t> answers(failing * kAnswersToACommand);
+    answers.back() = 1;
+    host.connectParent(answers);
+    host.forget();
+    tracker->startListenFilterTracking(6);
+    EXPECT_THAT(exchanges(), SizeIs(failing)) << "nothing is asked for after a failure";
+    EXPECT_THAT(host.logged("failed to execute command"), SizeIs(1));
+    EXPECT_THAT(host.logged("open fail"), IsEmpty()) << "there is no timer";
+  }
+}
+
+TEST_F(ZanIfConnTrackerTest, DoublesUpToEightyAndThenStops) {
+  tracker->installFilters();
+  for (int idle = 0; idle < 5; ++idle) tracker->instalListenFilters();
+  EXPECT_THAT(timers(), ElementsAre(5, 10, 20, 40, 80));
+  EXPECT_THAT(host.logged("Max idle timer value"), SizeIs(1));
+}
+
+TEST_F(ZanIfConnTrackerTest, BeginsAtFiveAgainWithNewFiltersAndWithoutAny) {
+  tracker->instalListenFilters();
+  tracker->installFilters();
+  tracker->instalListenFilters();
+  tracker->uninstallFilters();
+  tracker->instalListenFilters();
+  EXPECT_THAT(timers(), ElementsAre(10, 5, 10, 10));
+}
+
+TEST_F(ZanIfConnTrackerTest, ALongerTimerReplacesTheRulesOfTheOneBefore) {
+  tracker->idleTimeOut = 5;
+  tracker->instalListenFilters();
+  ASSERT_THAT(exchanges(), testing::Not(IsEmpty()));
+  EXPECT_EQ(exchanges()[0], "parent 10 w9 5 CT IDLETIMER 0");
+}
+
+TEST_F(ZanIfConnTrackerTest, RefusedListenFiltersTakeEverythingAway) {
+  host.listenFiltersAnswer = 0;
+  tracker->instalListenFilters();
+  EXPECT_THAT(filtersOut(), SizeIs(1));
+  EXPECT_THAT(timers(), IsEmpty());
+}
+
+/// A tracker with a timer whose file the test writes, and a listener.
+struct IdleTimer : ZanIfConnTrackerTest {
+  static constexpr int kTimerFd = 900;
+  TableFile file;
+
+  void SetUp() override {
+    ZanIfConnTrackerTest::SetUp();
+    tracker->regIdleStatusChgEvt(listener, &host);
+    openFile();
+  }
+  ~IdleTimer() override { close(kTimerFd); }
+
+  static void listener(const void* status, void* cbData, std::string name) {
+    const bool idle = *static_cast<const std::uint8_t*>(status) == 1;
+    static_cast<RecordingHost*>(cbData)->note(name + (idle ? " is idle" : " is active"));
+  }
+  void openFile() { tracker->idleTimerFd = dup2(file.fd(), kTimerFd); }
+  void show(const std::string& seconds) {
+    file.write(seconds);
+    Tracker::idleTimerExpiryHandler(kTimerFd, tracker.get());
+  }
+  Lines reports() { return host.calls("w9 is"); }
+  [[nodiscard]] static bool isOpen() { return fcntl(kTimerFd, F_GETFD) != -1; }
+};
+
+TEST_F(IdleTimer, IsIdleAtZeroAndActiveAtAnythingElse) {
+  for (const char* seconds : {"0\n", "5555555555\n", "", "0000000005"}) show(seconds);
+  EXPECT_THAT(reports(), ElementsAre("w9 is idle", "w9 is active", "w9 is idle"))
+      << "ten characters are read as nine";
+}
+
+TEST_F(IdleTimer, ReportsOnlyChanges) {
+  for (const char* seconds : {"5\n", "0\n", "0\n", "4\n", "3\n"}) show(seconds);
+  EXPECT_THAT(reports(), ElementsAre("w9 is idle", "w9 is active"));
+}
+
+TEST_F(IdleTimer, IsRewoundForTheNextSignal) {
+  show("5\n");
+  EXPECT_EQ(lseek(kTimerFd, 0, SEEK_CUR), 0);
+}
+
+TEST_F(IdleTimer, AStopEndsTheWatchClosesTheFileAndForgetsTheStatus) {
+  show("0\n");
+  host.forget();
+  tracker->stopListenFilterTracking();
+  EXPECT_THAT(host.calls("removeComEventHandler"), ElementsAre("removeComEventHandler 900"));
+  EXPECT_FALSE(isOpen());
+  EXPECT_EQ(tracker->idleTimerFd, -1);
+  openFile();
+  show("0\n");
+  EXPECT_THAT(reports(), SizeIs(1)) << "idle is news again";
+}
+
+TEST_F(IdleTimer, ASecondStartEndsTheWatchAndClosesTheFileOfTheFirst) {
+  tracker->startListenFilterTracking(6);
+  EXPECT_THAT(host.calls("removeComEventHandler"),
+              ElementsAre("removeComEventHandler 900", "removeComEventHandler -1"));
+  EXPECT_FALSE(isOpen());
+}
+
+TEST_F(IdleTimer, IsRestartedWhenItCannotBeRead) {
+  tracker->idleTimeOut = 6;
+  Tracker::idleTimerExpiryHandler(-1, tracker.get());
+  EXPECT_THAT(exchanges(), SizeIs(6)) << "two rules deleted, added and deleted again";
+  EXPECT_THAT(timers(), ElementsAre(6));
+}
+
+TEST_F(IdleTimer, HasOneListenerOrNone) {
+  EXPECT_EQ(tracker->regIdleStatusChgEvt(nullptr, nullptr), -1);
+  Tracker::idleTimerExpiryHandler(kTimerFd, nullptr);
+  EXPECT_THAT(host.logged("cbdata is NULL"), SizeIs(1));
+  show("0\n");
+  EXPECT_THAT(reports(), SizeIs(1)) << "the one before stays";
 }
 
 }  // namespace

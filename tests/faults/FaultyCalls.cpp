@@ -1,3 +1,4 @@
+// The calls that the linker leads here, and operator new.
 #include "tests/faults/FaultyCalls.h"
 
 #include <fcntl.h>
@@ -93,18 +94,20 @@ int __wrap_open(const char* path, int flags, ...) {
   const bool timer = std::strstr(path, "xt_idletimer") != nullptr;
   if (!timer && std::strstr(path, "nf_conntrack") == nullptr) return __real_open(path, flags);
   const std::string link = "/proc/self/fd/" + std::to_string(timer ? faults::timer : faults::table);
-  return fails(timer ? "timer" : "table") ? -1 : __real_open(link.c_str(), flags);
+  return fails(timer ? "open timer" : "open table") ? -1 : __real_open(link.c_str(), flags);
 }
 [[gnu::alias("__wrap_open")]] int __wrap_open64(const char* path, int flags, ...);
 
 ssize_t __wrap_read(int fd, void* buffer, std::size_t size) {
-  return fails(fd == faults::channel ? "read" : "timer") ? -1 : __real_read(fd, buffer, size);
+  return fails(fd == faults::channel ? "read channel" : "read timer")
+             ? -1
+             : __real_read(fd, buffer, size);
 }
 ssize_t __wrap___read_chk(int fd, void* buffer, std::size_t size, std::size_t /*room*/) {
   return __wrap_read(fd, buffer, size);
 }
 ssize_t __wrap_write(int fd, const void* data, std::size_t size) {
-  return fails("write") ? -1 : __real_write(fd, data, size);
+  return fails("write channel") ? -1 : __real_write(fd, data, size);
 }
 off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
   return fails("lseek") ? -1 : __real_lseek64(fd, offset, whence);
@@ -120,10 +123,10 @@ int __wrap_close(int fd) {
 }
 
 static ssize_t readTable(void* table, char* buffer, std::size_t size) {
-  return fails("scan") ? -1 : __real_read(*static_cast<int*>(table), buffer, size);
+  return fails("read table") ? -1 : __real_read(*static_cast<int*>(table), buffer, size);
 }
 static int seekTable(void* table, off64_t* offset, int whence) {
-  *offset = fails("rewind") ? -1 : __real_lseek64(*static_cast<int*>(table), *offset, whence);
+  *offset = fails("rewind table") ? -1 : __real_lseek64(*static_cast<int*>(table), *offset, whence);
   return *offset == -1 ? -1 : 0;
 }
 std::FILE* __wrap_fdopen(int fd, const char* mode) {
