@@ -10,8 +10,8 @@ add_custom_target(format
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 add_custom_target(style
   COMMAND clang-format --dry-run --Werror ${units} ${headers}
-  COMMAND shellcheck dev .ci/run arm/boot arm/init arm/initramfs arm/sysroot machine/native machine/native-init
-    machine/native-kernel tests/linkage/check-linkage
+  COMMAND shellcheck dev .ci/run machine/arm machine/arm-init machine/arm-initramfs machine/native
+    machine/native-init machine/native-kernel machine/sysroot tests/linkage/check-linkage
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 
 # A stamp for each file that clang-tidy has nothing against. With the preset "clang" it reports

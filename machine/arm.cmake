@@ -1,5 +1,5 @@
 # 32-bit ARM as the device has it: armv7, hard float, clang and libc++. Debian's armhf packages,
-# unpacked by arm/sysroot, stand in for the platform's headers and libraries.
+# unpacked by machine/sysroot, stand in for the platform's headers and libraries.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7)
 set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/arm-sysroot)
