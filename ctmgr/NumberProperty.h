@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "host/Agreement.h"
 #include "host/Properties.h"
 
 /// The value of property |name| as atoi(3) reads it; 0 when it is not set. Any thread.

@@ -11,6 +11,7 @@
 #include "ctmgr/ZanConnTrackFilter.h"
 #include "ctmgr/ZanConnTrackMgr.h"
 #include "ctmgr/ZanNetlinkMgr.h"
+#include "host/Agreement.h"
 #include "host/EventDispatcher.h"
 #include "host/Zan.h"
 #include "host/ZanCommands.h"

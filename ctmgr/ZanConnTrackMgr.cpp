@@ -9,6 +9,7 @@
 
 #include "ctmgr/Log.h"
 #include "ctmgr/NumberProperty.h"
+#include "host/Agreement.h"
 
 ZanConnTrackMgr* gConnTrackMgr = nullptr;
 

@@ -13,6 +13,7 @@
 
 #include "ctmgr/CheckedArithmetic.h"
 #include "ctmgr/Log.h"
+#include "host/Agreement.h"
 
 namespace {
 

@@ -2,7 +2,10 @@
 // nothing of host/: where a device's headers replace the others here, this one stays.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 /// Levels of the framework's log, as the plug-in uses them.
 enum LogLevel : int {
@@ -35,3 +38,23 @@ inline constexpr std::int32_t kTetheringOff = 0;
 
 /// What ZanRix::installFilters() and installListenFilters() return on success.
 inline constexpr int kModemSuccess = 1;
+
+/// Payload of events 27 and 28. Event 27 names hotspot clients by MAC address text
+/// ("%02x:%02x:%02x:%02x:%02x:%02x"), event 28 gives IP addresses in text form.
+using ZanDsmTextList = std::vector<std::string>;
+
+/// Where the second text of a record's character field starts; the first is at its start.
+inline constexpr std::size_t kWwanSecondTextOffset = 62;
+
+/// Whether |command| is one of the four of ZAN_COMMANDS, 8 to 11, that carry rule arguments.
+[[nodiscard]] constexpr bool isIdleTimerCommand(std::int32_t command) {
+  return (command & ~3) == 8;
+}
+
+/// How far behind the end of a message a decoder may read, in bytes. The neighbour decoder walks
+/// attributes with a budget 12 bytes larger than what they occupy and copies the 126 address
+/// bytes of a sockaddr_storage from wherever a destination attribute's payload starts.
+inline constexpr std::size_t kNetlinkReceiveSlack = 12 + 126;
+
+/// Size of a property value with its NUL, in bytes (PROP_VALUE_MAX of <sys/system_properties.h>).
+inline constexpr std::size_t kPropertyValueMax = 92;

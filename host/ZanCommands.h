@@ -16,14 +16,11 @@
 
 #include <cstdint>
 
+#include "host/Agreement.h"
+
 enum ZAN_COMMANDS : std::int32_t {
   ZAN_CMD_IDLETIMER_ADD_1 = 8,
   ZAN_CMD_IDLETIMER_ADD_2 = 9,
   ZAN_CMD_IDLETIMER_DEL_1 = 10,  ///< takes away what ADD_1 with the same arguments added
   ZAN_CMD_IDLETIMER_DEL_2 = 11   ///< the same for ADD_2
 };
-
-/// Whether |command| is one of the four that carry rule arguments.
-[[nodiscard]] constexpr bool isIdleTimerCommand(std::int32_t command) {
-  return (command & ~3) == ZAN_CMD_IDLETIMER_ADD_1;
-}

@@ -4,11 +4,12 @@
 // a standard list is 12 bytes (libc++) and 4-byte aligned.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <string>
 #include <vector>
+
+#include "host/Agreement.h"
 
 /// Event identifiers of the data-service monitor that concern a plug-in. Signed and 32 bits wide.
 enum ZanDsmEvent : std::int32_t {
@@ -27,19 +28,12 @@ enum ZanWwanStatus : std::uint32_t {
   ZAN_WWAN_STATUS_DISCONNECTED = 4
 };
 
-/// Payload of events 27 and 28. Event 27 names hotspot clients by MAC address text
-/// ("%02x:%02x:%02x:%02x:%02x:%02x"), event 28 gives IP addresses in text form.
-using ZanDsmTextList = std::vector<std::string>;
-
 /// Payload of event 2.
 struct ZanDsmWwanStatusInfo {
   std::uint32_t status;  ///< offset 0: a ZanWwanStatus, or a value to ignore
   char ifaceName[108];   ///< offset 4: NUL-terminated kernel interface name, then host data
   std::list<ZanApnType> apnList;  ///< offset 112 on the target
 };
-
-/// Where the second text of a record's character field starts; the first is at its start.
-inline constexpr std::size_t kWwanSecondTextOffset = 62;
 
 /// What the monitor knows of one WWAN interface. 160 bytes on the target.
 struct _ZanDsmWwanInfoType {

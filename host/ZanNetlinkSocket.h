@@ -3,18 +3,13 @@
 
 #include <linux/netlink.h>
 
-#include <cstddef>
+#include "host/Agreement.h"
 
 /// Receives one netlink message. |msg| is borrowed for the call and |len| is its nlmsg_len.
 ///
 /// Behind the last message of a buffer lie kNetlinkReceiveSlack more readable bytes, all zero, so
 /// that a decoder may copy fixed-size payloads out of short messages.
 using NlMsgCallback = void (*)(void* cbData, nlmsghdr* msg, unsigned int len);
-
-/// How far behind the end of a message a decoder may read, in bytes. The neighbour decoder walks
-/// attributes with a budget 12 bytes larger than what they occupy and copies the 126 address
-/// bytes of a sockaddr_storage from wherever a destination attribute's payload starts.
-inline constexpr std::size_t kNetlinkReceiveSlack = 12 + 126;
 
 /// One netlink socket of the calling process.
 class ZanNetlinkSocket {
