@@ -1,7 +1,6 @@
 // The calls that the plug-in makes, any of which can be made to fail.
 #pragma once
 
-#include <atomic>
 #include <string>
 
 /// The linker's --wrap leads the calls of our own objects here, in every build alike; a definition
@@ -17,9 +16,6 @@ void fail(int number, int error, bool stays);
 
 /// Stops counting. Returns the kind of the call that failed, empty when there were fewer calls.
 std::string stop();
-
-/// By operator new, not deleted yet.
-extern std::atomic<long> allocations;
 
 /// Files that open as the table and as a timer, and the command channel.
 extern int table;
