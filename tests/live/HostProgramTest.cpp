@@ -9,9 +9,7 @@
 
 namespace {
 
-using testing::EndsWith;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::Not;
 
 class HostProgram : public LiveTest {
@@ -37,7 +35,6 @@ class HostProgram : public LiveTest {
 };
 
 TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
-  const std::string library = write("no library");
   const std::string script = write("clients\nwait soon\nquit\n");
   const std::string properties = write("a=1\nmistake\n");
   const struct {
@@ -47,15 +44,10 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
   } cases[] = {
       {{kHostProgram}, 2, "--plugin is required"},
       {{kHostProgram, "--plagin"}, 2, "not expected: --plagin"},
-      {{kHostProgram, "--plugin", kPluginPath, "--wwan", "a/b"}, 2, "letters, digits"},
       {{kHostProgram, "--plugin", "/nonexistent.so"}, 1, "/nonexistent.so"},
-      {{kHostProgram, "--plugin", library}, 1, "cannot load the plug-in"},
       {{kHostProgram, "--plugin", "libc.so.6"}, 1, "libc.so.6"},
       {{kHostProgram, "--plugin", kPluginPath, "--script", script}, 2, script + ":2: wait:"},
-      {{kHostProgram, "--plugin", kPluginPath, "--script", "/nonexistent"}, 2, "No such file"},
       {{kHostProgram, "--plugin", kPluginPath, "--properties", properties}, 2, ":2: 'mistake'"},
-      {{kHostProgram, "--plugin", kPluginPath, "--property", "x"}, 2, "NAME=VALUE"},
-      {{kHostProgram, "--plugin", kPluginPath, "--log-level", "9"}, 2, "range"},
   };
   for (const auto& test : cases) {
     const auto result = run(test.command);
@@ -63,16 +55,6 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
     EXPECT_THAT(result.errors + result.output, HasSubstr(test.said));
     EXPECT_THAT(result.errors, Not(HasSubstr("ready")));
   }
-}
-
-TEST_F(HostProgram, SaysItsVersionWhenAskedAndAtTheHeadOfItsLog) {
-  const auto asked = run({kHostProgram, "--version"});
-  EXPECT_TRUE(asked.status.success());
-  EXPECT_THAT(asked.output, MatchesRegex("zanhost [0-9]+\\.[0-9]+\\.[0-9]+\n"));
-
-  const auto result = run({kHostProgram, "--plugin", kPluginPath}, "quit\n");
-  const std::string firstLine = result.errors.substr(0, result.errors.find('\n') + 1);
-  EXPECT_THAT(firstLine, EndsWith(" HOST " + asked.output));
 }
 
 TEST_F(HostProgram, WarnsAtTheStartWhenIdleTimersCannotBeHad) {
@@ -121,18 +103,12 @@ TEST_F(HostProgram, StopsInOrderAlsoWhileACleanUpSleeps) {
   }
 }
 
-TEST_F(HostProgram, RunsAScriptAndReportsWrongCommandsWithoutActing) {
+TEST_F(HostProgram, RunsAScript) {
   const std::string script =
       write("# two clients\nclients 02:00:00:00:43:0A 02:00:00:00:43:0b\nstatus json\nquit\n");
   const auto result = run({kHostProgram, "--plugin", kPluginPath, "--script", script});
   EXPECT_TRUE(result.status.success()) << result.errors;
   EXPECT_THAT(result.output, HasSubstr(R"("clients":["02:00:00:00:43:0a","02:00:00:00:43:0b"])"));
-
-  const auto typed = run({kHostProgram, "--plugin", kPluginPath},
-                         "clients 02:00:00:00:43:0a\nclients x\nstatus json\nquit\n");
-  EXPECT_TRUE(typed.status.success()) << typed.errors;
-  EXPECT_THAT(typed.output, HasSubstr(R"("clients":["02:00:00:00:43:0a"])"));
-  EXPECT_THAT(typed.errors, HasSubstr("'x' is no MAC address"));
 }
 
 TEST_F(HostProgram, StopsInOrderWhateverStandardStreamIsClosed) {
@@ -142,20 +118,6 @@ TEST_F(HostProgram, StopsInOrderWhateverStandardStreamIsClosed) {
     const auto result = run({"bash", "-c", host + script + closed});
     EXPECT_TRUE(result.status.success()) << closed << ": " << result.status.text();
   }
-}
-
-TEST_F(HostProgram, StopsInOrderWhenNobodyReadsItsAnswersAndItsLog) {
-  // More lines of the log than a pipe holds, and more answers than are kept.
-  std::string script;
-  for (int i = 0; i < 500; ++i) script += "clients\n";
-  for (int i = 0; i < 1000; ++i) script += "help\n";
-  script += "quit\n";
-  const lab::HotspotNetwork network({.clients = 0, .ipv6Only = {}});
-  lab::Process host(
-      {kHostProgram, "--log-level", "0", "--plugin", kPluginPath, "--script", write(script)},
-      &network.gateway());
-  ASSERT_TRUE(host.waitFor());
-  EXPECT_TRUE(host.status().success()) << host.status().text();
 }
 
 }  // namespace

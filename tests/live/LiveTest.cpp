@@ -126,15 +126,6 @@ bool Hotspot::awaitDeletions(std::size_t count) {
   return base::eventually([&] { return host.status().deletions.deleted == count; });
 }
 
-std::vector<std::size_t> Hotspot::foundByEachScan() const {
-  std::vector<std::size_t> found;
-  for (const auto& line : host.log()) {
-    if (holds(line, "parseNfConnTrackFile: 0x")) found.push_back(0);
-    if (holds(line, "parseNfConnTrackLine: AF=")) ++found.at(found.size() - 1);
-  }
-  return found;
-}
-
 bool sameConnections(const Hotspot::Entries& a, const Hotspot::Entries& b) {
   return std::is_permutation(
       a.begin(), a.end(), b.begin(), b.end(),

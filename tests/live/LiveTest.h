@@ -73,8 +73,6 @@ class Hotspot {
   /// Waits until the kernel has confirmed |count| deletions in all. When there is nothing more to
   /// delete, the table stands still then.
   [[nodiscard]] bool awaitDeletions(std::size_t count);
-  /// How many entries each scan of the table has found so far, in order.
-  [[nodiscard]] std::vector<std::size_t> foundByEachScan() const;
 
   lab::HotspotNetwork network;
   lab::EchoServer server;
