@@ -298,28 +298,21 @@ std::string tableEntry(const std::string& client, int port, const std::string& u
          " dport=44 src=" + server + " dst=" + upstream + " sport=44 dport=" + own + " use=2\n";
 }
 
-Bytes addressBytes(const std::string& text) {
-  Bytes bytes(isIpv6(text) ? sizeof(in6_addr) : sizeof(in_addr));
-  inet_pton(isIpv6(text) ? AF_INET6 : AF_INET, text.c_str(), bytes.data());
-  return bytes;
-}
-
-Bytes neighbourMessage(std::uint8_t type, std::uint8_t family,
-                       const std::vector<std::pair<std::uint8_t, Bytes>>& attributes) {
+Bytes neighbourMessage(std::uint8_t type, const std::string& address, const Bytes& mac) {
+  const int family = isIpv6(address) ? AF_INET6 : AF_INET;
+  Bytes addressBytes(family == AF_INET6 ? sizeof(in6_addr) : sizeof(in_addr));
+  inet_pton(family, address.c_str(), addressBytes.data());
   Bytes message(sizeof(nlmsghdr) + sizeof(ndmsg));
-  for (const auto& [attribute, payload] : attributes) {
+  const auto append = [&](std::uint8_t attribute, const Bytes& payload) {
     const auto length = static_cast<std::uint8_t>(sizeof(rtattr) + payload.size());
     message.insert(message.end(), {length, 0, attribute, 0});
     message.insert(message.end(), payload.begin(), payload.end());
     message.resize((message.size() + 3) & ~std::size_t{3});
-  }
+  };
+  append(NDA_DST, addressBytes);
+  append(NDA_LLADDR, mac);
   message[0] = static_cast<std::uint8_t>(message.size());
   message[4] = type;
-  message[16] = family;
+  message[16] = static_cast<std::uint8_t>(family);
   return message;
-}
-
-Bytes neighbourMessage(std::uint8_t type, const std::string& address, const Bytes& mac) {
-  return neighbourMessage(type, isIpv6(address) ? AF_INET6 : AF_INET,
-                          {{NDA_DST, addressBytes(address)}, {NDA_LLADDR, mac}});
 }

@@ -120,12 +120,5 @@ class TableFile {
 std::string tableEntry(const std::string& client, int port,
                        const std::string& upstream = "7.7.7.7");
 
-/// The bytes of an IPv4 or IPv6 address text.
-Bytes addressBytes(const std::string& text);
-
-/// A neighbour notification with |attributes|, type and payload each.
-Bytes neighbourMessage(std::uint8_t type, std::uint8_t family,
-                       const std::vector<std::pair<std::uint8_t, Bytes>>& attributes);
-
-/// One that says that |address| belongs to |mac|.
+/// A neighbour notification that says that |address|, IPv4 or IPv6, belongs to |mac|.
 Bytes neighbourMessage(std::uint8_t type, const std::string& address, const Bytes& mac);

@@ -129,13 +129,6 @@ TEST_F(ZanConnTrackMgrTest, TracksAnInterfaceThatConnectsOnTheDefaultApn) {
   EXPECT_THAT(trackers(), ElementsAre("regFilteringStatusChgEvent w9"));
 }
 
-TEST_F(ZanConnTrackMgrTest, KeepsOneTrackerForAnInterface) {
-  startWithTrackersOnly();
-  reportInterface(ZAN_WWAN_STATUS_CONNECTED, "w9");
-  reportInterface(ZAN_WWAN_STATUS_CONNECTED, "w9");
-  EXPECT_THAT(trackers(), SizeIs(1));
-}
-
 TEST_F(ZanConnTrackMgrTest, EndsATrackerWhenItsInterfaceDisconnects) {
   startWithTrackersOnly();
   reportInterface(ZAN_WWAN_STATUS_CONNECTED, "w8");

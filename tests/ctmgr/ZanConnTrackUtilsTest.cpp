@@ -41,7 +41,7 @@ TEST(ZanConnTrackUtilsTest, ListenersMayLeaveWhileTheyAreCalledAndTheLastTakesTh
   registry.listeners = {{leave, &registry}, {leave, &registry}};
   EXPECT_EQ(registry.deRegNlSockEvents(leave, &host), 0) << "another's data: nobody leaves";
   calls = 0;
-  host.receive(kConntrackSocket, neighbourMessage(RTM_NEWNEIGH, AF_UNSPEC, {}));
+  host.receive(kConntrackSocket, neighbourMessage(RTM_NEWNEIGH, "10.0.0.1", {}));
   EXPECT_EQ(calls, 2);
   EXPECT_THAT(host.calls("~ZanNetlinkSocket 1012"), SizeIs(1));
 }

@@ -25,23 +25,7 @@ struct ZanNetlinkMgrTest : testing::Test {
     host.receive(kNeighbourSocket, neighbourMessage(RTM_DELNEIGH, address, kMacBytes));
   }
   std::string ipv4() { return neighbours.getNeighInfo(kMac).ipv4Addr; }
-  std::string ipv6() { return neighbours.getNeighInfo(kMac).ipv6Addr; }
-  /// The IPv4 texts of all entries.
-  Lines entries() {
-    Lines addresses;
-    neighbours.getNeighipv4Addresses(addresses);
-    return addresses;
-  }
 };
-
-TEST_F(ZanNetlinkMgrTest, KeepsTheLatestAddressOfEachFamily) {
-  announce("10.0.0.4");
-  announce("2001:db8::7");
-  announce("10.0.0.5");
-  EXPECT_EQ(ipv4(), "10.0.0.5");
-  EXPECT_EQ(ipv6(), "2001:0db8:0000:0000:0000:0000:0000:0007");
-  EXPECT_EQ(neighbours.getNeighInfo(kMac).macAddr, kMac);
-}
 
 TEST_F(ZanNetlinkMgrTest, LeavesOutOtherMessages) {
   host.receive(kNeighbourSocket, neighbourMessage(RTM_NEWROUTE, "10.0.0.5", kMacBytes));
@@ -60,12 +44,6 @@ TEST_F(ZanNetlinkMgrTest, ListsIpv4TextsInMacOrderBehindWhatIsThere) {
   Lines addresses = {"first"};
   neighbours.getNeighipv4Addresses(addresses);
   EXPECT_THAT(addresses, ElementsAre("first", "10.0.0.6", ""));
-}
-
-TEST_F(ZanNetlinkMgrTest, ForgetsAnEntryOnRequest) {
-  announce("10.0.0.5");
-  neighbours.delNeighInfoEntry(kMac);
-  EXPECT_THAT(entries(), SizeIs(0));
 }
 
 TEST_F(ZanNetlinkMgrTest, LogsTheStepsOfANotificationInOrder) {
