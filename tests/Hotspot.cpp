@@ -39,12 +39,9 @@ int Hotspot::stop() {
 }
 
 void Hotspot::announce(const Client& client) {
-  announce(client, client.ipv4());
-  announce(client, client.ipv6());
-}
-
-void Hotspot::announce(const Client& client, const std::string& address) {
-  host.receive(kNeighbourSocket, neighbourMessage(RTM_NEWNEIGH, address, client.macBytes()));
+  for (const std::string& address : {client.ipv4(), client.ipv6()}) {
+    host.receive(kNeighbourSocket, neighbourMessage(RTM_NEWNEIGH, address, client.macBytes()));
+  }
 }
 
 void Hotspot::arrives(const std::vector<Client>& clients) {

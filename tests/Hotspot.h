@@ -35,9 +35,8 @@ class Hotspot {
   /// The plug-in ends; returns its result once the deletions that outlive it have ended.
   int stop();
 
-  /// The kernel announces |client| under both addresses, or under |address|.
+  /// The kernel announces |client| under both addresses.
   void announce(const Client& client);
-  void announce(const Client& client, const std::string& address);
 
   /// |clients| come, all in one event; the kernel has announced them.
   void arrives(const std::vector<Client>& clients);
