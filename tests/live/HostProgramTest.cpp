@@ -76,21 +76,6 @@ TEST_F(HostProgram, WarnsAtTheStartWhenIdleTimersCannotBeHad) {
   }
 }
 
-TEST_F(HostProgram, AsksForRootInAUserNamespaceThatIsYoungerThanItsNetwork) {
-  for (std::vector<std::string> command :
-       {std::vector<std::string>{"unshare", "--user"}, {"unshare", "--user", "--map-root-user"}}) {
-    command.emplace_back("true");
-    const auto probe = run(command);
-    // Root can do without such a namespace, so this is no reason to fail.
-    if (!probe.status.success()) GTEST_SKIP() << cannotRunHere(probe.errors);
-    command.back() = kHostProgram;
-    command.insert(command.end(), {"--plugin", kPluginPath});
-    const auto result = run(command);
-    EXPECT_EQ(result.status.code, 1) << result.errors;
-    EXPECT_THAT(result.errors, HasSubstr("run as root"));
-  }
-}
-
 TEST_F(HostProgram, StopsInOrderAlsoWhileACleanUpSleeps) {
   for (const int signal : {SIGTERM, SIGINT, 0}) {
     Hotspot hotspot;
@@ -101,14 +86,6 @@ TEST_F(HostProgram, StopsInOrderAlsoWhileACleanUpSleeps) {
     EXPECT_TRUE(status.success()) << status.text();
     EXPECT_TRUE(logs(hotspot.host, "stopped: deinit_ct_mgr returned 0"));
   }
-}
-
-TEST_F(HostProgram, RunsAScript) {
-  const std::string script =
-      write("# two clients\nclients 02:00:00:00:43:0A 02:00:00:00:43:0b\nstatus json\nquit\n");
-  const auto result = run({kHostProgram, "--plugin", kPluginPath, "--script", script});
-  EXPECT_TRUE(result.status.success()) << result.errors;
-  EXPECT_THAT(result.output, HasSubstr(R"("clients":["02:00:00:00:43:0a","02:00:00:00:43:0b"])"));
 }
 
 TEST_F(HostProgram, StopsInOrderWhateverStandardStreamIsClosed) {

@@ -84,15 +84,11 @@ std::ptrdiff_t threadsOf(pid_t process) {
 
 void LiveTest::SetUp() {
   if (obstacle.empty()) return;
-  const char* ci = std::getenv("CI");
-  if (ci != nullptr && std::string(ci) == "true") FAIL() << cannotRunHere(obstacle);
-  GTEST_SKIP() << cannotRunHere(obstacle);
-}
-
-std::string cannotRunHere(std::string why) {
-  while (!why.empty() && why.back() == '\n') why.pop_back();
+  std::string why = "cannot run here: " + obstacle;
   std::replace(why.begin(), why.end(), '\n', ' ');
-  return "cannot run here: " + why;
+  const char* ci = std::getenv("CI");
+  if (ci != nullptr && std::string(ci) == "true") FAIL() << why;
+  GTEST_SKIP() << why;
 }
 
 Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> properties)

@@ -25,9 +25,6 @@ class LiveTest : public testing::Test {
   void SetUp() override;
 };
 
-/// What a skipped test says: |why|, in one line that is easily found.
-[[nodiscard]] std::string cannotRunHere(std::string why);
-
 /// Paths of the built programs.
 extern const std::string kHostProgram;
 extern const std::string kPluginPath;

@@ -1,5 +1,4 @@
-// The plug-in as a library: what unloading it, and loading it again and again, leaves behind.
-#include <malloc.h>
+// The plug-in as a library: what unloading it leaves behind.
 #include <netinet/in.h>
 #include <sched.h>
 #include <unistd.h>
@@ -28,17 +27,6 @@ bool isMapped(const std::string& library) {
   const std::string all{std::istreambuf_iterator<char>(maps), {}};
   return all.find(std::filesystem::path(library).filename()) != std::string::npos;
 }
-
-long descriptorCount() {
-  const std::filesystem::directory_iterator entries("/proc/self/fd");
-  return std::distance(begin(entries), end(entries));
-}
-
-struct Footprint {
-  bool alone = workersEnd();  ///< no worker that ends has a stack any more
-  long heapBytes = static_cast<long>(mallinfo2().uordblks);
-  long descriptors = descriptorCount();
-};
 
 TEST_F(PluginLibrary, WorksOnAndStaysMappedAfterItHasBeenUnloaded) {
   constexpr std::uint16_t kEntries = 5000;
@@ -69,34 +57,6 @@ TEST_F(PluginLibrary, WorksOnAndStaysMappedAfterItHasBeenUnloaded) {
   EXPECT_TRUE(base::eventually([] { return framework::deletionCounters().deleted == kEntries; }));
   EXPECT_TRUE(isMapped(kPluginPath));
   EXPECT_TRUE(workersEnd()) << "the clean-up wakes in the library's code";
-}
-
-TEST_F(PluginLibrary, LoadsAndUnloadsFiveHundredTimesWithoutGrowing) {
-  constexpr int kWarmUpRounds = 100;
-  constexpr int kRounds = 400;
-  // By design a round leaves the conntrack socket and, once the table was read, the stream over
-  // its descriptor: one descriptor, and on the heap the socket's object with the reference host's
-  // receive buffer (8.4 KiB) and a FILE of the C library (0.5 KiB).
-  constexpr long kLeftBehindBytes = 9216;
-  constexpr int kLeftBehindDescriptors = 1;
-  Zan host;
-  const auto round = [&] {
-    zanhost::Plugin plugin(kPluginPath);
-    ASSERT_TRUE(plugin.loaded()) << plugin.error();
-    ASSERT_EQ(plugin.start(host), 0);
-    EXPECT_EQ(plugin.start(host), -1) << "there is a manager already";
-    const ZanDsmTextList lost{"203.0.113.1"};
-    host.zanDsm.dispatchEvent(ZAN_DSM_EVENT_UPSTREAM_IP_LOST, &lost);
-    ASSERT_EQ(plugin.stop(), 0);
-    EXPECT_EQ(plugin.stop(), -1) << "there is no manager any more";
-  };
-  for (int i = 0; i < kWarmUpRounds; ++i) round();
-  const Footprint before;
-  for (int i = 0; i < kRounds; ++i) round();
-  const Footprint after;
-  ASSERT_TRUE(before.alone && after.alone);
-  EXPECT_LT(after.heapBytes - before.heapBytes, kRounds * kLeftBehindBytes);
-  EXPECT_EQ(after.descriptors - before.descriptors, kRounds * kLeftBehindDescriptors);
 }
 
 }  // namespace
