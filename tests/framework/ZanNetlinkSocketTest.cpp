@@ -10,6 +10,7 @@ namespace {
 TEST(ZanNetlinkSocket, DropsAMessageThatTheKernelDidNotSend) {
   ZanNetlinkSocket socket(NETLINK_USERSOCK, 0);
   const ZanNetlinkSocket stranger(NETLINK_USERSOCK, 0);
+  if (socket.socketFd == -1) GTEST_SKIP() << "cannot run here: the emulator has no such sockets";
   sockaddr_nl address{};
   socklen_t length = sizeof(address);
   auto* const receiver = reinterpret_cast<sockaddr*>(&address);
