@@ -16,22 +16,17 @@
 #include "refhost/framework/HostLog.h"
 
 namespace parent {
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-}  // namespace
 
 CommandServer::CommandServer(int channel, Execute execute, std::chrono::milliseconds limit)
-    : channel_(channel), execute_(std::move(execute)), limit_(limit) {}
+    : channel_(channel), execute_(std::move(execute)), limit_(limit), deadline_(limit) {}
 
 bool CommandServer::serveOne() {
-  deadline_ = Clock::now() + limit_;
+  deadline_ = base::Deadline(limit_);
   const auto command = readCommand();
   IdleTimerRule rule{};
   if (!command || !readArguments(*command, rule)) return !gone_;
   const std::int32_t result = execute_(*command, rule);
-  deadline_ = Clock::now() + limit_;
+  deadline_ = base::Deadline(limit_);
   std::int32_t closing = 0;
   if (send(result)) readInteger(closing);
   return !gone_;
@@ -139,14 +134,9 @@ bool CommandServer::send(std::int32_t value) {
 
 /// Waits for the channel; false when it is gone or the exchange's time is over.
 bool CommandServer::awaitReady(short events) {
-  for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now());
-    pollfd waiting{channel_, events, 0};
-    const int ready = left.count() <= 0 ? 0 : poll(&waiting, 1, static_cast<int>(left.count()));
-    if (ready > 0) return true;
-    if (ready == 0) return giveUp("an exchange was not completed in time");
-    if (errno != EINTR) return giveUp("it cannot be waited for");
-  }
+  if (!deadline_.over() && base::awaitReady(channel_, events, deadline_)) return true;
+  return giveUp(deadline_.over() ? "an exchange was not completed in time"
+                                 : "it cannot be waited for");
 }
 
 /// Closes the channel for both sides. Always false.

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "base/Deadline.h"
 #include "host/ZanCommands.h"
 #include "refhost/parent/IdleTimerRule.h"
 
@@ -54,7 +55,7 @@ class CommandServer {
   int channel_;
   Execute execute_;
   std::chrono::milliseconds limit_;
-  std::chrono::steady_clock::time_point deadline_;
+  base::Deadline deadline_;
   bool gone_ = false;
 };
 
