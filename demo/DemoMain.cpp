@@ -7,13 +7,10 @@
 #include "demo/DemoReport.h"
 #include "demo/IdleDemo.h"
 #include "demo/Program.h"
-#include "lab/BuiltFile.h"
 #include "lab/HostProcess.h"
 
 int main(int argc, char** argv) {
   lab::HostProcess::Options host;
-  host.program = lab::builtFile("refhost/zanhost/zanhost");
-  host.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
   int timers = 1;
   bool kernelText = false;
   const auto status =

@@ -10,13 +10,10 @@
 #include "demo/DemoReport.h"
 #include "demo/Program.h"
 #include "demo/Soak.h"
-#include "lab/BuiltFile.h"
 
 int main(int argc, char** argv) {
   constexpr int kMostMinutes = 1440;
   lab::HostProcess::Options host;
-  host.program = lab::builtFile("refhost/zanhost/zanhost");
-  host.plugin = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
   int minutes = 2;
   std::uint32_t seed = std::random_device()();
   const auto status =

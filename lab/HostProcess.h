@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/UniqueFd.h"
+#include "lab/BuiltFile.h"
 #include "lab/HostOutput.h"
 #include "lab/Process.h"
 
@@ -27,8 +28,9 @@ class NetNamespace;
 class HostProcess {
  public:
   struct Options {
-    std::string program;
-    std::string plugin;
+    /// Those of the build that the running program belongs to.
+    std::string program = builtFile("refhost/zanhost/zanhost");
+    std::string plugin = builtFile("ctmgr/vendor.libzanctmgr.so");
     /// "NAME=VALUE" each.
     std::vector<std::string> properties;
     /// Lines below this level are not logged: 0 all to 4 errors only.

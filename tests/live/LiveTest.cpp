@@ -9,7 +9,6 @@
 #include <fstream>
 #include <utility>
 
-#include "lab/BuiltFile.h"
 #include "lab/Error.h"
 #include "lab/UserNamespace.h"
 
@@ -36,8 +35,8 @@ bool holds(const lab::HostProcess::LogLine& line, const std::string& text) {
 
 }  // namespace
 
-const std::string kHostProgram = lab::builtFile("refhost/zanhost/zanhost");
-const std::string kPluginPath = lab::builtFile("ctmgr/vendor.libzanctmgr.so");
+const std::string kHostProgram = lab::HostProcess::Options().program;
+const std::string kPluginPath = lab::HostProcess::Options().plugin;
 
 int main(int argc, char** argv) {
   prepareForLiveTests();
@@ -48,8 +47,6 @@ int main(int argc, char** argv) {
 lab::HostProcess::Options hostOptions(std::vector<std::string> properties,
                                       std::vector<std::string> arguments) {
   lab::HostProcess::Options options;
-  options.program = kHostProgram;
-  options.plugin = kPluginPath;
   options.properties = std::move(properties);
   options.arguments = std::move(arguments);
   options.logLevel = 0;
