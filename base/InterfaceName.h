@@ -1,7 +1,7 @@
 // What may stand as an interface's name in a command.
 #pragma once
 
-#include <linux/if.h>
+#include <net/if.h>
 
 #include <algorithm>
 #include <cctype>

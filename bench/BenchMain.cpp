@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int kFailed = 1;
+constexpr int kExitFailed = 1;
 constexpr char kInstructions[] = "instructions";
 
 struct Subject {
@@ -91,7 +91,7 @@ int measure(const Arguments& arguments) {
   const bool missed = report.conclude() > 0;
   if (!arguments.json.empty()) report.writeJson(arguments.json);
   if (!arguments.plotData.empty()) report.writePlotData(arguments.plotData);
-  return report.complete() && !(missed && arguments.instructions) ? 0 : kFailed;
+  return report.complete() && !(missed && arguments.instructions) ? 0 : kExitFailed;
 }
 
 }  // namespace
@@ -111,6 +111,6 @@ int main(int argc, char** argv) {
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "zanbench: %s\n", error.what());
-    return kFailed;
+    return kExitFailed;
   }
 }

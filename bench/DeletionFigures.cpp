@@ -17,7 +17,7 @@
 namespace bench {
 namespace {
 
-constexpr std::size_t kEntries = 20000;
+constexpr std::size_t kDeletions = 20000;
 
 /// As many bytes as the kernel gets.
 using Request = std::vector<unsigned char>;
@@ -46,18 +46,18 @@ template <typename Work>
 double deletionRate(BenchTable& table, Work work) {
   const std::uint64_t before = framework::deletionCounters().deleted;
   const double seconds = secondsOf(work);
-  if (framework::deletionCounters().deleted - before != kEntries) {
+  if (framework::deletionCounters().deleted - before != kDeletions) {
     throw lab::Error("a deletion left entries in the table");
   }
   table.refill(0);
-  return kEntries / seconds;
+  return kDeletions / seconds;
 }
 
 }  // namespace
 
 void measureDeletions(const Options& options, Report& report) {
-  BenchTable table({kEntries, 1, Families::kIpv4});
-  auto records = Scanner<>().scan(controlOf(BenchTable::client(0)), kEntries).v4;
+  BenchTable table({kDeletions, 1, Families::kIpv4});
+  auto records = Scanner<>().scan(controlOf(BenchTable::client(0)), kDeletions).v4;
   std::vector<Request> requests;
   for (const auto& record : records) requests.push_back(requestFor(record));
   Zan zan;

@@ -106,9 +106,9 @@ void measureScans(const Options& options, Report& report) {
 }
 
 void measureReads(const Options& options, Report& report) {
-  constexpr std::size_t kEntries = 10000;
-  constexpr double kPerEntry = 1e6 / kEntries;
-  const BenchTable table({kEntries, 100});
+  constexpr std::size_t kTableSize = 10000;
+  constexpr double kPerEntry = 1e6 / kTableSize;
+  const BenchTable table({kTableSize, 100});
   const auto control = controlOf(BenchTable::client(BenchTable::kLoneClient));
   const std::size_t expected = table.entriesOf(BenchTable::kLoneClient);
   Scanner<SmallReadsParser> small;
@@ -118,7 +118,7 @@ void measureReads(const Options& options, Report& report) {
       [&] { return own.scan(control, expected).seconds; });
   // Before 6.16 each read of the table starts with a walk from its head.
   const bool judged = !lab::kernelIsAtLeast(6, 16);
-  report.add({fmt::format("scan of {} on kernel {}, 4096-byte reads", grouped(kEntries),
+  report.add({fmt::format("scan of {} on kernel {}, 4096-byte reads", grouped(kTableSize),
                           lab::kernelRelease()),
               "the same scan with 1024-byte reads", result.ratio, "x",
               judged ? std::optional(atLeast(2.5)) : std::nullopt,

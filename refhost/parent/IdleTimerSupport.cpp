@@ -19,9 +19,9 @@ namespace {
 constexpr IdleTimerRule kTrial{IdleTimerRule::Direction::kOutgoing, 1, {"zan-trial"}};
 
 constexpr char kNotKnown[] = "whether idle timers will work is not known: ";
-constexpr char kPrograms[] =
+constexpr char kMissingPrograms[] =
     "; iptables and ip6tables, with the target IDLETIMER, are in the package iptables";
-constexpr char kModule[] =
+constexpr char kMissingModule[] =
     "; the kernel's part is the module xt_IDLETIMER (CONFIG_NETFILTER_XT_TARGET_IDLETIMER), which "
     "Debian's linux-image packages have";
 
@@ -36,8 +36,8 @@ std::string tryRule() {
   Firewall firewall([&](const std::string& complaint) { said += complaint; });
   const int result = firewall.add(kTrial);
   if (result != 0) {
-    return "idle timers will not work, everything else does: " + said + kPrograms +
-           (result == Firewall::kNotRun ? "" : kModule);
+    return "idle timers will not work, everything else does: " + said + kMissingPrograms +
+           (result == Firewall::kNotRun ? "" : kMissingModule);
   }
   firewall.remove(kTrial);
   return {};

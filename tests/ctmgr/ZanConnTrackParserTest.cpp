@@ -25,7 +25,7 @@ struct Parser : ZanConnTrackParser {
 const std::string kClient = "10.0.0.5";
 const std::string kClient6 = "2001:0db8:0000:0000:0000:0000:0000:0005";
 const std::string kOther = "10.0.0.6";
-const std::string kBrokenLine = kClient + "\n";  ///< ends a scan
+const std::string kUnreadableLine = kClient + "\n";  ///< ends a scan
 
 /// A line of |length| bytes that concerns nobody.
 std::string filler(std::size_t length) {
@@ -62,7 +62,7 @@ struct ZanConnTrackParserTest : testing::Test {
 };
 
 TEST_F(ZanConnTrackParserTest, EveryScanSeesTheTableAsItIsNow) {
-  table.write(tableEntry(kClient, 11) + kBrokenLine + filler(2000));
+  table.write(tableEntry(kClient, 11) + kUnreadableLine + filler(2000));
   EXPECT_THAT(scan(), ElementsAre(11)) << "what follows is not used up";
   table.write(tableEntry(kClient, 12));
   EXPECT_THAT(scan(), ElementsAre(12));
@@ -89,7 +89,7 @@ TEST_F(ZanConnTrackParserTest, AReadingAnswersNoLaterQuestion) {
 
 TEST_F(ZanConnTrackParserTest, ABrokenLineEndsNoOtherScanOfTheSameReading) {
   TableQuestion event = sharedQuestion();
-  table.write(tableEntry(kClient, 11) + kBrokenLine + tableEntry(kClient, 12) +
+  table.write(tableEntry(kClient, 11) + kUnreadableLine + tableEntry(kClient, 12) +
               tableEntry(kOther, 13));
   EXPECT_THAT(scan(event), ElementsAre(11));
   EXPECT_THAT(scan(event, kOther), ElementsAre(13));

@@ -19,9 +19,9 @@ using testing::SizeIs;
 
 constexpr int kTableFd = 901;
 
-struct Utils : ZanConnTrackUtils {
-  explicit Utils(Zan& zan) : ZanConnTrackUtils(zan) { connTrackFd = kTableFd; }
-  ~Utils() { connTrackFd = -1; }
+struct TableUtils : ZanConnTrackUtils {
+  explicit TableUtils(Zan& zan) : ZanConnTrackUtils(zan) { connTrackFd = kTableFd; }
+  ~TableUtils() { connTrackFd = -1; }
   using ZanConnTrackUtils::connTrackFd;
 };
 struct Tracker : ZanIfConnTracker {
@@ -32,7 +32,7 @@ struct Tracker : ZanIfConnTracker {
 
 struct ZanIfConnTrackerTest : testing::Test {
   RecordingHost host;
-  Utils utils{host.zan};
+  TableUtils utils{host.zan};
   std::unique_ptr<Tracker> tracker;
 
   void SetUp() override {
