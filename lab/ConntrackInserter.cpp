@@ -7,9 +7,7 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
-#include <netinet/icmp6.h>
 #include <netinet/in.h>
-#include <netinet/ip_icmp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -28,33 +26,11 @@ constexpr std::size_t kBatch = 64;
 /// More than the longest request: TCP over IPv6.
 constexpr std::size_t kMostBytes = 512;
 
-bool isIcmp(std::uint8_t protocol) {
-  return protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6;
-}
-
-void putIcmp(nlmsghdr* message, std::uint8_t protocol, std::uint16_t identifier,
-             std::uint16_t direction) {
-  const bool request = direction == CTA_TUPLE_ORIG;
-  if (protocol == IPPROTO_ICMP) {
-    mnl_attr_put_u8(message, CTA_PROTO_ICMP_TYPE, request ? ICMP_ECHO : ICMP_ECHOREPLY);
-    mnl_attr_put_u8(message, CTA_PROTO_ICMP_CODE, 0);
-    mnl_attr_put_u16(message, CTA_PROTO_ICMP_ID, htons(identifier));
-    return;
-  }
-  mnl_attr_put_u8(message, CTA_PROTO_ICMPV6_TYPE, request ? ICMP6_ECHO_REQUEST : ICMP6_ECHO_REPLY);
-  mnl_attr_put_u8(message, CTA_PROTO_ICMPV6_CODE, 0);
-  mnl_attr_put_u16(message, CTA_PROTO_ICMPV6_ID, htons(identifier));
-}
-
 // |direction| { CTA_TUPLE_IP { source, destination }, CTA_TUPLE_PROTO { number, ports } }
 void putTuple(nlmsghdr* message, std::uint16_t direction, const ConntrackTuple& tuple,
-              std::uint8_t protocol, std::uint16_t icmpIdentifier) {
+              std::uint8_t protocol) {
   const SocketAddress source(tuple.source);
   const SocketAddress destination(tuple.destination);
-  if (source.family() != destination.family()) {
-    throw Error("a conntrack tuple with addresses of two families: " + tuple.source + " and " +
-                tuple.destination);
-  }
   const bool ipv4 = source.family() == AF_INET;
   nlattr* const outer = mnl_attr_nest_start(message, direction);
 
@@ -66,12 +42,8 @@ void putTuple(nlmsghdr* message, std::uint16_t direction, const ConntrackTuple& 
 
   nlattr* const transport = mnl_attr_nest_start(message, CTA_TUPLE_PROTO);
   mnl_attr_put_u8(message, CTA_PROTO_NUM, protocol);
-  if (isIcmp(protocol)) {
-    putIcmp(message, protocol, icmpIdentifier, direction);
-  } else {
-    mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(tuple.sourcePort));
-    mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(tuple.destinationPort));
-  }
+  mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(tuple.sourcePort));
+  mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(tuple.destinationPort));
   mnl_attr_nest_end(message, transport);
 
   mnl_attr_nest_end(message, outer);
@@ -93,15 +65,13 @@ nlmsghdr* putHeader(char* room, std::uint16_t message, int family) {
 
 // nlmsghdr | nfgenmsg | CTA_TUPLE_ORIG | CTA_TUPLE_REPLY | CTA_STATUS | CTA_TIMEOUT
 //   and for TCP CTA_PROTOINFO { CTA_PROTOINFO_TCP { CTA_PROTOINFO_TCP_STATE } }
-std::size_t putEntry(char* room, const ConntrackInserter::Entry& entry, std::size_t sequence) {
-  const std::uint16_t identifier = entry.original.sourcePort;
+std::size_t putEntry(char* room, const ConntrackInserter::Entry& entry) {
   nlmsghdr* const message =
       putHeader(room, IPCTNL_MSG_CT_NEW, SocketAddress(entry.original.source).family());
   message->nlmsg_flags |= NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
-  message->nlmsg_seq = static_cast<std::uint32_t>(sequence);
-  putTuple(message, CTA_TUPLE_ORIG, entry.original, entry.protocol, identifier);
-  putTuple(message, CTA_TUPLE_REPLY, entry.reply.value_or(mirrored(entry.original)), entry.protocol,
-           identifier);
+  putTuple(message, CTA_TUPLE_ORIG, entry.original, entry.protocol);
+  putTuple(message, CTA_TUPLE_REPLY, entry.reply.value_or(mirrored(entry.original)),
+           entry.protocol);
   mnl_attr_put_u32(message, CTA_STATUS, htonl(IPS_CONFIRMED | IPS_SEEN_REPLY | IPS_ASSURED));
   mnl_attr_put_u32(message, CTA_TIMEOUT, htonl(entry.timeoutSeconds));
   if (entry.protocol == IPPROTO_TCP) {
@@ -112,14 +82,6 @@ std::size_t putEntry(char* room, const ConntrackInserter::Entry& entry, std::siz
     mnl_attr_nest_end(message, info);
   }
   return message->nlmsg_len;
-}
-
-Error refusal(const ConntrackInserter::Entry& entry, int error) {
-  return systemError(
-      "the kernel refuses the conntrack entry protocol " + std::to_string(entry.protocol) + " " +
-          entry.original.source + " port " + std::to_string(entry.original.sourcePort) + " -> " +
-          entry.original.destination + " port " + std::to_string(entry.original.destinationPort),
-      error);
 }
 
 }  // namespace
@@ -134,23 +96,24 @@ ConntrackInserter::ConntrackInserter(const NetNamespace& where)
   mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, &on, sizeof on);
 }
 
-void ConntrackInserter::insert(const std::vector<Entry>& entries) {
-  for (std::size_t begin = 0; begin < entries.size(); begin += kBatch) {
-    insertBatch(entries, begin, std::min(begin + kBatch, entries.size()));
+void ConntrackInserter::insert(std::span<const Entry> entries) {
+  while (!entries.empty()) {
+    const auto batch = entries.first(std::min(kBatch, entries.size()));
+    insertBatch(batch);
+    entries = entries.subspan(batch.size());
   }
 }
 
 // The kernel has worked through the whole batch when sendto() returns, and answers each message.
-void ConntrackInserter::insertBatch(const std::vector<Entry>& entries, std::size_t begin,
-                                    std::size_t end) {
+void ConntrackInserter::insertBatch(std::span<const Entry> batch) {
   alignas(nlmsghdr) std::array<char, kBatch * kMostBytes> requests{};
   std::size_t size = 0;
-  for (std::size_t i = begin; i < end; ++i) size += putEntry(&requests.at(size), entries[i], i);
+  for (const Entry& entry : batch) size += putEntry(&requests.at(size), entry);
   if (mnl_socket_sendto(socket_.get(), requests.data(), size) < 0) {
     throw systemError("cannot send conntrack entries to the kernel");
   }
-  std::optional<Error> failure;
-  for (std::size_t seen = begin; seen < end;) {
+  int failure = 0;
+  for (std::size_t seen = 0; seen < batch.size();) {
     alignas(nlmsghdr) std::array<char, 8192> answers{};
     const ssize_t got = mnl_socket_recvfrom(socket_.get(), answers.data(), answers.size());
     if (got < 0) throw systemError("no acknowledgement of a conntrack entry");
@@ -159,10 +122,10 @@ void ConntrackInserter::insertBatch(const std::vector<Entry>& entries, std::size
     for (const auto* header = static_cast<const nlmsghdr*>(at); mnl_nlmsg_ok(header, left);
          header = mnl_nlmsg_next(header, &left), ++seen) {
       const int error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(header))->error;
-      if (error != 0 && !failure) failure = refusal(entries.at(header->nlmsg_seq), -error);
+      if (error != 0) failure = -error;
     }
   }
-  if (failure) throw Error(*failure);
+  if (failure != 0) throw systemError("the kernel refuses a conntrack entry", failure);
 }
 
 // A deletion that names no entry is one of all; without an acknowledgement asked for, the kernel

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <vector>
+#include <span>
 
 #include "lab/ConntrackTable.h"
 
@@ -19,9 +19,7 @@ class NetNamespace;
 class ConntrackInserter {
  public:
   struct Entry {
-    /// An IPPROTO_ value. ICMP and ICMPv6 entries are echo requests with the identifier
-    /// |original.sourcePort|; protocols the kernel does not know have no ports, whatever the
-    /// tuple says.
+    /// IPPROTO_TCP or IPPROTO_UDP.
     std::uint8_t protocol = 0;
     ConntrackTuple original;
     /// Without a value the mirror image of |original|: no address translation.
@@ -33,16 +31,15 @@ class ConntrackInserter {
   explicit ConntrackInserter(const NetNamespace& where);
 
   /// Inserts |entries| in order; each one is acknowledged by the kernel when this returns. TCP
-  /// entries are ESTABLISHED. Throws Error for the first entry that the kernel refuses (an equal
-  /// one exists, say) or whose addresses are of two families or none; others of the same batch,
-  /// before or after it, may be in the table then. Any one thread.
-  void insert(const std::vector<Entry>& entries);
+  /// entries are ESTABLISHED. Throws Error when the kernel refuses one (an equal one exists, say);
+  /// others may be in the table then. Any one thread.
+  void insert(std::span<const Entry> entries);
 
   /// Empties the table. Throws Error.
   void removeAll();
 
  private:
-  void insertBatch(const std::vector<Entry>& entries, std::size_t begin, std::size_t end);
+  void insertBatch(std::span<const Entry> batch);
 
   std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_;
 };
