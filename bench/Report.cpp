@@ -2,6 +2,7 @@
 #include "bench/Report.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -25,12 +26,20 @@ constexpr char kReached[] = "ok";
 constexpr char kMissed[] = "MISSED";
 constexpr char kUnresolved[] = "unresolved";  ///< the target lies between the quartiles
 
-const char* verdict(const Target& target, const Spread& value) {
-  const auto reachedBy = [&](double figure) {
-    return target.bound == Target::Bound::kAtMost ? figure <= target.value : figure >= target.value;
+/// Empty for a figure without a target.
+std::string verdict(const Figure& figure) {
+  if (!figure.target) return "";
+  const auto reachedBy = [&target = *figure.target](double value) {
+    return target.bound == Target::Bound::kAtMost ? value <= target.value : value >= target.value;
   };
-  if (reachedBy(value.low) != reachedBy(value.high)) return kUnresolved;
-  return reachedBy(value.median) ? kReached : kMissed;
+  if (reachedBy(figure.value.low) != reachedBy(figure.value.high)) return kUnresolved;
+  return reachedBy(figure.value.median) ? kReached : kMissed;
+}
+
+std::string targetText(const std::optional<Target>& target) {
+  if (!target) return "-";
+  const bool most = target->bound == Target::Bound::kAtMost;
+  return fmt::format("{} {:g}", most ? "at most" : "at least", target->value);
 }
 
 Json jsonOf(const Figure& figure) {
@@ -38,24 +47,11 @@ Json jsonOf(const Figure& figure) {
             {"unit", figure.unit},     {"median", figure.value.median},
             {"low", figure.value.low}, {"high", figure.value.high},
             {"detail", figure.detail}};
-  if (const auto& target = figure.target) {
-    json["target"] = {{"bound", target->bound == Target::Bound::kAtMost ? "at most" : "at least"},
-                      {"value", target->value}};
-    json["verdict"] = verdict(*target, figure.value);
-  }
-  if (!figure.plotLine.empty()) {
-    json["line"] = figure.plotLine;
-    json["entries"] = figure.entries;
+  if (figure.target) {
+    json["target"] = targetText(figure.target);
+    json["verdict"] = verdict(figure);
   }
   return json;
-}
-
-/// The texts and numbers of |json|'s fields.
-std::string text(const Json& json, const char* field) {
-  return json.value(field, "");
-}
-double number(const Json& json, const char* field) {
-  return json.at(field).get<double>();
 }
 
 std::string processor() {
@@ -80,34 +76,13 @@ Report::Report() {
 }
 
 void Report::add(const Figure& figure) {
-  take(jsonOf(figure));
-}
-
-void Report::take(Json figure) {
-  const std::string unit = text(figure, "unit");
-  std::string target = "-";
-  if (figure.contains("target")) {
-    const Json& json = figure.at("target");
-    target = fmt::format("{} {:g}", text(json, "bound"), number(json, "value"));
-  }
-  fmt::print(kRow, text(figure, "name"),
-             fmt::format("{:.4g}{}", number(figure, "median"), unit == "x" ? "" : " " + unit),
-             fmt::format("{:.4g}..{:.4g}", number(figure, "low"), number(figure, "high")), target,
-             text(figure, "verdict"), text(figure, "detail"));
+  const Spread& value = figure.value;
+  fmt::print(kRow, figure.name,
+             fmt::format("{:.4g}{}", value.median, figure.unit == "x" ? "" : " " + figure.unit),
+             fmt::format("{:.4g}..{:.4g}", value.low, value.high), targetText(figure.target),
+             verdict(figure), figure.detail);
   std::fflush(stdout);
-  figures_.push_back(std::move(figure));
-}
-
-void Report::merge(const std::string& path) {
-  try {
-    const Json run = Json::parse(std::ifstream(path));
-    for (Json figure : run.at("figures")) {
-      figure["detail"] = text(figure, "detail") + "; " + text(run.at("machine"), "architecture");
-      take(std::move(figure));
-    }
-  } catch (const Json::exception& error) {
-    throw lab::Error("cannot read the figures in " + path + ": " + error.what());
-  }
+  figures_.push_back(figure);
 }
 
 void Report::fail(const std::string& subject, const std::string& why) {
@@ -117,7 +92,7 @@ void Report::fail(const std::string& subject, const std::string& why) {
 
 int Report::conclude() const {
   std::map<std::string, int> verdicts;
-  for (const Json& figure : figures_) ++verdicts[text(figure, "verdict")];
+  for (const Figure& figure : figures_) ++verdicts[verdict(figure)];
   fmt::print("targets: {} reached, {} unresolved, {} missed{}\n", verdicts[kReached],
              verdicts[kUnresolved], verdicts[kMissed],
              complete_ ? "" : "; not everything could be measured");
@@ -127,24 +102,23 @@ int Report::conclude() const {
 void Report::writeJson(const std::string& path) const {
   utsname system{};
   uname(&system);
-  const Json all{{"machine",
-                  {{"processor", processor()},
-                   {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
-                   {"kernel", lab::kernelRelease()},
-                   {"architecture", system.machine}}},
-                 {"figures", figures_}};
+  Json all{{"machine",
+            {{"processor", processor()},
+             {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
+             {"kernel", lab::kernelRelease()},
+             {"architecture", system.machine}}}};
+  for (const Figure& figure : figures_) all["figures"].push_back(jsonOf(figure));
   writeFile(path, all.dump(2) + '\n');
 }
 
 void Report::writePlotData(const std::string& path) const {
   std::map<std::string, std::string> lines;
-  for (const Json& figure : figures_) {
-    if (!figure.contains("line")) continue;
-    const double target =
-        figure.contains("target") ? number(figure.at("target"), "value") : std::nan("");
-    lines[text(figure, "line")] +=
-        fmt::format("{} {} {} {} {}\n", number(figure, "entries"), number(figure, "median"),
-                    number(figure, "low"), number(figure, "high"), target);
+  for (const Figure& figure : figures_) {
+    if (figure.plotLine.empty()) continue;
+    const Spread& value = figure.value;
+    lines[figure.plotLine] +=
+        fmt::format("{} {} {} {} {}\n", figure.entries, value.median, value.low, value.high,
+                    figure.target ? figure.target->value : std::nan(""));
   }
   std::string data;
   for (const auto& [name, points] : lines) {

@@ -1,11 +1,10 @@
-// Every figure of a run: a row of the table, an object in the JSON file.
+// Every figure of a run: a row of the table, an object in the JSON file, a point of the plot.
 #pragma once
-
-#include <nlohmann/json.hpp>
 
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "bench/Measure.h"
 
@@ -44,10 +43,6 @@ class Report {
   /// Prints |figure| as a row and keeps it.
   void add(const Figure& figure);
 
-  /// Adds the figures of another run, from the JSON file it wrote; each tells that machine's
-  /// architecture. Throws lab::Error.
-  void merge(const std::string& path);
-
   /// Prints and remembers that the rest of |subject| could not be measured, and |why|.
   void fail(const std::string& subject, const std::string& why);
 
@@ -65,9 +60,7 @@ class Report {
   void writePlotData(const std::string& path) const;
 
  private:
-  void take(nlohmann::ordered_json figure);
-
-  nlohmann::ordered_json figures_ = nlohmann::ordered_json::array();
+  std::vector<Figure> figures_;
   bool complete_ = true;
 };
 
