@@ -38,7 +38,8 @@ Request requestFor(const ZanConnTrackFilter_s& record) {
   nlmsghdr* message = messageIn(request.data());
   fillDeleteHeader(message, AF_INET, 1);
   if (!appendTuple(message, tuple)) throw lab::Error("a delete request does not fit");
-  return {request.begin(), request.begin() + message->nlmsg_len};
+  request.resize(message->nlmsg_len);
+  return request;
 }
 
 /// Deletions a second of |work|, which is to delete all of |table|.
