@@ -27,17 +27,17 @@ nlmsghdr* messageIn(unsigned char* bytes) {
 }
 
 Request requestFor(const ZanConnTrackFilter_s& record) {
-  ConntrackTuple tuple{};
+  ctmgr::ConntrackTuple tuple{};
   std::memcpy(tuple.src, record.src, sizeof(tuple.src));
   std::memcpy(tuple.dst, record.dest, sizeof(tuple.dst));
   tuple.l3protonum = AF_INET;
   tuple.protonum = static_cast<std::uint8_t>(record.protocol);
   tuple.srcPrt = htons(record.sport);
   tuple.dstPrt = htons(record.dport);
-  Request request(DELETE_MSG_MAX_LEN);
+  Request request(ctmgr::DELETE_MSG_MAX_LEN);
   nlmsghdr* message = messageIn(request.data());
-  fillDeleteHeader(message, AF_INET, 1);
-  if (!appendTuple(message, tuple)) throw lab::Error("a delete request does not fit");
+  ctmgr::fillDeleteHeader(message, AF_INET, 1);
+  if (!ctmgr::appendTuple(message, tuple)) throw lab::Error("a delete request does not fit");
   request.resize(message->nlmsg_len);
   return request;
 }

@@ -87,7 +87,7 @@ class SmallReadsParser : public ZanConnTrackParser {
 
   int setPrivilegeParams(int fd) {
     const int result = ZanConnTrackParser::setPrivilegeParams(fd);
-    const ReadingTurn turn(turns, ReadingTurns::Asker::kEvent);
+    const ctmgr::ReadingTurn turn(turns, ctmgr::ReadingTurns::Asker::kEvent);
     if (stream != nullptr) std::setvbuf(stream, smallBuffer_.data(), _IOFBF, smallBuffer_.size());
     return result;
   }

@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 
+namespace ctmgr {
+
 /// |a| - |b|; aborts on underflow.
 [[nodiscard]] inline unsigned int checkedSub(unsigned int a, unsigned int b) {
   unsigned int result = 0;
@@ -22,3 +24,5 @@
 [[nodiscard]] inline unsigned int checkedAlign4(unsigned int length) {
   return checkedAdd(length, 3U) & ~3U;
 }
+
+}  // namespace ctmgr

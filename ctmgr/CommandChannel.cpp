@@ -5,6 +5,8 @@
 #include "ctmgr/Log.h"
 #include "host/Agreement.h"
 
+namespace ctmgr {
+
 namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_MGR;
@@ -57,3 +59,5 @@ bool CommandChannel::receive(std::int32_t& value) {
   if (count == sizeof(received)) value = received;
   return true;
 }
+
+}  // namespace ctmgr

@@ -6,6 +6,8 @@
 
 #include "host/ZanCommands.h"
 
+namespace ctmgr {
+
 /// Thread: event thread, which each exchange blocks until the parent has answered.
 class CommandChannel {
  public:
@@ -25,3 +27,5 @@ class CommandChannel {
 
   int channel_;
 };
+
+}  // namespace ctmgr

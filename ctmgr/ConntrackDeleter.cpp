@@ -6,6 +6,8 @@
 
 #include "ctmgr/Log.h"
 
+namespace ctmgr {
+
 namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_MGR;
@@ -61,3 +63,5 @@ bool ConntrackDeleter::send(const ConntrackTuple& tuple) {
   conntrackSocket->sendConntrackNetlinkMsg(msg);
   return true;
 }
+
+}  // namespace ctmgr

@@ -9,6 +9,8 @@
 #include "ctmgr/ZanConnTrackFilter.h"
 #include "host/ZanNetlinkSocket.h"
 
+namespace ctmgr {
+
 /// All that a deletion worker needs once it has its lists. The manager and its workers share it,
 /// and it outlives the manager with the last of them.
 ///
@@ -29,3 +31,5 @@ struct ConntrackDeleter {
   /// Sequence number of the last request; consecutive whatever the worker.
   std::atomic<std::uint32_t> deleteSeq{0};
 };
+
+}  // namespace ctmgr

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+namespace ctmgr {
+
 // Each reader takes where to read and returns where it ended, or null if the text has something
 // else there.
 namespace {
@@ -236,3 +238,5 @@ bool readExpandedAddress(const char* text, std::uint8_t* address) {
   const char* end = readExpanded(text, address);
   return end != nullptr && *end == '\0';
 }
+
+}  // namespace ctmgr

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+namespace ctmgr {
+
 /// The tokens that begin a line. A token that is longer than its buffer is cut there, and what is
 /// left of it is read as the next one: the kernel's own tokens all fit.
 struct LineStart {
@@ -62,3 +64,5 @@ class NormalAddress {
 /// Reads |text| into 16 bytes if it is an expanded IPv6 address: eight groups of four lower-case
 /// hexadecimal digits. Otherwise returns false, |address| being undefined.
 [[nodiscard]] bool readExpandedAddress(const char* text, std::uint8_t* address);
+
+}  // namespace ctmgr

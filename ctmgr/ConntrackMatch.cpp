@@ -7,6 +7,8 @@
 #include "ctmgr/Log.h"
 #include "ctmgr/ZanConnTrackUtils.h"
 
+namespace ctmgr {
+
 namespace {
 
 constexpr int kModule = ZAN_LOG_MODULE_CT_NET;
@@ -167,3 +169,5 @@ LineResult matchLoss(const char* line, const NormalAddress& client, const std::s
   fillRecord(kind, replySource, destination, out);
   return kLineMatched;
 }
+
+}  // namespace ctmgr

@@ -6,6 +6,8 @@
 #include "ctmgr/ConntrackLine.h"
 #include "ctmgr/ZanConnTrackFilter.h"
 
+namespace ctmgr {
+
 enum LineResult : int {
   kLineMatched = 1,
   kLineNotOfInterest = -10,  ///< family or protocol not handled, or another address
@@ -29,3 +31,5 @@ LineResult matchClient(const char* line, const ClientAddresses& client, ZanConnT
 /// reads exactly |lostAddress|. Fills |out| on kLineMatched only.
 LineResult matchLoss(const char* line, const NormalAddress& client, const std::string& lostAddress,
                      ZanConnTrackFilter_s& out);
+
+}  // namespace ctmgr

@@ -17,8 +17,12 @@
 /// The line with which the main objects announce construction, destruction and a few entries.
 #define ZAN_LOG_ENTRY(module, signature, line) ZAN_LOG(module, kLogTrace, "%s:%d", signature, line)
 
+namespace ctmgr {
+
 /// The 32-bit word that a "0x%x" conversion shows of a pointer: all of it on the target, the low
 /// half on 64-bit machines.
 [[nodiscard]] inline std::uint32_t logWord(const void* pointer) {
   return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pointer));
 }
+
+}  // namespace ctmgr

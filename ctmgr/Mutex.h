@@ -19,6 +19,8 @@
 #define ZAN_ACQUIRE(...) ZAN_THREAD_SAFETY(acquire_capability(__VA_ARGS__))
 #define ZAN_RELEASE() ZAN_THREAD_SAFETY(release_capability())
 
+namespace ctmgr {
+
 /// Thread: any, like all in this file.
 class ZAN_CAPABILITY("mutex") Mutex {
  public:
@@ -56,3 +58,5 @@ class Condition {
  private:
   std::condition_variable condition_;
 };
+
+}  // namespace ctmgr

@@ -10,6 +10,8 @@
 #include "ctmgr/CheckedArithmetic.h"
 #include "ctmgr/Log.h"
 
+namespace ctmgr {
+
 namespace {
 
 constexpr unsigned int kHeaderLength = sizeof(nlattr);
@@ -108,3 +110,5 @@ bool appendTuple(nlmsghdr* msg, const ConntrackTuple& tuple) {
   closeNest(msg, nestOrig);
   return true;
 }
+
+}  // namespace ctmgr

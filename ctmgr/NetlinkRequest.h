@@ -16,6 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace ctmgr {
+
 /// Size of a delete request's buffer and the limit of every append, in bytes.
 inline constexpr unsigned int DELETE_MSG_MAX_LEN = 4096;
 
@@ -47,3 +49,5 @@ void fillDeleteHeader(nlmsghdr* msg, std::uint8_t family, std::uint32_t sequence
 
 /// Appends |tuple| to |msg|, a buffer as above. False, with log lines, when it does not fit.
 [[nodiscard]] bool appendTuple(nlmsghdr* msg, const ConntrackTuple& tuple);
+
+}  // namespace ctmgr

@@ -1,5 +1,7 @@
 #include "ctmgr/ReadingTurns.h"
 
+namespace ctmgr {
+
 void ReadingTurns::begin(Asker asker) {
   const MutexLock lock(mutex_);
   if (asker == Asker::kEvent) {
@@ -24,3 +26,5 @@ unsigned int ReadingTurns::waiting() {
   const MutexLock lock(mutex_);
   return eventsWaiting_ + cleanUpsWaiting_;
 }
+
+}  // namespace ctmgr

@@ -3,6 +3,8 @@
 
 #include "ctmgr/Mutex.h"
 
+namespace ctmgr {
+
 /// One flush at a time reads the table. An event that asks for a turn waits for the reading that
 /// goes on, and for no other: clean-ups let it pass.
 ///
@@ -40,3 +42,5 @@ class ZAN_SCOPED_CAPABILITY ReadingTurn {
  private:
   ReadingTurns& turns_;
 };
+
+}  // namespace ctmgr

@@ -8,6 +8,8 @@
 
 #include "ctmgr/ReadingTurns.h"
 
+namespace ctmgr {
+
 /// The whole table as it was read once, in the pieces that fgets(3) gave.
 using TableText = std::vector<std::string>;
 
@@ -30,3 +32,5 @@ struct TableQuestion {
   std::shared_ptr<const TableText> text;
   const void* stream = nullptr;
 };
+
+}  // namespace ctmgr

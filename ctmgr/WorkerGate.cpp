@@ -1,5 +1,7 @@
 #include "ctmgr/WorkerGate.h"
 
+namespace ctmgr {
+
 WorkerGate::Pass WorkerGate::hold() {
   const MutexLock lock(mutex_);
   ++passes_;
@@ -23,3 +25,5 @@ void WorkerGate::leave() {
   const MutexLock lock(mutex_);
   if (--passes_ == 0) lastPassBack_.notifyAll();
 }
+
+}  // namespace ctmgr

@@ -6,6 +6,8 @@
 
 #include "ctmgr/Mutex.h"
 
+namespace ctmgr {
+
 /// Shared by a manager and its workers, and outlives the manager with the last of them. A worker
 /// touches the manager only while it holds a Pass; the manager's destructor closes the gate and
 /// waits for the passes that are out. None is held over a sleep or a call of the netlink socket.
@@ -48,3 +50,5 @@ class WorkerGate : public std::enable_shared_from_this<WorkerGate> {
   unsigned int passes_ ZAN_GUARDED_BY(mutex_) = 0;
   bool closed_ ZAN_GUARDED_BY(mutex_) = false;
 };
+
+}  // namespace ctmgr

@@ -82,7 +82,7 @@ ZanConnTrackMgr::~ZanConnTrackMgr() {
 void ZanConnTrackMgr::dsmEventHandler(ZanDsmEvent event, const void* evtData, void* cbData) {
   if (evtData == nullptr || cbData == nullptr || cbData != gConnTrackMgr) {
     ZAN_LOG(kModule, kLogWarning, "Incorrect info passed evtData:0x%x cbData:0x%x myself:0x%x",
-            logWord(evtData), logWord(cbData), logWord(gConnTrackMgr));
+            ctmgr::logWord(evtData), ctmgr::logWord(cbData), ctmgr::logWord(gConnTrackMgr));
     return;
   }
   ZAN_LOG(kModule, kLogTrace, "ZanConnTrackMgr::dsmEventHandler event: %d", event);
@@ -178,7 +178,7 @@ void ZanConnTrackMgr::listenFilterTimerExpHdlr(const void* eventData, std::strin
 }
 
 int ZanConnTrackMgr::readSapConnTrackProperty() {
-  return readNumberProperty(kDisableProperty);
+  return ctmgr::readNumberProperty(kDisableProperty);
 }
 
 bool ZanConnTrackMgr::flushesEnabled() const {
@@ -201,7 +201,7 @@ void ZanConnTrackMgr::processSapClientsChanged(std::vector<std::string>& sapClie
 }
 
 void ZanConnTrackMgr::processDisconnectedSapClients(std::vector<std::string>& clients) {
-  TableQuestion question(ReadingTurns::Asker::kEvent);
+  ctmgr::TableQuestion question(ctmgr::ReadingTurns::Asker::kEvent);
   question.askedAgain = clients.size() > 1;
   for (const std::string& client : clients) {
     ZAN_LOG(kModule, kLogNotice,
@@ -214,12 +214,12 @@ void ZanConnTrackMgr::processDisconnectedSapClients(std::vector<std::string>& cl
 }
 
 void ZanConnTrackMgr::processDisconnectedSapClient(std::string client) {
-  TableQuestion question(ReadingTurns::Asker::kEvent);
+  ctmgr::TableQuestion question(ctmgr::ReadingTurns::Asker::kEvent);
   flush(client, question);
 }
 
 /// One flush of |client|. False when |question| was turned away.
-bool ZanConnTrackMgr::flush(const std::string& client, TableQuestion& question) {
+bool ZanConnTrackMgr::flush(const std::string& client, ctmgr::TableQuestion& question) {
   _ZanNeighInfoType neighbour{};
   if (netlinkMgr != nullptr) neighbour = netlinkMgr->getNeighInfo(client);
   const int fd = connTrackUtils.getPrivilegeParams();
@@ -246,12 +246,12 @@ void ZanConnTrackMgr::cleanUpRemainingEntries(std::string client) {
 }
 
 /// |mgr| is valid only while a pass is held.
-void ZanConnTrackMgr::flushAgain(std::shared_ptr<WorkerGate> gate, ZanConnTrackMgr* mgr,
+void ZanConnTrackMgr::flushAgain(std::shared_ptr<ctmgr::WorkerGate> gate, ZanConnTrackMgr* mgr,
                                  std::string client) {
   constexpr int kFlushes = 2;
   for (int flush = 1; flush <= kFlushes; ++flush) {
     std::this_thread::sleep_for(std::chrono::seconds(SAP_CLIENT_RECHECK_DELAY));
-    TableQuestion question(ReadingTurns::Asker::kCleanUp);
+    ctmgr::TableQuestion question(ctmgr::ReadingTurns::Asker::kCleanUp);
     const auto pass = gate->enter();
     if (!pass || !mgr->flush(client, question)) return;
     if (flush == kFlushes && mgr->netlinkMgr != nullptr) mgr->netlinkMgr->delNeighInfoEntry(client);
@@ -276,7 +276,7 @@ void ZanConnTrackMgr::processUpStreamIpLostEvent(std::vector<std::string>& lostI
 void ZanConnTrackMgr::startDeletion(std::list<ZanConnTrackFilter_s> v4,
                                     std::list<ZanConnTrackFilter_s> v6) {
   {
-    const MutexLock lock(listMutex);
+    const ctmgr::MutexLock lock(listMutex);
     while (listsWait) listsTaken.wait(listMutex);
     v4DeleteList = std::move(v4);
     v6DeleteList = std::move(v6);
@@ -295,12 +295,12 @@ void ZanConnTrackMgr::deleteConntrackEntries(void* mgr) {
 }
 
 /// Takes a copy of the lists under |pass|; |mgr| may be gone when the first request goes out.
-void ZanConnTrackMgr::deleteEntries(ZanConnTrackMgr* mgr, WorkerGate::Pass pass) {
-  const std::shared_ptr<ConntrackDeleter> deleter = mgr->deleter;
+void ZanConnTrackMgr::deleteEntries(ZanConnTrackMgr* mgr, ctmgr::WorkerGate::Pass pass) {
+  const std::shared_ptr<ctmgr::ConntrackDeleter> deleter = mgr->deleter;
   std::list<ZanConnTrackFilter_s> v4;
   std::list<ZanConnTrackFilter_s> v6;
   {
-    const MutexLock lock(mgr->listMutex);
+    const ctmgr::MutexLock lock(mgr->listMutex);
     v4 = mgr->v4DeleteList;
     v6 = mgr->v6DeleteList;
     mgr->listsWait = false;
@@ -320,10 +320,10 @@ void ZanConnTrackMgr::deleteV6ConntrackEntries(std::list<ZanConnTrackFilter_s>& 
 }
 
 int ZanConnTrackMgr::fillNetlinkHeader(nlmsghdr* msg, std::uint8_t family) {
-  fillDeleteHeader(msg, family, ++deleter->deleteSeq);
+  ctmgr::fillDeleteHeader(msg, family, ++deleter->deleteSeq);
   return 0;
 }
 
 int ZanConnTrackMgr::fillTupleInfo(nlmsghdr* msg, ctTuple* tuple) {
-  return appendTuple(msg, *tuple) ? 1 : 0;
+  return ctmgr::appendTuple(msg, *tuple) ? 1 : 0;
 }

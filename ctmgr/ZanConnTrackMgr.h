@@ -35,7 +35,7 @@ inline constexpr int SAP_CLIENT_RECHECK_DELAY = 5;
 /// cleanUpRemainingEntries(), which are bodies of detached workers.
 class ZanConnTrackMgr {
  public:
-  using ctTuple = ConntrackTuple;
+  using ctTuple = ctmgr::ConntrackTuple;
 
   /// |host| must outlive the manager. Construction always succeeds; without the conntrack table
   /// there are no flushes, and with the property persist.vendor.zan.disable.sap.conntrack set to
@@ -100,11 +100,11 @@ class ZanConnTrackMgr {
   void trackConnectedInterfaces();
   void processWwanStatus(const ZanDsmWwanStatusInfo& info);
   [[nodiscard]] bool flushesEnabled() const;
-  bool flush(const std::string& client, TableQuestion& question);
-  static void flushAgain(std::shared_ptr<WorkerGate> gate, ZanConnTrackMgr* mgr,
+  bool flush(const std::string& client, ctmgr::TableQuestion& question);
+  static void flushAgain(std::shared_ptr<ctmgr::WorkerGate> gate, ZanConnTrackMgr* mgr,
                          std::string client);
   void startDeletion(std::list<ZanConnTrackFilter_s> v4, std::list<ZanConnTrackFilter_s> v6);
-  static void deleteEntries(ZanConnTrackMgr* mgr, WorkerGate::Pass pass);
+  static void deleteEntries(ZanConnTrackMgr* mgr, ctmgr::WorkerGate::Pass pass);
 
   std::list<ZanConnTrackFilter_s> v4DeleteList ZAN_GUARDED_BY(listMutex);
   std::list<ZanConnTrackFilter_s> v6DeleteList ZAN_GUARDED_BY(listMutex);
@@ -119,11 +119,11 @@ class ZanConnTrackMgr {
   std::vector<std::string> disconnectedSapClients;
   std::map<std::string, ZanIfConnTracker*> ifTrackers;  ///< owned
 
-  Mutex listMutex;
-  Condition listsTaken;
+  ctmgr::Mutex listMutex;
+  ctmgr::Condition listsTaken;
   bool listsWait ZAN_GUARDED_BY(listMutex) = false;  ///< for the worker that was started last
-  std::shared_ptr<WorkerGate> workers = std::make_shared<WorkerGate>();
-  std::shared_ptr<ConntrackDeleter> deleter = std::make_shared<ConntrackDeleter>();
+  std::shared_ptr<ctmgr::WorkerGate> workers = std::make_shared<ctmgr::WorkerGate>();
+  std::shared_ptr<ctmgr::ConntrackDeleter> deleter = std::make_shared<ctmgr::ConntrackDeleter>();
 };
 
 /// The manager between init_ct_mgr() and deinit_ct_mgr(), otherwise null. Event thread only.

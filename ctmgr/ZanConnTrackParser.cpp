@@ -48,7 +48,7 @@ bool goesOn(int result) {
 
 /// Calls |handleLine| with every piece of |text|, until a result says that the scan is over.
 template <typename LineHandler>
-int scanText(const TableText& text, LineHandler handleLine) {
+int scanText(const ctmgr::TableText& text, LineHandler handleLine) {
   for (const std::string& piece : text) {
     const int result = handleLine(piece.c_str());
     if (!goesOn(result)) return result;
@@ -70,7 +70,7 @@ ZanConnTrackParser::~ZanConnTrackParser() {
 }
 
 int ZanConnTrackParser::setPrivilegeParams(int fd) {
-  const ReadingTurn turn(turns, ReadingTurns::Asker::kEvent);
+  const ctmgr::ReadingTurn turn(turns, ctmgr::ReadingTurns::Asker::kEvent);
   return bindStream(fd);
 }
 
@@ -119,9 +119,9 @@ void ZanConnTrackParser::rewindTable() {
 }
 
 /// Appends what is left of the table to |text|; false when it is too long to be kept.
-bool ZanConnTrackParser::readText(TableText& text) {
+bool ZanConnTrackParser::readText(ctmgr::TableText& text) {
   std::array<char, kLineMax + 1> line;
-  for (std::size_t bytes = 0; bytes <= kMostTextBytes; bytes += text.back().size()) {
+  for (std::size_t bytes = 0; bytes <= ctmgr::kMostTextBytes; bytes += text.back().size()) {
     if (std::fgets(line.data(), static_cast<int>(line.size()), stream) == nullptr) return true;
     text.emplace_back(line.data());
   }
@@ -142,12 +142,13 @@ int ZanConnTrackParser::scanStream(LineHandler handleLine) {
 /// Reads the table and goes through it; or keeps what it reads in |text|, to be gone through when
 /// the turn is over, if others want it.
 template <typename LineHandler>
-int ZanConnTrackParser::readTable(TableQuestion& question, std::shared_ptr<const TableText>& text,
+int ZanConnTrackParser::readTable(ctmgr::TableQuestion& question,
+                                  std::shared_ptr<const ctmgr::TableText>& text,
                                   LineHandler handleLine) {
-  const auto began = TableQuestion::Clock::now();
+  const auto began = ctmgr::TableQuestion::Clock::now();
   rewindTable();
   if (!question.askedAgain && turns.waiting() == 0) return scanStream(handleLine);
-  const auto read = std::make_shared<TableText>();
+  const auto read = std::make_shared<ctmgr::TableText>();
   if (!readText(*read)) {
     question.askedAgain = false;  // nor will it be kept the next time
     const int result = scanText(*read, handleLine);
@@ -160,17 +161,17 @@ int ZanConnTrackParser::readTable(TableQuestion& question, std::shared_ptr<const
 
 /// Calls |handleLine| with every line of a reading that answers |question|, as above.
 template <typename LineHandler>
-int ZanConnTrackParser::scanTable(int fd, TableQuestion& question, LineHandler handleLine) {
+int ZanConnTrackParser::scanTable(int fd, ctmgr::TableQuestion& question, LineHandler handleLine) {
   if (question.text != nullptr) {
     logAlreadyBound();
     logScan(question.stream);
     return scanText(*question.text, handleLine);
   }
-  std::shared_ptr<const TableText> text;
+  std::shared_ptr<const ctmgr::TableText> text;
   {
-    const ReadingTurn turn(turns, question.asker);
+    const ctmgr::ReadingTurn turn(turns, question.asker);
     if (latestBegan > question.asked) text = latestText.lock();
-    const bool isCleanUp = question.asker == ReadingTurns::Asker::kCleanUp;
+    const bool isCleanUp = question.asker == ctmgr::ReadingTurns::Asker::kCleanUp;
     if (text == nullptr && isCleanUp && cleanUpsTurnedAway) return kTurnedAway;
     if (!openTable(fd)) return kFailed;
     if (text == nullptr) {
@@ -186,29 +187,29 @@ int ZanConnTrackParser::scanTable(int fd, TableQuestion& question, LineHandler h
 }
 
 void ZanConnTrackParser::turnCleanUpsAway() {
-  const ReadingTurn turn(turns, ReadingTurns::Asker::kEvent);
+  const ctmgr::ReadingTurn turn(turns, ctmgr::ReadingTurns::Asker::kEvent);
   cleanUpsTurnedAway = true;
 }
 
 int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
                                              std::list<ZanConnTrackFilter_s>& v4Out,
                                              std::list<ZanConnTrackFilter_s>& v6Out, int fd) {
-  TableQuestion question(ReadingTurns::Asker::kEvent);
+  ctmgr::TableQuestion question(ctmgr::ReadingTurns::Asker::kEvent);
   return parseNfConnTrackFile(control, v4Out, v6Out, fd, question);
 }
 
 int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
                                              std::list<ZanConnTrackFilter_s>& v4Out,
                                              std::list<ZanConnTrackFilter_s>& v6Out, int fd,
-                                             TableQuestion& question) {
-  const ClientAddresses client{NormalAddress(control.ipv4Address),
-                               NormalAddress(control.ipv6Address)};
+                                             ctmgr::TableQuestion& question) {
+  const ctmgr::ClientAddresses client{ctmgr::NormalAddress(control.ipv4Address),
+                                      ctmgr::NormalAddress(control.ipv6Address)};
   // An empty text occurs in every line.
   const bool everyLine = control.ipv4Address.empty() || control.ipv6Address.empty();
   return scanTable(fd, question, [&](const char* line) -> int {
     if (!everyLine && !mentions(line, control)) return kNotOfInterest;
     ZanConnTrackFilter_s record;
-    const int result = matchClient(line, client, record);
+    const int result = ctmgr::matchClient(line, client, record);
     if (result == kMatched) (record.af == AF_INET ? v4Out : v6Out).push_back(record);
     return result;
   });
@@ -217,17 +218,17 @@ int ZanConnTrackParser::parseNfConnTrackFile(const ZanConnTrackFileParseControlT
 int ZanConnTrackParser::parseNfConnTrackFile(std::vector<std::string>& clientAddresses,
                                              std::vector<std::string>& lostAddresses,
                                              std::list<ZanConnTrackFilter_s>& out, int fd) {
-  TableQuestion question(ReadingTurns::Asker::kEvent);
+  ctmgr::TableQuestion question(ctmgr::ReadingTurns::Asker::kEvent);
   return scanTable(fd, question, [&](const char* line) -> int {
     const auto client = std::find_if(
         clientAddresses.begin(), clientAddresses.end(),
         [&](const std::string& text) { return std::strstr(line, text.c_str()) != nullptr; });
     if (client == clientAddresses.end()) return kNotOfInterest;
-    const NormalAddress address(*client);
+    const ctmgr::NormalAddress address(*client);
 
     for (const std::string& lost : lostAddresses) {
       ZanConnTrackFilter_s record{};
-      const int result = matchLoss(line, address, lost, record);
+      const int result = ctmgr::matchLoss(line, address, lost, record);
       if (result == kNotOfInterest) continue;
       if (result != kMatched) return result;
       out.push_back(record);
@@ -238,12 +239,12 @@ int ZanConnTrackParser::parseNfConnTrackFile(std::vector<std::string>& clientAdd
 
 int ZanConnTrackParser::parseNfConnTrackLine(const ZanConnTrackLineParseControlType& control,
                                              ZanConnTrackFilter_s& out) {
-  const ClientAddresses client{NormalAddress(control.ipv4Address),
-                               NormalAddress(control.ipv6Address)};
-  return matchClient(control.line.c_str(), client, out);
+  const ctmgr::ClientAddresses client{ctmgr::NormalAddress(control.ipv4Address),
+                                      ctmgr::NormalAddress(control.ipv6Address)};
+  return ctmgr::matchClient(control.line.c_str(), client, out);
 }
 
 int ZanConnTrackParser::parseNfConnTrackLine(std::string line, std::string clientAddress,
                                              std::string lostAddress, ZanConnTrackFilter_s& out) {
-  return matchLoss(line.c_str(), NormalAddress(clientAddress), lostAddress, out);
+  return ctmgr::matchLoss(line.c_str(), ctmgr::NormalAddress(clientAddress), lostAddress, out);
 }

@@ -40,10 +40,10 @@ class ZanConnTrackParser {
 
   /// Results of the line parsers and, kMatched for "read to the end", of the file scans.
   enum Result : int {
-    kMatched = kLineMatched,
-    kNotOfInterest = kLineNotOfInterest,
-    kFailed = kLineFailed,  ///< of a scan also: there is no stream
-    kTurnedAway = -100      ///< turnCleanUpsAway() came first: nothing was read
+    kMatched = ctmgr::kLineMatched,
+    kNotOfInterest = ctmgr::kLineNotOfInterest,
+    kFailed = ctmgr::kLineFailed,  ///< of a scan also: there is no stream
+    kTurnedAway = -100             ///< turnCleanUpsAway() came first: nothing was read
   };
 
   /// |utils| must outlive the parser.
@@ -67,7 +67,8 @@ class ZanConnTrackParser {
   /// alone.
   int parseNfConnTrackFile(const ZanConnTrackFileParseControlType& control,
                            std::list<ZanConnTrackFilter_s>& v4Out,
-                           std::list<ZanConnTrackFilter_s>& v6Out, int fd, TableQuestion& question);
+                           std::list<ZanConnTrackFilter_s>& v6Out, int fd,
+                           ctmgr::TableQuestion& question);
 
   /// From now on a clean-up whose reading has not begun gets kTurnedAway.
   void turnCleanUpsAway();
@@ -99,22 +100,23 @@ class ZanConnTrackParser {
   int bindStream(int fd) ZAN_REQUIRES(turns);
   [[nodiscard]] bool openTable(int fd) ZAN_REQUIRES(turns);
   void rewindTable() ZAN_REQUIRES(turns);
-  [[nodiscard]] bool readText(TableText& text) ZAN_REQUIRES(turns);
+  [[nodiscard]] bool readText(ctmgr::TableText& text) ZAN_REQUIRES(turns);
   template <typename LineHandler>
   int scanStream(LineHandler handleLine) ZAN_REQUIRES(turns);
   template <typename LineHandler>
-  int readTable(TableQuestion& question, std::shared_ptr<const TableText>& text,
+  int readTable(ctmgr::TableQuestion& question, std::shared_ptr<const ctmgr::TableText>& text,
                 LineHandler handleLine) ZAN_REQUIRES(turns);
   template <typename LineHandler>
-  int scanTable(int fd, TableQuestion& question, LineHandler handleLine);
+  int scanTable(int fd, ctmgr::TableQuestion& question, LineHandler handleLine);
 
   ZanConnTrackUtils& utils;
   std::FILE* stream ZAN_GUARDED_BY(turns) = nullptr;
   std::array<char, kStreamBufferSize> streamBuffer ZAN_GUARDED_BY(turns){};
 
-  ReadingTurns turns;
+  ctmgr::ReadingTurns turns;
   bool cleanUpsTurnedAway ZAN_GUARDED_BY(turns) = false;
-  std::weak_ptr<const TableText> latestText
+  std::weak_ptr<const ctmgr::TableText> latestText
       ZAN_GUARDED_BY(turns);  ///< kept by those who go through it
-  TableQuestion::Clock::time_point latestBegan ZAN_GUARDED_BY(turns);  ///< when its reading began
+  ctmgr::TableQuestion::Clock::time_point latestBegan
+      ZAN_GUARDED_BY(turns);  ///< when its reading began
 };

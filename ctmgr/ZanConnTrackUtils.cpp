@@ -100,7 +100,7 @@ void ZanConnTrackUtils::HandleNlMsg(void* data, nlmsghdr* msg, unsigned int len)
 
 void ZanConnTrackUtils::getIpV6Address(char* addr) {
   std::array<unsigned char, sizeof(in6_addr)> b{};
-  if (!readExpandedAddress(addr, b.data())) {
+  if (!ctmgr::readExpandedAddress(addr, b.data())) {
     if (inet_pton(AF_INET6, addr, b.data()) != 1) return;
     std::snprintf(addr, kAddressTextSize,
                   "%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x", b[0],

@@ -32,8 +32,8 @@ constexpr unsigned int kSysfsEvents = POLLPRI | POLLERR;
 
 bool isUsable(const void* evtData, const void* cbData) {
   if (evtData != nullptr && cbData != nullptr) return true;
-  ZAN_LOG(kModule, kLogWarning, "Incorrect info passed evtData:0x%x cbData:0x%x", logWord(evtData),
-          logWord(cbData));
+  ZAN_LOG(kModule, kLogWarning, "Incorrect info passed evtData:0x%x cbData:0x%x",
+          ctmgr::logWord(evtData), ctmgr::logWord(cbData));
   return false;
 }
 
@@ -218,7 +218,7 @@ void ZanIfConnTracker::instalListenFilters() {
 }
 
 int ZanIfConnTracker::execCommand(ZAN_COMMANDS cmd) {
-  return CommandChannel(host.commandChannelFd).execute(cmd, ifaceName, idleTimeOut) ? 0 : -1;
+  return ctmgr::CommandChannel(host.commandChannelFd).execute(cmd, ifaceName, idleTimeOut) ? 0 : -1;
 }
 
 bool ZanIfConnTracker::runIpTableAddCommands() {
@@ -329,7 +329,7 @@ void ZanIfConnTracker::idleTimerExpiryHandler(int fd, void* cbData) {
 }
 
 int ZanIfConnTracker::readIcmpFilterInstallationProperty() {
-  return readNumberProperty(kIcmpProperty);
+  return ctmgr::readNumberProperty(kIcmpProperty);
 }
 
 int ZanIfConnTracker::startNlSockEvents() {

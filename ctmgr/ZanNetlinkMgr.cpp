@@ -148,7 +148,7 @@ void ZanNetlinkMgr::nlDecodeRtmNeigh(nlmsghdr* msg, unsigned int len, zanNlNeigh
   std::memcpy(&out->ndm, bytes + sizeof(nlmsghdr), sizeof(out->ndm));
 
   const unsigned char* position = bytes + sizeof(nlmsghdr) + sizeof(ndmsg);
-  unsigned int remaining = checkedSub(len, sizeof(nlmsghdr));
+  unsigned int remaining = ctmgr::checkedSub(len, sizeof(nlmsghdr));
   while (remaining >= kAttributeHeaderLength) {
     rtattr attribute;
     std::memcpy(&attribute, position, sizeof(attribute));
@@ -161,8 +161,8 @@ void ZanNetlinkMgr::nlDecodeRtmNeigh(nlmsghdr* msg, unsigned int len, zanNlNeigh
     } else if (attribute.rta_type == NDA_LLADDR) {
       std::memcpy(out->lladdr.sa_data, payload, kLinkAddressBytes);
     }
-    const unsigned int step = checkedAlign4(attribute.rta_len);
-    remaining = checkedSub(remaining, step);
+    const unsigned int step = ctmgr::checkedAlign4(attribute.rta_len);
+    remaining = ctmgr::checkedSub(remaining, step);
     position += step;
   }
 }
@@ -178,7 +178,7 @@ void ZanNetlinkMgr::handleNewNeighEvent(_NetlinkInfo* info) {
 }
 
 void ZanNetlinkMgr::updateTable(const _NetlinkInfo& info) {
-  const MutexLock lock(tableMutex);
+  const ctmgr::MutexLock lock(tableMutex);
   _ZanNeighInfoType& neighbour = neighInfoMap[info.macAddr];
   copyText(neighbour.macAddr, info.macAddr);
   if (info.isIpv6) {
@@ -189,7 +189,7 @@ void ZanNetlinkMgr::updateTable(const _NetlinkInfo& info) {
 }
 
 bool ZanNetlinkMgr::isKnown(const _NetlinkInfo& info) {
-  const MutexLock lock(tableMutex);
+  const ctmgr::MutexLock lock(tableMutex);
   return neighInfoMap.count(info.macAddr) != 0;
 }
 
@@ -203,18 +203,18 @@ void ZanNetlinkMgr::handleDelNeighEvent(_NetlinkInfo* info) {
 }
 
 _ZanNeighInfoType ZanNetlinkMgr::getNeighInfo(std::string mac) {
-  const MutexLock lock(tableMutex);
+  const ctmgr::MutexLock lock(tableMutex);
   const auto entry = neighInfoMap.find(mac);
   return entry == neighInfoMap.end() ? _ZanNeighInfoType{} : entry->second;
 }
 
 void ZanNetlinkMgr::getNeighipv4Addresses(std::vector<std::string>& out) {
-  const MutexLock lock(tableMutex);
+  const ctmgr::MutexLock lock(tableMutex);
   for (const auto& entry : neighInfoMap) out.emplace_back(entry.second.ipv4Addr);
 }
 
 void ZanNetlinkMgr::delNeighInfoEntry(std::string mac) {
-  const MutexLock lock(tableMutex);
+  const ctmgr::MutexLock lock(tableMutex);
   neighInfoMap.erase(mac);
 }
 

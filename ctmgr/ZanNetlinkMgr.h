@@ -87,5 +87,5 @@ class ZanNetlinkMgr {
   ZanCom& com;
   ZanConnTrackUtils& connTrackUtils;
   std::map<std::string, _ZanNeighInfoType> neighInfoMap ZAN_GUARDED_BY(tableMutex);
-  Mutex tableMutex;  ///< never held over a call of the host
+  ctmgr::Mutex tableMutex;  ///< never held over a call of the host
 };

@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ZanNetlinkMgr::HandleNlMsg(&neighbours, msg, msg->nlmsg_len);
     if (msg->nlmsg_type == RTM_NEWNEIGH) expected = after;
     Table actual;
-    const MutexLock lock(neighbours.tableMutex);
+    const ctmgr::MutexLock lock(neighbours.tableMutex);
     for (const auto& [mac, entry] : neighbours.neighInfoMap) {
       require(mac == entry.macAddr, "key");
       actual[mac] = {entry.ipv4Addr, entry.ipv6Addr};

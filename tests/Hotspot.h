@@ -64,5 +64,5 @@ class Hotspot {
 
  private:
   ZanDsmTextList present;
-  std::shared_ptr<WorkerGate> gate;  ///< shared with the manager and its clean-ups
+  std::shared_ptr<ctmgr::WorkerGate> gate;  ///< shared with the manager and its clean-ups
 };

@@ -17,8 +17,8 @@ struct Manager : PresentManager {
   static int& tableFd() { return gConnTrackMgr->*(&Manager::connTrackUtils).*Utils::kFd; }
   static auto& deletions() { return gConnTrackMgr->*(&Manager::deleter); }
   static bool deletes() {
-    Mutex& mutex = gConnTrackMgr->*(&Manager::listMutex);
-    const MutexLock lock(mutex);
+    ctmgr::Mutex& mutex = gConnTrackMgr->*(&Manager::listMutex);
+    const ctmgr::MutexLock lock(mutex);
     return gConnTrackMgr->*(&Manager::listsWait) || deletions().use_count() > 1;
   }
 };
@@ -35,7 +35,7 @@ void PresentManager::awaitDeletions() {
 }
 
 int PresentManager::stop() {
-  std::weak_ptr<ConntrackDeleter> deletions;
+  std::weak_ptr<ctmgr::ConntrackDeleter> deletions;
   if (gConnTrackMgr != nullptr) deletions = Manager::deletions();
   const int result = deinit_ct_mgr();
   static_cast<void>(base::eventually([&] { return deletions.expired(); }));

@@ -14,7 +14,7 @@ using testing::SizeIs;
 struct ConntrackDeleterTest : testing::Test {
   RecordingHost host;
   ZanNetlinkSocket& socket = *new ZanNetlinkSocket(NETLINK_NETFILTER, 0);  // the host frees it
-  ConntrackDeleter deleter;
+  ctmgr::ConntrackDeleter deleter;
 
   void SetUp() override { deleter.conntrackSocket = &socket; }
 };

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
-using Asker = ReadingTurns::Asker;
+using Asker = ctmgr::ReadingTurns::Asker;
 
 struct Parser : ZanConnTrackParser {
   using ZanConnTrackParser::latestBegan;
@@ -40,7 +40,7 @@ struct ZanConnTrackParserTest : testing::Test {
   int result = 0;  ///< of the last scan
 
   /// The ports of |client|'s entries, IPv4 before IPv6.
-  std::vector<int> scan(TableQuestion& question, const std::string& client = kClient) {
+  std::vector<int> scan(ctmgr::TableQuestion& question, const std::string& client = kClient) {
     std::list<ZanConnTrackFilter_s> v4;
     std::list<ZanConnTrackFilter_s> v6;
     result = parser.parseNfConnTrackFile({"", client, kClient6}, v4, v6, table.fd(), question);
@@ -50,12 +50,12 @@ struct ZanConnTrackParserTest : testing::Test {
     return ports;
   }
   std::vector<int> scan() {
-    TableQuestion question(Asker::kEvent);
+    ctmgr::TableQuestion question(Asker::kEvent);
     return scan(question);
   }
   /// A question that several flushes share.
-  static TableQuestion sharedQuestion() {
-    TableQuestion question(Asker::kEvent);
+  static ctmgr::TableQuestion sharedQuestion() {
+    ctmgr::TableQuestion question(Asker::kEvent);
     question.askedAgain = true;
     return question;
   }
@@ -69,8 +69,8 @@ TEST_F(ZanConnTrackParserTest, EveryScanSeesTheTableAsItIsNow) {
 }
 
 TEST_F(ZanConnTrackParserTest, AReadingAnswersEveryQuestionThatCameBeforeIt) {
-  TableQuestion before(Asker::kCleanUp);
-  TableQuestion event = sharedQuestion();
+  ctmgr::TableQuestion before(Asker::kCleanUp);
+  ctmgr::TableQuestion event = sharedQuestion();
   table.write(tableEntry(kClient, 11));
   scan(event);
   table.write("");
@@ -79,16 +79,16 @@ TEST_F(ZanConnTrackParserTest, AReadingAnswersEveryQuestionThatCameBeforeIt) {
 }
 
 TEST_F(ZanConnTrackParserTest, AReadingAnswersNoLaterQuestion) {
-  TableQuestion event = sharedQuestion();
+  ctmgr::TableQuestion event = sharedQuestion();
   table.write(tableEntry(kClient, 11));
   scan(event);
-  TableQuestion after(Asker::kCleanUp);
+  ctmgr::TableQuestion after(Asker::kCleanUp);
   table.write(tableEntry(kClient, 12));
   EXPECT_THAT(scan(after), ElementsAre(12));
 }
 
 TEST_F(ZanConnTrackParserTest, ABrokenLineEndsNoOtherScanOfTheSameReading) {
-  TableQuestion event = sharedQuestion();
+  ctmgr::TableQuestion event = sharedQuestion();
   table.write(tableEntry(kClient, 11) + kUnreadableLine + tableEntry(kClient, 12) +
               tableEntry(kOther, 13));
   EXPECT_THAT(scan(event), ElementsAre(11));
@@ -96,9 +96,9 @@ TEST_F(ZanConnTrackParserTest, ABrokenLineEndsNoOtherScanOfTheSameReading) {
 }
 
 TEST_F(ZanConnTrackParserTest, ATableThatIsTooLongToBeKeptIsReadForEach) {
-  TableQuestion event = sharedQuestion();
+  ctmgr::TableQuestion event = sharedQuestion();
   std::string most;
-  while (most.size() <= kMostTextBytes) most += filler(500);
+  while (most.size() <= ctmgr::kMostTextBytes) most += filler(500);
   table.write(tableEntry(kClient, 11) + most + tableEntry(kClient, 12));
   EXPECT_THAT(scan(event), ElementsAre(11, 12));
   table.write(tableEntry(kClient, 13) + most + tableEntry(kClient, 14));
@@ -109,10 +109,10 @@ TEST_F(ZanConnTrackParserTest, WhoReadsWhileAnotherWaitsKeepsTheText) {
   table.write(tableEntry(kClient, 11));
   std::vector<std::thread> cleanUps;
   {
-    const ReadingTurn turn(parser.turns, Asker::kEvent);
+    const ctmgr::ReadingTurn turn(parser.turns, Asker::kEvent);
     for (int i = 0; i < 2; ++i) {
       cleanUps.emplace_back([this] {
-        TableQuestion question(Asker::kCleanUp);
+        ctmgr::TableQuestion question(Asker::kCleanUp);
         std::list<ZanConnTrackFilter_s> v4;
         std::list<ZanConnTrackFilter_s> v6;
         parser.parseNfConnTrackFile({"", kClient, kClient6}, v4, v6, table.fd(), question);
@@ -122,14 +122,14 @@ TEST_F(ZanConnTrackParserTest, WhoReadsWhileAnotherWaitsKeepsTheText) {
     EXPECT_TRUE(base::eventually([this] { return parser.turns.waiting() == 2; }));
   }
   for (std::thread& cleanUp : cleanUps) cleanUp.join();
-  const ReadingTurn turn(parser.turns, Asker::kEvent);
-  EXPECT_NE(parser.latestBegan, TableQuestion::Clock::time_point{});
+  const ctmgr::ReadingTurn turn(parser.turns, Asker::kEvent);
+  EXPECT_NE(parser.latestBegan, ctmgr::TableQuestion::Clock::time_point{});
 }
 
 TEST_F(ZanConnTrackParserTest, TurnsAwayCleanUpsThatHaveNotReadButNoEvents) {
   parser.turnCleanUpsAway();
   host.forget();
-  TableQuestion question(Asker::kCleanUp);
+  ctmgr::TableQuestion question(Asker::kCleanUp);
   scan(question);
   EXPECT_EQ(result, Parser::kTurnedAway);
   EXPECT_THAT(host.record(), IsEmpty());
