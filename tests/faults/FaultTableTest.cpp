@@ -141,17 +141,10 @@ void expectOutcome(const std::string& call, int error, const Lines& clean, const
   }
 }
 
-/// Which call fails, with which error, and whether all later ones of its kind do so too.
-struct Fault {
-  int number;
-  int error;
-  bool stays;
-};
-
 /// Lives a |life| with |fault| and then one without. False when it makes fewer calls.
-bool failOne(Life life, const Fault& fault, const Lines& clean) {
+bool failOne(Life life, const faults::Fault& fault, const Lines& clean) {
   World world;
-  faults::fail(fault.number, fault.error, fault.stays);
+  faults::fail(fault);
   (world.*life)();
   const std::string failed = faults::stop();
   const Lines record = world.takeRecord();
@@ -187,16 +180,18 @@ Lines liveCleanly(Life life) {
 }
 
 void expectThatEachCallMayFail(Life life) {
-  constexpr std::pair<int, bool> kErrors[] = {{EIO, false}, {ENOENT, true}, {EMFILE, true}};
+  using Extent = faults::Fault::Extent;
+  constexpr std::pair<int, Extent> kErrors[] = {
+      {EIO, Extent::kOnce}, {ENOENT, Extent::kFromThenOn}, {EMFILE, Extent::kFromThenOn}};
   const auto threads = threadCount();
   const Lines clean = liveCleanly(life);
   int failed = 0;
   bool fails = true;
   for (int number = 1; fails; ++number) {
-    for (const auto& [error, stays] : kErrors) {
+    for (const auto& [error, extent] : kErrors) {
       SCOPED_TRACE("call " + std::to_string(number) + ", error " + std::to_string(error));
       const auto before = openDescriptors();
-      fails = failOne(life, {number, error, stays}, clean);
+      fails = failOne(life, {number, error, extent}, clean);
       EXPECT_EQ(openDescriptors(), before) << "descriptors";
       if (fails) ++failed;
     }

@@ -21,18 +21,18 @@ namespace {
 
 std::mutex mutex;  // guards what follows
 std::atomic<bool> counting = false;
+faults::Fault wanted{};
 int callsLeft = 0;  // until the one that fails
-int errorOfCall = 0;
-bool repeats = false;
 std::string_view failed;
 
 /// Sets errno when this call of |kind| is to fail.
 bool fails(std::string_view kind) {
   if (!counting) return false;
   const std::lock_guard<std::mutex> lock(mutex);
-  if (--callsLeft != 0 && (!repeats || failed != kind)) return false;
+  const bool again = wanted.extent == faults::Fault::Extent::kFromThenOn && failed == kind;
+  if (--callsLeft != 0 && !again) return false;
   failed = kind;
-  errno = errorOfCall;
+  errno = wanted.error;
   return true;
 }
 
@@ -44,11 +44,10 @@ int table = -1;
 int timer = -1;
 int channel = -1;
 
-void fail(int number, int error, bool stays) {
+void fail(const Fault& fault) {
   const std::lock_guard<std::mutex> lock(mutex);
-  callsLeft = number;
-  errorOfCall = error;
-  repeats = stays;
+  wanted = fault;
+  callsLeft = fault.number;
   counting = true;
 }
 

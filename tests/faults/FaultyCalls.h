@@ -10,9 +10,15 @@
 /// Thread: the test's own; the calls themselves, any.
 namespace faults {
 
-/// Counts calls from now on. Call |number|, from 1, fails with |error|, and when it |stays| so do
-/// all later ones of its kind.
-void fail(int number, int error, bool stays);
+/// Which call fails, with which errno value, and whether alone.
+struct Fault {
+  int number;  ///< from 1
+  int error;
+  enum class Extent { kOnce, kFromThenOn } extent;  ///< of its kind
+};
+
+/// Counts calls from now on, and lets |fault| happen.
+void fail(const Fault& fault);
 
 /// Stops counting. Returns the kind of the call that failed, empty when there were fewer calls.
 std::string stop();

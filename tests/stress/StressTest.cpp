@@ -70,9 +70,12 @@ std::string upstream(int index) {
   return "7.7.7." + std::to_string(100 + index % kEntries);
 }
 
-std::string address(int client, bool ipv6) {
-  const std::string own = std::to_string(100 + client);
-  return ipv6 ? "2001:0db8:0000:0000:0000:0000:0000:0" + own : "10.1.1." + own;
+std::string ipv4Of(int client) {
+  return "10.1.1." + std::to_string(100 + client);
+}
+
+std::string ipv6Of(int client) {
+  return "2001:0db8:0000:0000:0000:0000:0000:0" + std::to_string(100 + client);
 }
 
 /// As told at the head of this file; |number| counts from 0. The first kLeaving clients leave.
@@ -111,16 +114,16 @@ class Round {
     for (int entry = 0; entry < kTable; ++entry) {
       const int client = entry % kClients;
       const bool stays = client >= kLeaving;
-      text += tableEntry(address(client, false), port(entry),
-                         stays ? upstream(entry / kClients) : "7.7.7.7");
-      if (!stays) text += tableEntry(address(client, true), port(entry));
+      text +=
+          tableEntry(ipv4Of(client), port(entry), stays ? upstream(entry / kClients) : "7.7.7.7");
+      if (!stays) text += tableEntry(ipv6Of(client), port(entry));
     }
     table.write(text);
   }
 
-  void notify(std::uint8_t type, int client, bool ipv6) {
+  void notify(std::uint8_t type, int client, const std::string& address) {
     const Bytes mac = {10, 0, 0, 0, 0, static_cast<std::uint8_t>(client)};
-    host_.receive(kNeighbourSocket, neighbourMessage(type, address(client, ipv6), mac));
+    host_.receive(kNeighbourSocket, neighbourMessage(type, address, mac));
   }
 
   /// |client| comes; every other time it leaves at once, with the one before.
@@ -128,10 +131,12 @@ class Round {
     char mac[32];
     std::snprintf(mac, sizeof(mac), "0a:00:00:00:00:%02x", client);
     for (int other = 0; other < kClients; ++other) {
-      notify(RTM_NEWNEIGH, kLeaving + other % kStaying, false);
-      notify(RTM_DELNEIGH, other, true);
+      const int staying = kLeaving + other % kStaying;
+      notify(RTM_NEWNEIGH, staying, ipv4Of(staying));
+      notify(RTM_DELNEIGH, other, ipv6Of(other));
     }
-    for (const bool ipv6 : {false, true}) notify(RTM_NEWNEIGH, client, ipv6);
+    notify(RTM_NEWNEIGH, client, ipv4Of(client));
+    notify(RTM_NEWNEIGH, client, ipv6Of(client));
     clients_.emplace_back(mac);
     host_.zan.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &clients_);
     if (client % 2 == 1) clients_.clear();
