@@ -15,7 +15,9 @@ struct PresentManager : ZanConnTrackMgr {
     return *(gConnTrackMgr->*(&PresentManager::ifTrackers)).at(ifaceName);
   }
   /// What it shares with its clean-ups.
-  static std::shared_ptr<ctmgr::WorkerGate> gate() { return gConnTrackMgr->*(&PresentManager::workers); }
+  static std::shared_ptr<ctmgr::WorkerGate> gate() {
+    return gConnTrackMgr->*(&PresentManager::workers);
+  }
 
   /// Has it read |table| instead of the kernel's.
   static void read(const TableFile& table);
