@@ -2,19 +2,20 @@
 #include "bench/BenchTable.h"
 
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <sched.h>
 
 #include <fstream>
 #include <utility>
 
+#include "lab/ConntrackTable.h"
 #include "lab/Error.h"
 
 namespace bench {
 namespace {
 
 constexpr char kUpstreamAddress[] = "100.64.7.7";
-constexpr std::uint32_t kTimeoutSeconds = 3600;
+/// What all entries have in common, in conntrack(8)'s words.
+constexpr char kInsert[] = "-I --timeout 3600 --status SEEN_REPLY,ASSURED";
 constexpr std::size_t kFirstPort = 1024;
 constexpr std::size_t kPorts = 60000;
 
@@ -30,7 +31,7 @@ void checkRoomFor(std::size_t entries) {
 
 }  // namespace
 
-BenchTable::BenchTable(const TableShape& shape) : shape_(shape), inserter_(where_) {
+BenchTable::BenchTable(const TableShape& shape) : shape_(shape) {
   if (setns(where_.fd(), CLONE_NEWNET) != 0) {
     throw lab::systemError("cannot enter the namespace of the table");
   }
@@ -39,7 +40,7 @@ BenchTable::BenchTable(const TableShape& shape) : shape_(shape), inserter_(where
 
 BenchTable::~BenchTable() {
   try {
-    inserter_.removeAll();
+    lab::clearConntrackTable(where_);
   } catch (const lab::Error&) {
     // What is left goes with the namespace, only later.
   }
@@ -51,7 +52,7 @@ void BenchTable::fill() {
 }
 
 void BenchTable::resize(std::size_t entries) {
-  inserter_.removeAll();
+  lab::clearConntrackTable(where_);
   shape_.entries = entries;
   fill();
 }
@@ -81,24 +82,21 @@ std::size_t BenchTable::ipv4EntriesOf(std::size_t number) const {
 
 void BenchTable::refill(std::size_t number) {
   const Client owner = client(number);
-  std::vector<lab::ConntrackInserter::Entry> entries;
+  std::string lines;
   for (std::size_t i = 0; i < entriesOf(number); ++i) {
-    const auto port = static_cast<std::uint16_t>(kFirstPort + i % kPorts);
+    const std::size_t port = kFirstPort + i % kPorts;
     const std::size_t server = 1 + i / kPorts;
-    lab::ConntrackInserter::Entry entry;
-    entry.protocol = i % 2 == 0 ? IPPROTO_TCP : IPPROTO_UDP;
-    entry.timeoutSeconds = kTimeoutSeconds;
+    lines += fmt::format("{} {} --sport {} --dport 443", kInsert,
+                         i % 2 == 0 ? "-p tcp --state ESTABLISHED" : "-p udp", port);
     if (isIpv6(i)) {
-      const std::string address = fmt::format("2001:db8:5e::{:x}:{:x}", number, server);
-      entry.original = {owner.ipv6, address, port, 443};
+      lines += fmt::format(" -s {} -d 2001:db8:5e::{:x}:{:x}\n", owner.ipv6, number, server);
     } else {
       const std::string address = fmt::format("198.18.{}.{}", number, server);
-      entry.original = {owner.ipv4, address, port, 443};
-      entry.reply = {address, kUpstreamAddress, 443, port};
+      lines += fmt::format(" -s {} -d {} -r {} -q {} --reply-port-src 443 --reply-port-dst {}\n",
+                           owner.ipv4, address, address, kUpstreamAddress, port);
     }
-    entries.push_back(std::move(entry));
   }
-  inserter_.insert(entries);
+  if (!lines.empty()) lab::insertConntrackEntries(where_, lines);
 }
 
 }  // namespace bench

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "lab/ConntrackInserter.h"
 #include "lab/NetNamespace.h"
 
 namespace bench {
@@ -66,7 +65,6 @@ class BenchTable {
 
   TableShape shape_;
   lab::NetNamespace where_;
-  lab::ConntrackInserter inserter_;
 };
 
 }  // namespace bench

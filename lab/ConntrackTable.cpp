@@ -1,4 +1,4 @@
-// The kernel's connection-tracking table, as the lab reads it.
+// The kernel's connection-tracking table, as the lab reads and fills it.
 #include "lab/ConntrackTable.h"
 
 #include <fcntl.h>
@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <sstream>
 #include <tuple>
 
@@ -14,12 +15,16 @@
 #include "base/UniqueFd.h"
 #include "lab/Error.h"
 #include "lab/NetNamespace.h"
+#include "lab/Process.h"
 #include "lab/Socket.h"
 
 namespace lab {
 namespace {
 
 constexpr char kTableFile[] = "/proc/thread-self/net/nf_conntrack";
+
+/// Half a million entries on an emulated machine.
+constexpr std::chrono::minutes kFillingLimit{2};
 
 std::uint16_t toPort(const std::string& text, const std::string& line) {
   std::uint16_t port = 0;
@@ -109,6 +114,18 @@ std::size_t countSurvivors(const ConntrackEntries& before, const ConntrackEntrie
     });
   };
   return static_cast<std::size_t>(std::count_if(before.begin(), before.end(), survives));
+}
+
+void insertConntrackEntries(const NetNamespace& where, const std::string& lines) {
+  const CommandResult result =
+      Process::run({"conntrack", "--load-file", "-"}, &where, lines, kFillingLimit);
+  // It goes on after a line that fails, and ends with success.
+  if (result.status.success() && result.errors.empty()) return;
+  throw Error("conntrack(8) does not insert all entries: " + result.output + result.errors);
+}
+
+void clearConntrackTable(const NetNamespace& where) {
+  Process::runChecked({"conntrack", "--flush"}, &where);
 }
 
 }  // namespace lab

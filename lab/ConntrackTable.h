@@ -1,4 +1,4 @@
-// The kernel's connection-tracking table, as the lab reads it.
+// The kernel's connection-tracking table, as the lab reads and fills it.
 #pragma once
 
 #include <cstddef>
@@ -56,5 +56,13 @@ using ConntrackEntries = std::vector<ConntrackEntry>;
 /// How many of |before| are still among |now|.
 [[nodiscard]] std::size_t countSurvivors(const ConntrackEntries& before,
                                          const ConntrackEntries& now);
+
+/// Puts made-up entries into the table of |where|, as if their connections had been seen. |lines|
+/// are what conntrack(8) takes behind its name: "-I -p udp ...". Throws Error when one is refused
+/// (an equal one exists, say); others may be in the table then.
+void insertConntrackEntries(const NetNamespace& where, const std::string& lines);
+
+/// Empties the table of |where|. Throws Error.
+void clearConntrackTable(const NetNamespace& where);
 
 }  // namespace lab

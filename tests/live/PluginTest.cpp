@@ -1,12 +1,11 @@
 // The plug-in as a library: what unloading it leaves behind.
-#include <netinet/in.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "lab/ConntrackInserter.h"
+#include "lab/ConntrackTable.h"
 #include "lab/Process.h"
 #include "refhost/framework/HostSides.h"
 #include "refhost/framework/NetlinkCounters.h"
@@ -29,16 +28,17 @@ bool isMapped(const std::string& library) {
 }
 
 TEST_F(PluginLibrary, WorksOnAndStaysMappedAfterItHasBeenUnloaded) {
-  constexpr std::uint16_t kEntries = 5000;
+  constexpr int kEntries = 5000;
   const std::string address = "10.0.0.1";
   const std::string mac = "02:00:00:00:00:01";
   const lab::NetNamespace gateway;
   ASSERT_EQ(setns(gateway.fd(), CLONE_NEWNET), 0);
-  std::vector<lab::ConntrackInserter::Entry> entries;
-  for (std::uint16_t port = 1; port <= kEntries; ++port) {
-    entries.push_back({IPPROTO_UDP, {address, "198.51.100.7", port, 443}});
+  std::string entries;
+  for (int port = 1; port <= kEntries; ++port) {
+    entries += "-I -p udp -s " + address + " -d 198.51.100.7 --sport " + std::to_string(port) +
+               " --dport 443 --timeout 600\n";
   }
-  lab::ConntrackInserter(gateway).insert(entries);
+  lab::insertConntrackEntries(gateway, entries);
   Zan host;
   {
     zanhost::Plugin plugin(kPluginPath);
