@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -21,12 +20,12 @@
 namespace demo {
 
 /// Hotspot clients, upstream addresses and a mobile link come and go in a random order, in rounds
-/// that end when every flush is over. Afterwards the kernel's table, the host's counters and log,
-/// and what its process uses are checked.
+/// that end when every flush is over. Afterwards the kernel's table, the host's counters and what
+/// its process uses are checked.
 class Soak {
  public:
-  /// |host| comes with its plug-in; log level and arguments are the soak's to set. |seed| decides
-  /// what happens, and in which order. The others must outlive this object.
+  /// |host| comes with its plug-in; its arguments are the soak's to set. |seed| decides what
+  /// happens, and in which order. The others must outlive this object.
   Soak(const lab::HostProcess::Options& host, std::uint32_t seed, DemoReport& report,
        const Waiting& waiting);
 
@@ -54,8 +53,7 @@ class Soak {
   };
 
   std::size_t draw(std::size_t below) { return random_() % below; }
-  lab::HostProcess::Options withLog(lab::HostProcess::Options options);
-  bool keepLine(const std::string& line);
+  [[nodiscard]] lab::HostProcess::Options following(lab::HostProcess::Options options) const;
 
   void playUntil(Clock::time_point end);
   void playRound();
@@ -73,14 +71,12 @@ class Soak {
 
   void check(const Footprint& before, const Footprint& after);
   void checkCounters(const lab::HostState& status);
-  void checkLog(std::size_t requests);
+  void checkEnd();
 
   DemoReport& report_;
   const Waiting& waiting_;
   const std::uint32_t seed_;
   std::mt19937 random_{seed_};
-  std::atomic<std::size_t> requestLines_{0};
-  std::atomic<std::size_t> idleReports_{0};
 
   // Torn down in reverse: the clients' connections first, the namespaces last.
   lab::HotspotNetwork network_{{.clients = SoakGuests::kCount, .ipv6Only = {}}};

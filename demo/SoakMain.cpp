@@ -20,7 +20,7 @@ int main(int argc, char** argv) {
       base::CommandLine(
           "Runs a plug-in for minutes in a hotspot of network namespaces whose clients, upstream\n"
           "addresses and mobile link come and go; then checks the kernel's table, the host's\n"
-          "counters and log, its memory, descriptors and threads. Needs what zandemo needs.",
+          "counters, its memory, descriptors and threads. Needs what zandemo needs.",
           "Exit status: 0 every claim held, 1 one did not (it says what), 2 wrong arguments,\n"
           "130 interrupted.")
           .text("--host", host.program, "the host program, unless it is that of this build")

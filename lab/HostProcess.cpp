@@ -69,7 +69,6 @@ struct LineStream {
 
 HostProcess::HostProcess(const Options& options, const NetNamespace& where)
     : process_(commandLine(options), &where),
-      keepLine_(options.keepLine),
       end_(options.end),
       stopCollecting_(::eventfd(0, EFD_CLOEXEC)) {
   if (!stopCollecting_.valid()) throw systemError("cannot create an eventfd");
@@ -178,7 +177,6 @@ void HostProcess::collect() {
 
 void HostProcess::fileLog(const std::vector<std::string>& lines) {
   for (const std::string& line : lines) {
-    if (keepLine_ && !keepLine_(line)) continue;
     LogLine parsed = HostLogLine::parse(line);
     const std::lock_guard lock(mutex_);
     log_.push_back(std::move(parsed));

@@ -35,9 +35,6 @@ class HostProcess {
     std::vector<std::string> properties;
     /// Lines below this level are not logged: 0 all to 4 errors only.
     int logLevel = 2;
-    /// Says of each log line, as the host wrote it, whether it is kept; empty keeps all. Called on
-    /// the collecting thread.
-    std::function<bool(const std::string& line)> keepLine;
     /// Further command line words.
     std::vector<std::string> arguments;
     /// What becomes of a host that still runs when its HostProcess goes. Ended in order (SIGTERM),
@@ -86,7 +83,6 @@ class HostProcess {
   [[nodiscard]] std::string logTail() const;
 
   Process process_;
-  std::function<bool(const std::string&)> keepLine_;
   Options::End end_;
   base::UniqueFd stopCollecting_;
 
