@@ -4,6 +4,22 @@
 #include <thread>
 
 namespace framework {
+namespace {
+
+constexpr std::chrono::milliseconds kMoment{50};  // a worker takes much less from one to the next
+
+}  // namespace
+
+void DeletionCounters::request() {
+  ++requested;
+  if (!burst_.exchange(true)) setBurstTimer();
+}
+
+void DeletionCounters::setBurstTimer() const {
+  itimerspec setting{};
+  setting.it_value.tv_nsec = std::chrono::nanoseconds(kMoment).count();
+  timerfd_settime(burstTimer, 0, &setting, nullptr);
+}
 
 DeletionCounters& deletionCounters() {
   static DeletionCounters counters;
@@ -18,7 +34,6 @@ NotificationCounters& notificationCounters() {
 bool awaitDeletions(std::chrono::milliseconds limit) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kStep{2};
-  constexpr std::chrono::milliseconds kMoment{50};  // a worker takes much less from one to the next
   const DeletionCounters& counters = deletionCounters();
   const auto end = Clock::now() + limit;
   auto quietSince = Clock::now();
@@ -26,8 +41,8 @@ bool awaitDeletions(std::chrono::milliseconds limit) {
   while (Clock::now() - quietSince < kMoment) {
     if (Clock::now() >= end) return false;
     std::this_thread::sleep_for(kStep);
-    const std::uint64_t answered = counters.deleted + counters.alreadyGone + counters.refused;
-    if (counters.requested != answered || counters.requested != last) quietSince = Clock::now();
+    if (counters.requested != counters.answered() || counters.requested != last)
+      quietSince = Clock::now();
     last = counters.requested;
   }
   return true;

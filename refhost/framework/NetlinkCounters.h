@@ -1,6 +1,8 @@
 // What the process's netlink sockets have done: conntrack deletions and notifications.
 #pragma once
 
+#include <sys/timerfd.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -13,6 +15,18 @@ struct DeletionCounters {
   std::atomic<std::uint64_t> deleted{0};
   std::atomic<std::uint64_t> alreadyGone{0};  ///< ENOENT
   std::atomic<std::uint64_t> refused{0};      ///< any other error, not sent and not answered too
+
+  /// A timerfd(2), which the first request of a burst sets: it is time to see whether the burst is
+  /// over. Who has seen that calls rearm() before he reads the counters for the last time.
+  const int burstTimer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  void request();
+  void rearm() { burst_ = false; }
+  void setBurstTimer() const;
+
+  [[nodiscard]] std::uint64_t answered() const { return deleted + alreadyGone + refused; }
+
+ private:
+  std::atomic<bool> burst_{false};
 };
 
 /// The process's counters.

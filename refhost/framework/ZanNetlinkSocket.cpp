@@ -158,7 +158,7 @@ ZanNetlinkSocket::~ZanNetlinkSocket() {
 int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
   framework::DeletionCounters& counters = framework::deletionCounters();
   const std::lock_guard<std::mutex> lock(side->requestMutex);
-  ++counters.requested;
+  counters.request();
 
   const std::uint32_t sequence = msg->nlmsg_seq;
   const int answer =

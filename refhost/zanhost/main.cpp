@@ -28,6 +28,7 @@
 #include "refhost/parent/Privileges.h"
 #include "refhost/zanhost/Command.h"
 #include "refhost/zanhost/CommandConsole.h"
+#include "refhost/zanhost/DeletionReport.h"
 #include "refhost/zanhost/HostSession.h"
 #include "refhost/zanhost/LogSink.h"
 #include "refhost/zanhost/ParentWatch.h"
@@ -156,11 +157,10 @@ void awaitLastDeletions() {
   constexpr std::chrono::seconds kLimit{2};
   if (framework::awaitDeletions(kLimit)) return;
   const framework::DeletionCounters& counters = framework::deletionCounters();
-  const std::uint64_t answered = counters.deleted + counters.alreadyGone + counters.refused;
   HOST_LOG(kLogWarning,
            "deletions still go on after %lld s: given up, with %llu requests not answered",
            static_cast<long long>(kLimit.count()),
-           static_cast<unsigned long long>(counters.requested - answered));
+           static_cast<unsigned long long>(counters.requested - counters.answered()));
 }
 
 /// From the first event to the plug-in's end. Returns the exit code.
@@ -168,6 +168,7 @@ int runSession(const Options& options, const std::vector<std::string>& script, i
                Plugin& plugin, const base::UniqueFd& signals) {
   HostSession session(STDOUT_FILENO, channel);
   framework::EventLoop& loop = HostSides::loopOf(session.host().zanCom);
+  const DeletionReport deletions(loop);
   loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
   if (!session.follow(options.wwan)) return kExitUnavailable;
   if (plugin.start(session.host()) != 0) {

@@ -47,9 +47,11 @@ TEST_F(HotspotFlush, ComesBackAfterFiveAndTenSecondsAndThenItsThreadEnds) {
   const auto departure = Hotspot::Clock::now();
   hotspot.lose(0);
   ASSERT_TRUE(hotspot.awaitDeletions(4));
+  EXPECT_TRUE(logs(hotspot.host, "flush over: 4 deleted"));
 
   hotspot.server.sendDatagram(client.ipv6, 40000, "late");
   ASSERT_TRUE(hotspot.awaitDeletions(5));
+  EXPECT_TRUE(logs(hotspot.host, "flush over: 1 deleted"));
   EXPECT_GE(Hotspot::Clock::now() - departure, 5s);
   ASSERT_TRUE(eventually([&] { return threadsOf(process) == threads; }));
   EXPECT_GE(Hotspot::Clock::now() - departure, 10s);
