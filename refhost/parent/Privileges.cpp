@@ -3,6 +3,7 @@
 
 #include <grp.h>
 #include <linux/capability.h>
+#include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -54,12 +55,19 @@ void limitBoundingSet() {
   }
 }
 
-/// False with errno set; a user namespace that does not know nobody is no failure.
-bool becomeNobody() {
+/// The user that the package makes for the host; nobody where there is none.
+uid_t workingUser() {
+  const passwd* user = getpwnam("zanhost");
+  return user != nullptr ? user->pw_uid : kNobody;
+}
+
+/// False with errno set; a user namespace that does not know that user is no failure.
+bool ceaseToBeRoot() {
   if (geteuid() != 0) return true;
+  const uid_t user = workingUser();
   if (setgroups(0, nullptr) != 0 && errno != EPERM) return false;
   if (setresgid(0, 0, 0) != 0) return false;
-  return setresuid(kNobody, kNobody, kNobody) == 0 || errno == EINVAL;
+  return setresuid(user, user, user) == 0 || errno == EINVAL;
 }
 
 std::optional<std::string> failure() {
@@ -70,7 +78,7 @@ std::optional<std::string> failure() {
 
 std::optional<std::string> dropPrivileges() {
   limitBoundingSet();
-  const bool dropped = prctl(PR_SET_KEEPCAPS, 1) == 0 && becomeNobody() && limitSets(kLoading) &&
+  const bool dropped = prctl(PR_SET_KEEPCAPS, 1) == 0 && ceaseToBeRoot() && limitSets(kLoading) &&
                        prctl(PR_SET_KEEPCAPS, 0) == 0 &&
                        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
   return dropped ? std::nullopt : failure();

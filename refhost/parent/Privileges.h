@@ -8,8 +8,9 @@
 namespace parent {
 
 /// Gives up everything but what the plug-in's work needs: CAP_NET_ADMIN, for conntrack requests,
-/// and the group of root, which may read the conntrack table. Root becomes nobody where the user
-/// namespace knows that user. Nothing that is executed later gains anything.
+/// and the group of root, which may read the conntrack table. Root becomes the user
+/// zanhost, or nobody where there is none, if the user namespace knows that user. Nothing that is
+/// executed later gains anything.
 ///
 /// CAP_DAC_READ_SEARCH stays, where it was held, until endLoading(): the plug-in may lie in a
 /// folder that only root may enter.
