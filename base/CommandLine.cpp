@@ -24,13 +24,6 @@ CommandLine& CommandLine::text(const std::string& name, std::string& value,
   return *this;
 }
 
-CommandLine& CommandLine::required(const std::string& name, std::string& value,
-                                   const std::string& help) {
-  text(name, value, help);
-  side_->last->required();
-  return *this;
-}
-
 CommandLine& CommandLine::texts(const std::string& name, std::vector<std::string>& values,
                                 const std::string& help) {
   side_->last = side_->app.add_option(name, values, help)->allow_extra_args(false);
@@ -78,15 +71,6 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
   try {
     side_->app.parse(argc, argv);
     return std::nullopt;
-  } catch (const CLI::RequiredError& missing) {
-    // Who mistypes an option is told of that first, and not that it is missing.
-    const std::vector<std::string> wrong = side_->app.remaining();
-    if (wrong.empty()) {
-      side_->app.exit(missing);
-    } else {
-      side_->app.exit(CLI::ExtrasError(wrong));
-    }
-    return kWrongArguments;
   } catch (const CLI::ParseError& error) {
     return side_->app.exit(error) == 0 ? 0 : kWrongArguments;
   }

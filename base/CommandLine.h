@@ -10,7 +10,7 @@
 namespace base {
 
 /// Declares options and parses them; the values go to the variables that were named, which must
-/// outlive parse(). Every option is optional unless required() says otherwise.
+/// outlive parse(), and stay as they were for options that are not given.
 ///
 /// A narrow front to CLI11, whose header takes longer to compile than most programs that need it.
 class CommandLine {
@@ -26,7 +26,6 @@ class CommandLine {
 
   /// |name| is "--name" for an option with a value, "NAME" for one that is known by its place.
   CommandLine& text(const std::string& name, std::string& value, const std::string& help);
-  CommandLine& required(const std::string& name, std::string& value, const std::string& help);
 
   /// May be given several times.
   CommandLine& texts(const std::string& name, std::vector<std::string>& values,

@@ -45,7 +45,7 @@ constexpr int kExitUnavailable = 1;
 constexpr char kNameAndVersion[] = "zanhost " ZAN_VERSION;
 
 struct Options {
-  std::string plugin;
+  std::string plugin = ZAN_INSTALLED_PLUGIN;
   std::vector<std::string> properties;
   std::string propertiesFile;
   std::string script;
@@ -66,7 +66,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
              "Commands:\n" + commandHelp() +
                  "\nThe end of the input does not end the host; 'quit', SIGINT and SIGTERM "
                  "do.")
-      .required("--plugin", options.plugin, "the plug-in to load")
+      .text("--plugin", options.plugin, "the plug-in to load; the installed one unless given")
       .texts("--property", options.properties, "a system property, NAME=VALUE; repeatable")
       .text("--properties", options.propertiesFile, "a file of NAME=VALUE lines")
       .texts("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")

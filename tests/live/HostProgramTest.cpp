@@ -42,7 +42,7 @@ TEST_F(HostProgram, SaysWhatCannotBeHadBeforeAnythingIsChanged) {
     int exitCode;
     std::string said;
   } cases[] = {
-      {{kHostProgram}, 2, "--plugin is required"},
+      {{kHostProgram}, 1, "/zanhost/vendor.libzanctmgr.so"},
       {{kHostProgram, "--plagin"}, 2, "not expected: --plagin"},
       {{kHostProgram, "--plugin", "/nonexistent.so"}, 1, "/nonexistent.so"},
       {{kHostProgram, "--plugin", "libc.so.6"}, 1, "libc.so.6"},
