@@ -1,13 +1,18 @@
 // Adds and deletes idle-timer rules with iptables and ip6tables.
 #include "refhost/parent/Firewall.h"
 
-#include <unistd.h>
+#include <fcntl.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
+#include <filesystem>
+#include <sstream>
 #include <vector>
 
 #include "base/ChildProcess.h"
+#include "base/UniqueFd.h"
+#include "host/Agreement.h"
 #include "refhost/framework/HostLog.h"
 
 namespace parent {
@@ -27,8 +32,10 @@ constexpr char kPath[] = "/usr/sbin:/sbin:/system/bin";
 /// All that the programs see of an environment.
 std::vector<std::string> environment() {
   std::vector<std::string> result{"PATH=/usr/sbin:/usr/bin:/sbin:/bin:/system/bin", "LC_ALL=C"};
-  // Whoever cannot write the machine's lock file, as in a user namespace, has tables of his own.
-  if (access("/run", W_OK) != 0) result.emplace_back("XTABLES_LOCKFILE=/dev/null");
+  // As iptables opens it. Who cannot have the machine's lock, as in a user namespace, has tables of
+  // his own.
+  const base::UniqueFd lock(open("/run/xtables.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+  if (!lock.valid()) result.emplace_back("XTABLES_LOCKFILE=/dev/null");
   return result;
 }
 
@@ -47,8 +54,9 @@ std::string reasonFor(int result, std::string said) {
   return said;
 }
 
-int run(const std::vector<std::string>& words, const IdleTimerRule& rule,
-        const Firewall::Complain& complain) {
+/// What the program says goes to |output|, if that is not null.
+int run(const std::vector<std::string>& words, const std::string& purpose,
+        const Firewall::Complain& complain, std::string* output = nullptr) {
   base::Program program;
   program.path = base::findProgram(words.front(), kPath);
   if (program.path.empty()) program.path = "/usr/sbin/" + words.front();
@@ -56,13 +64,23 @@ int run(const std::vector<std::string>& words, const IdleTimerRule& rule,
   program.environment = environment();
   program.descriptors =
       base::Program::Descriptors::kInherited;  // the keeper's pipe: see RuleKeeper
-  const base::ProgramRun run = base::run(program, {}, kTimeLimit);
+  base::ProgramRun run = base::run(program, {}, kTimeLimit);
   const int result = resultOf(run);
   if (result != 0) {
-    complain(program.path + " failed with " + std::to_string(result) + " for " + rule.text() +
-             ": " + reasonFor(result, run.errors));
+    complain(program.path + " failed with " + std::to_string(result) + " for " + purpose + ": " +
+             reasonFor(result, run.errors));
   }
+  if (output != nullptr) *output = std::move(run.output);
   return result;
+}
+
+/// Whether the kernel has an idle timer of ours, in whatever network namespace.
+bool timersAreThere() {
+  std::error_code none;
+  const std::filesystem::directory_iterator timers("/sys/class/xt_idletimer/timers", none);
+  return std::any_of(begin(timers), end(timers), [](const auto& timer) {
+    return timer.path().filename().string().starts_with(kIdleTimerLabelPrefix);
+  });
 }
 
 }  // namespace
@@ -75,14 +93,14 @@ int Firewall::add(const IdleTimerRule& rule) {
   int failure = 0;
   std::vector<const char*> ran;
   for (const char* program : kPrograms) {
-    failure = run(rule.command(program, IdleTimerRule::Action::kAdd), rule, complain_);
+    failure = run(rule.command(program, IdleTimerRule::Action::kAdd), rule.text(), complain_);
     if (failure != kNotRun) ran.push_back(program);
     if (failure != 0) break;
   }
   if (failure == 0) return 0;
   for (const char* program : ran) {
-    if (!isDefinite(
-            run(rule.command(program, IdleTimerRule::Action::kDelete), rule, ignoreComplaint))) {
+    if (!isDefinite(run(rule.command(program, IdleTimerRule::Action::kDelete), rule.text(),
+                        ignoreComplaint))) {
       failure = kNotTakenBack;
     }
   }
@@ -92,8 +110,27 @@ int Firewall::add(const IdleTimerRule& rule) {
 int Firewall::remove(const IdleTimerRule& rule) {
   int result = 0;
   for (const char* program : kPrograms) {
-    const int failure = run(rule.command(program, IdleTimerRule::Action::kDelete), rule, complain_);
+    const int failure =
+        run(rule.command(program, IdleTimerRule::Action::kDelete), rule.text(), complain_);
     if (failure != 0 && (result == 0 || !isDefinite(failure))) result = failure;
+  }
+  return result;
+}
+
+int Firewall::sweep() {
+  if (!timersAreThere()) return 0;
+  int result = 0;
+  const auto note = [&result](int failure) { result = result != 0 ? result : failure; };
+  for (const char* program : kPrograms) {
+    std::string rules;
+    note(run({program, "-w", "-t", "mangle", "-S"}, "the list of rules", complain_, &rules));
+    std::istringstream lines(rules);
+    for (std::string line; std::getline(lines, line);) {
+      const auto rule = IdleTimerRule::parse(line);
+      if (!rule) continue;
+      HOST_LOG(kLogNotice, "deleting what was left: %s, %s", program, rule->text().c_str());
+      note(run(rule->command(program, IdleTimerRule::Action::kDelete), rule->text(), complain_));
+    }
   }
   return result;
 }

@@ -33,6 +33,11 @@ class Firewall {
   /// Deletes |rule| for both families; a failure of one does not keep the other. Results as above.
   virtual int remove(const IdleTimerRule& rule);
 
+  /// Deletes the rules of every host, whether it runs or has been killed, from this network
+  /// namespace: those that are, to the word, as add() makes them. Results as above; 0 when there
+  /// were none.
+  int sweep();
+
   /// Whether |result| is the program's own word. Otherwise, a failed add() with kNotRun apart,
   /// the rule may be there.
   [[nodiscard]] static bool isDefinite(int result);

@@ -23,6 +23,7 @@
 #include "refhost/framework/HostSides.h"
 #include "refhost/framework/NetlinkCounters.h"
 #include "refhost/framework/Properties.h"
+#include "refhost/parent/Firewall.h"
 #include "refhost/parent/IdleTimerSupport.h"
 #include "refhost/parent/PrivilegedParent.h"
 #include "refhost/parent/Privileges.h"
@@ -52,6 +53,7 @@ struct Options {
   std::vector<std::string> wwan;
   std::string logFormat = "text";
   int logLevel = kLogNotice;
+  bool sweep = false;
 };
 
 int fail(int code, const std::string& text) {
@@ -74,6 +76,8 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .choice("--log-format", options.logFormat, {"text", "json"},
               "what standard error gets: lines of text, the default, or of JSON")
       .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
+      .flag("--sweep", options.sweep,
+            "delete the idle-timer rules of hosts that were killed, and end")
       .version(kNameAndVersion)
       .parse(argc, argv);
 }
@@ -209,10 +213,16 @@ int runHost(const Options& options, const std::vector<std::string>& script,
   return code;
 }
 
+int sweep(const Options& options) {
+  const LogSink log(STDERR_FILENO, logFormatOf(options), options.logLevel);
+  return parent::Firewall().sweep() == 0 ? 0 : kExitUnavailable;
+}
+
 int run(int argc, char** argv) {
   fillStandardStreams();
   Options options;
   if (const auto status = readOptions(argc, argv, options)) return *status;
+  if (options.sweep) return sweep(options);
 
   std::vector<std::string> script;
   if (!options.script.empty()) {
