@@ -2,42 +2,23 @@
 #include "refhost/zanhost/CommandConsole.h"
 
 #include <poll.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <utility>
 #include <variant>
 
 namespace zanhost {
-namespace {
-
-/// A timer of zero would be off.
-constexpr std::chrono::nanoseconds kAtOnce{1};
-
-timespec toTimespec(std::chrono::nanoseconds time) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-  timespec result{};
-  result.tv_sec = static_cast<std::time_t>(seconds.count());
-  result.tv_nsec = static_cast<decltype(result.tv_nsec)>((time - seconds).count());
-  return result;
-}
-
-}  // namespace
 
 CommandConsole::CommandConsole(framework::EventLoop& eventLoop, Execute onCommand,
                                Refuse onWrongLine)
     : loop_(eventLoop),
       execute_(std::move(onCommand)),
       refuse_(std::move(onWrongLine)),
-      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-  loop_.watch(timer_.get(), timerReady, this, nullptr, POLLIN);
-}
+      timer_(loop_, [this] { carryOutNext(); }) {}
 
 CommandConsole::~CommandConsole() {
-  loop_.unwatch(timer_.get());
   if (input_ != -1) loop_.unwatch(input_);
 }
 
@@ -84,16 +65,8 @@ void CommandConsole::split() {
   unfinished_.clear();
 }
 
-void CommandConsole::timerReady(int fd, void* cbData) {
-  std::uint64_t expirations = 0;
-  if (read(fd, &expirations, sizeof(expirations)) != sizeof(expirations)) return;
-  static_cast<CommandConsole*>(cbData)->carryOutNext();
-}
-
 void CommandConsole::schedule(std::chrono::milliseconds delay) {
-  itimerspec setting{};
-  setting.it_value = toTimespec(delay.count() == 0 ? kAtOnce : std::chrono::nanoseconds(delay));
-  timerfd_settime(timer_.get(), 0, &setting, nullptr);
+  timer_.set(delay);
   scheduled_ = true;
 }
 

@@ -5,9 +5,9 @@
 #include <functional>
 #include <string>
 
-#include "base/UniqueFd.h"
 #include "refhost/framework/EventLoop.h"
 #include "refhost/zanhost/Command.h"
+#include "refhost/zanhost/Timer.h"
 
 namespace zanhost {
 
@@ -43,7 +43,6 @@ class CommandConsole {
 
  private:
   static void inputReady(int fd, void* cbData);
-  static void timerReady(int fd, void* cbData);
 
   /// The timer starts the next command: at once, or after |delay|.
   void schedule(std::chrono::milliseconds delay);
@@ -53,7 +52,7 @@ class CommandConsole {
   framework::EventLoop& loop_;
   Execute execute_;
   Refuse refuse_;
-  base::UniqueFd timer_;
+  Timer timer_;
   std::deque<std::string> lines_;
   std::string unfinished_;  ///< what was read behind the last newline
   int input_ = -1;
