@@ -53,44 +53,56 @@ void Demo::run() {
   straggle();
   loseUpstream();
   summarise();
+  waiting_.until(Clock::now() + report_.moment());
   report_.endHost(*host_);
 }
 
 void Demo::introduce() const {
   report_.say(
-      "A phone shares its mobile data as a hotspot. The kernel keeps an entry for each connection\n"
-      "of its clients, also after a client has walked away: for TCP up to five days, and late\n"
-      "packets for it go on occupying the mobile link. The connection-tracking manager deletes "
-      "the\n"
-      "entries of a client that leaves, at once and again after 5 and 10 seconds, and the entries\n"
-      "of an upstream address that is lost. You will see it work on a live kernel: this hotspot\n"
-      "is made of network namespaces, the connections are real, the tables are the kernel's own.\n"
+      "A phone shares its mobile data as a hotspot. The kernel keeps an entry for each connection "
+      "of its clients, also after a client has walked away: for TCP up to five days, and late "
+      "packets for it go on occupying the mobile link. The connection-tracking manager deletes the "
+      "entries of a client that leaves, at once and again after 5 and 10 seconds, and the entries "
+      "of an upstream address that is lost.");
+  report_.show(
       "\n"
-      "   client A  10.43.0.2  ---- ap0 \\\n"
-      "             2001:db8:43::2       gateway (host + plug-in)  wan0 203.0.113.1 ---- server\n"
-      "   client B  10.43.1.2  ---- ap1 /  IPv4: NAT, IPv6: routed                   203.0.113.2\n"
-      "             2001:db8:43:1::2                                             2001:db8:ffff::2");
+      "   client A           ap0 +----------------+ wan0         server\n"
+      "   10.43.0.2         -----| gateway:       |------------- 203.0.113.2\n"
+      "   2001:db8:43::2         | host + plug-in | 203.0.113.1  2001:db8:ffff::2\n"
+      "   client B           ap1 | NAT for IPv4,  |\n"
+      "   10.43.1.2         -----| routed IPv6    |\n"
+      "   2001:db8:43:1::2       +----------------+\n"
+      "\n");
+  report_.say(
+      "You will see it work on a live kernel: this hotspot is made of network namespaces, the "
+      "connections are real, the tables are the kernel's own.");
+  waiting_.until(Clock::now() + DemoReport::kIntroduction * report_.moment());
+}
+
+void Demo::act(const std::string& title) {
+  waiting_.until(Clock::now() + report_.moment());
+  report_.act(title);
 }
 
 void Demo::raise() {
-  report_.act("The hotspot is raised and the host loads the plug-in");
+  act("The hotspot is raised and the host loads the plug-in");
   const Clock::time_point begin = Clock::now();
   network_.emplace();
   server_.emplace(network_->upstream());
-  report_.observe(Clock::now(), "hotspot raised, in " + inMs(Clock::now() - begin));
+  recording_.observe(Clock::now(), "hotspot raised, in " + inMs(Clock::now() - begin));
 
   // The host starts before any client speaks: it learns addresses only from what it hears.
   host_.emplace(hostOptions_, network_->gateway());
-  report_.observe(Clock::now(), "host ready, plug-in loaded");
+  recording_.observe(Clock::now(), "host ready, plug-in loaded");
   host_->command("clients " + network_->client(kA).mac + " " + network_->client(kB).mac);
   report_.say("   raised in " + inMs(Clock::now() - begin) + ", the host knows clients A and B");
 }
 
 void Demo::openConnections() {
-  report_.act("Both clients open " + to_string(kPerKind) + " connections of each kind");
+  act("Both clients open " + to_string(kPerKind) + " connections of each kind");
   connectionsA_.emplace(*network_, kA, kPerKind, server_->port());
   connectionsB_.emplace(*network_, kB, kPerKind, server_->port());
-  report_.observe(Clock::now(), "clients A and B have all their connections open");
+  recording_.observe(Clock::now(), "clients A and B have all their connections open");
   awaitNeighbours();
 
   const Entries all = lab::readConntrackTable(network_->gateway());
@@ -103,14 +115,14 @@ void Demo::openConnections() {
 }
 
 void Demo::leave() {
-  report_.act("Client A walks away: its link goes down, the host is told (event 27)");
+  act("Client A walks away: its link goes down, the host is told (event 27)");
   const Entries before = network_->entriesOf(kB);
   vanished_ += network_->entriesOf(kA).size();
   network_->detachClient(kA);
   connectionsA_->abandon();
 
   departure_ = Clock::now();
-  report_.observe(departure_, "client A has left: event 27, the clients are now: B");
+  recording_.observe(departure_, "client A has left: event 27, the clients are now: B");
   host_->command("clients " + network_->client(kB).mac);
   const auto gone = untilNone([this] { return network_->entriesOf(kA); });
   awaitAnswers();
@@ -118,7 +130,7 @@ void Demo::leave() {
   const Entries left = network_->entriesOf(kA, all);
   report_.check(gone.has_value() && left.empty(), "every TCP and UDP entry of A is deleted",
                 "none left", gone ? "after " + inMs(*gone - departure_) : list(left));
-  report_.observe(*gone, "the kernel's table has no TCP or UDP entry of A any more");
+  recording_.observe(*gone, "the kernel's table has no TCP or UDP entry of A any more");
   report_.table(*network_, all);
 
   const std::size_t kept = lab::countSurvivors(before, network_->entriesOf(kB));
@@ -127,11 +139,11 @@ void Demo::leave() {
   const std::size_t echoed = connectionsB_->exchange();
   report_.check(echoed == kPerClient, "B's connections still carry data",
                 to_string(kPerClient) + " echoes", to_string(echoed) + " echoes");
-  report_.observe(Clock::now(), "all connections of B echoed new data");
+  recording_.observe(Clock::now(), "all connections of B echoed new data");
 }
 
 void Demo::straggle() {
-  report_.act("Two seconds later a late datagram for A arrives from the server");
+  act("Two seconds later a late datagram for A arrives from the server");
   const auto ofA = [this] { return network_->entriesOf(kA); };
   waiting_.until(departure_ + kStragglerDelay);
   report_.check(ofA().empty(), "A's entries are still gone", "none", list(ofA()));
@@ -143,36 +155,36 @@ void Demo::straggle() {
   });
   report_.check(came.has_value() && late.size() == 1, "the kernel has made a new entry for it",
                 "1 entry", list(late));
-  report_.observe(*came, "a late datagram from the server made a new entry for A");
+  recording_.observe(*came, "a late datagram from the server made a new entry for A");
   vanished_ += late.size();
 
   const auto gone = untilNone(ofA);
   report_.check(gone && *gone - departure_ >= kFlushPause, "a repeated flush has removed it",
                 "gone " + inMs(kFlushPause) + " or more after the departure",
                 gone ? "gone " + inMs(*gone - departure_) + " after the departure" : list(ofA()));
-  report_.observe(*gone, "a repeated flush has removed the late entry");
+  recording_.observe(*gone, "a repeated flush has removed the late entry");
 }
 
 void Demo::loseUpstream() {
   const std::string lost = lab::HotspotNetwork::kGatewayIpv4;
-  report_.act("The upstream address " + lost + " is lost (event 28)");
+  act("The upstream address " + lost + " is lost (event 28)");
   const Entries natted = entriesOfB(4);
   const Entries routed = entriesOfB(6);
   const auto behindLost = static_cast<std::size_t>(
       std::count_if(natted.begin(), natted.end(),
                     [&lost](const auto& entry) { return entry.reply.destination == lost; }));
   report_.check(behindLost == kPerClient / 2 && routed.size() == kPerClient / 2,
-                "B has entries behind that address, and others",
+                "B has entries behind it, and others",
                 to_string(kPerClient / 2) + " IPv4 behind it, as many IPv6",
                 to_string(behindLost) + " IPv4 behind it, " + to_string(routed.size()) + " IPv6");
 
   const Clock::time_point begin = Clock::now();
-  report_.observe(begin, "event 28: " + lost + " is lost");
+  recording_.observe(begin, "event 28: " + lost + " is lost");
   host_->command("upstream-lost " + lost);
   const auto gone = untilNone([this] { return entriesOfB(4); });
   report_.check(gone.has_value(), "B's IPv4 entries are deleted", "none left",
                 gone ? "after " + inMs(*gone - begin) : list(entriesOfB(4)));
-  report_.observe(*gone, "the kernel's table has no IPv4 entry of B any more");
+  recording_.observe(*gone, "the kernel's table has no IPv4 entry of B any more");
   vanished_ += behindLost;
 
   awaitAnswers();
@@ -182,19 +194,17 @@ void Demo::loseUpstream() {
 }
 
 void Demo::summarise() {
-  report_.act("What was observed (t = 0: client A leaves)");
+  act("What was observed (t = 0: client A leaves)");
   for (const lab::HostProcess::LogLine& line : host_->log()) {
     if (line.text.find("Disconnected client Info") == std::string::npos) continue;
-    report_.observe(line.received, "plug-in's log: " + line.text);
+    const std::size_t text = line.text.find(": ");
+    recording_.observe(line.received, "plug-in's log: " + line.text.substr(text + 2));
   }
-  report_.timeline(departure_);
+  report_.show(recording_.timeline(departure_));
 
   const bool agreed = awaitAnswers();
-  const lab::HostState status = host_->status();
-  report_.say("   host's counters: deletions " + status.deletions.text() + "; " +
-              to_string(status.neighbourEvents) + " neighbour notifications");
-  report_.check(agreed,
-                "the host counts as many deletions as entries vanished from the kernel's table",
+  report_.say("   the host's own count: " + host_->status().deletions.text());
+  report_.check(agreed, "the host counts as many deletions as entries vanished",
                 to_string(vanished_), to_string(deletionsCounted()));
 }
 

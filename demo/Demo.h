@@ -8,6 +8,7 @@
 
 #include "demo/DemoReport.h"
 #include "demo/Program.h"
+#include "demo/Recording.h"
 #include "lab/ClientConnections.h"
 #include "lab/ConntrackTable.h"
 #include "lab/EchoServer.h"
@@ -34,6 +35,8 @@ class Demo {
   using Entries = lab::ConntrackEntries;
 
   void introduce() const;
+  /// Starts the next act, when the one before has been read.
+  void act(const std::string& title);
   void raise();
   void openConnections();
   void leave();
@@ -64,6 +67,7 @@ class Demo {
   std::optional<lab::ClientConnections> connectionsA_;
   std::optional<lab::ClientConnections> connectionsB_;
 
+  Recording recording_;
   Clock::time_point departure_;
   /// Entries seen in the table that the plug-in then had deleted.
   std::size_t vanished_ = 0;

@@ -12,7 +12,6 @@
 int main(int argc, char** argv) {
   lab::HostProcess::Options host;
   int timers = 1;
-  bool kernelText = false;
   const auto status =
       base::CommandLine(
           "Shows the two jobs of a plug-in, run by a host program, on the kernel of this machine,\n"
@@ -21,21 +20,19 @@ int main(int argc, char** argv) {
           "lost;\n"
           "     what is left of their connections is deleted\n"
           "  2. a mobile link falls asleep; the kernel's idle timer runs out and is set back\n"
-          "Takes about half a minute. Needs root or unprivileged user namespaces, and the "
-          "programs\n"
-          "ip, iptables and ip6tables. Nothing outside the namespaces is touched.",
+          "Takes about half a minute, a minute on a terminal, where it can be read as it goes.\n"
+          "Needs root or unprivileged user namespaces, and the programs ip, iptables and\n"
+          "ip6tables. Nothing outside the namespaces is touched.",
           "Exit status: 0 everything shown held, 1 something did not (it says what), 2 wrong\n"
           "arguments, 130 interrupted.")
           .text("--host", host.program, "the host program, unless it is that of this build")
           .text("--plugin", host.plugin, "the same for the plug-in")
           .number("--timers", timers, 1, demo::IdleDemo::kTimers,
                   "how many idle timers run out; all take three minutes more")
-          .flag("--kernel-text", kernelText, "also print the kernel's own lines")
           .parse(argc, argv);
   if (status) return *status;
   return demo::runProgram("zandemo", [&](const demo::Waiting& waiting) {
-    using KernelText = demo::DemoReport::KernelText;
-    demo::DemoReport report(kernelText ? KernelText::kShown : KernelText::kLeftOut);
+    demo::DemoReport report;
     demo::Demo(host, report, waiting).run();
     demo::IdleDemo(host, report, waiting, timers).run();
     report.end();

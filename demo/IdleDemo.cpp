@@ -77,29 +77,33 @@ void IdleDemo::run() {
 }
 
 void IdleDemo::introduce() const {
+  report_.show("\n");
   report_.say(
-      "\n"
-      "The second job: idle mobile links. While a link is dormant and nobody uses the hotspot,\n"
-      "the modem filters its packets. A timer in the kernel, fed by firewall rules, tells when\n"
-      "the link has carried nothing for 5 seconds; then the modem gets its listen filters, and\n"
-      "the timer starts again with 10, 20, 40 and 80 seconds. Any packet sets it back; tethering\n"
-      "on a dormant link takes rules, timer and filters away. Link and timer are the kernel's,\n"
-      "the modem is the host's stand-in: it keeps what it is told.\n"
-      "\n"
-      "   gateway (host + plug-in)  mobile link  198.51.0.1 ---- 198.51.0.2  network");
+      "The second job: idle mobile links. While a link is dormant and nobody uses the hotspot, the "
+      "modem filters its packets. A timer in the kernel, fed by firewall rules, tells when the "
+      "link has carried nothing for 5 seconds; then the modem gets its listen filters, and the "
+      "timer starts again with 10, 20, 40 and 80 seconds. Any packet sets it back; tethering on a "
+      "dormant link takes rules, timer and filters away. Link and timer are the kernel's, the "
+      "modem is the host's stand-in: it keeps what it is told.");
+  report_.show("\n   gateway (host + plug-in)  mobile link  198.51.0.1 ---- 198.51.0.2  network\n");
+  waiting_.until(Clock::now() + DemoReport::kIntroduction * report_.moment());
+}
+
+void IdleDemo::act(const std::string& title) {
+  if (host_) watch(report_.moment());
+  report_.act(title);
 }
 
 void IdleDemo::raise() {
-  report_.act("A mobile link connects, and the host follows it");
+  act("A mobile link connects, and the host follows it");
   hostOptions_.arguments = {"--wwan", link_.name()};
   hostOptions_.end = lab::HostProcess::Options::End::kInOrder;
   host_.emplace(hostOptions_, network_.gateway());
   const LinkMoment before = look();
   report_.check(!before.connected && !before.timer && filterText(before) == "none",
-                "before it does, there is nothing", "not connected, no filters, no timer",
+                "before, there is nothing", "not connected, no filters, no timer",
                 std::string(before.connected ? "connected" : "not connected") +
                     ", filters: " + filterText(before) + ", " + timerText(before));
-  report_.timers();
   const Clock::time_point begin = Clock::now();
   link_.connect();
   const bool connected = await([](const LinkMoment& now) { return now.connected; });
@@ -111,38 +115,36 @@ void IdleDemo::raise() {
       await([this](const LinkMoment& now) { return now.when - lastFrame_ >= kQuiet; });
   report_.check(quiet, "its own announcements are over: no frame in " + inSeconds(kQuiet),
                 "no frame",
-                std::to_string(moments_.back().frames) + " frames before, the last after " +
+                std::to_string(last().frames) + " frames before, the last after " +
                     inSeconds(lastFrame_ - begin));
 }
 
 void IdleDemo::fallAsleep() {
-  report_.act("The modem reports the link dormant; tethering is off");
+  act("The modem reports the link dormant; tethering is off");
   host_->command("dormancy " + link_.name() + " dormant");
   const bool timed = await([](const LinkMoment& now) { return now.timer.has_value(); });
-  const LinkMoment& now = moments_.back();
+  const LinkMoment& now = last();
   report_.check(now.dormant && !now.tethering && now.filters, "the modem has its filters",
                 "filters", filterText(now));
   report_.check(timed, "the kernel runs the timer CT_" + link_.name(), "a timer", timerText(now));
-  report_.timers();
   checkRules(kRules);
 }
 
 void IdleDemo::idle() {
-  report_.act("Nothing is sent: the timer runs out");
+  act("Nothing is sent: the timer runs out");
   expire(kFirstTimer);
   const LinkMoment now = look();
   report_.check(now.filters && now.listenFilters, "the modem has its listen filters too",
                 "filters and listen filters", filterText(now));
-  report_.timers();
   checkRules(kRules);
 }
 
 void IdleDemo::speak() {
-  report_.act("One datagram goes over the link");
+  act("One datagram goes over the link");
   const bool down =
       await([](const LinkMoment& now) { return now.timer && *now.timer <= kRunDown; });
   report_.check(down, "the timer has run down a bit before",
-                "at most " + std::to_string(kRunDown) + " s left", timerText(moments_.back()));
+                "at most " + std::to_string(kRunDown) + " s left", timerText(last()));
   const Clock::time_point sent = Clock::now();
   link_.sendOut(AF_INET);
   int before = kRunDown;
@@ -152,19 +154,17 @@ void IdleDemo::speak() {
   });
   report_.check(restarted, "the kernel has set it back to " + std::to_string(kSecondTimer) + " s",
                 "more than before, and no longer timer",
-                timerText(moments_.back()) + ", " + inSeconds(moments_.back().when - sent) +
-                    " after the datagram");
-  if (timers_ == 1) await([](const LinkMoment&) { return false; }, seconds(2));
+                timerText(last()) + " after " + inSeconds(last().when - sent));
+  if (timers_ == 1) watch(seconds(2));
 }
 
 void IdleDemo::quieten() {
-  report_.act("Quiet again: each timer runs out in turn");
+  act("Quiet again: each timer runs out in turn");
   report_.say(
       "   The kernel may let a timer run an eighth longer than asked. ARP does not set it back.");
   int timer = kSecondTimer;
   for (int left = timers_ - 1; left > 0 && timer < kLongestTimer; --left, timer *= 2) {
     expire(timer);
-    report_.timers();
     checkRules(kRules);
   }
   if (timers_ < kTimers) return;
@@ -175,28 +175,28 @@ void IdleDemo::quieten() {
             kQuiet);
   report_.check(!changed, "the modem keeps its filters, and no other timer comes",
                 "filters and listen filters, no timer, for " + inSeconds(kQuiet),
-                filterText(moments_.back()) + ", " + timerText(moments_.back()));
+                filterText(last()) + ", " + timerText(last()));
 }
 
 void IdleDemo::tether() {
-  report_.act("Tethering is switched on");
+  act("Tethering is switched on");
   host_->command("tethering on");
   const LinkMoment now = look();
   report_.check(now.tethering && filterText(now) == "none", "the modem has no filters any more",
                 "none", filterText(now));
   report_.check(!now.timer, "the kernel's timer is gone", "no timer", timerText(now));
-  report_.timers();
   checkRules(0);
-  await([](const LinkMoment&) { return false; }, seconds(1));
+  watch(seconds(1));
 }
 
 void IdleDemo::summarise() {
-  report_.act("What was observed");
+  act("What was observed");
   std::vector<Clock::time_point> idleReports;
   for (const lab::HostProcess::LogLine& line : host_->log()) {
     if (line.text.find("idleStatus = 1") != std::string::npos) idleReports.push_back(line.received);
   }
-  report_.picture(moments_, idleReports);
+  report_.show(recording_.chart(idleReports));
+  waiting_.until(Clock::now() + report_.moment());
 }
 
 void IdleDemo::stopHost() {
@@ -217,7 +217,7 @@ void IdleDemo::expire(int timer) {
   // the next, so the second look counts.
   const bool over = await([&](const LinkMoment& now) { return ranOut(now) && ranOut(look()); },
                           seconds(timer) + base::kPatience);
-  const LinkMoment& now = moments_.back();
+  const LinkMoment& now = last();
   const Clock::duration took = now.when - start;
   report_.check(over && took >= seconds(timer) - kTick,
                 "the timer of " + std::to_string(timer) + " s has run out",
@@ -244,6 +244,10 @@ bool IdleDemo::await(const Condition& condition, Clock::duration limit) {
   return waiting_.until(holds, limit, kLookStep).has_value();
 }
 
+void IdleDemo::watch(Clock::duration time) {
+  static_cast<void>(await([](const LinkMoment&) { return false; }, time));
+}
+
 LinkMoment IdleDemo::look() {
   LinkMoment now;
   const lab::HostState status = host_->status();
@@ -257,11 +261,11 @@ LinkMoment IdleDemo::look() {
   now.frames = framesOf(network_.gateway(), link_.name());
   now.when = Clock::now();
 
-  if (moments_.empty() || moments_.back().frames != now.frames) lastFrame_ = now.when;
-  const auto before = moments_.empty() ? std::nullopt : moments_.back().timer;
+  if (recording_.link().empty() || last().frames != now.frames) lastFrame_ = now.when;
+  const auto before = recording_.link().empty() ? std::nullopt : last().timer;
   const bool begins = now.timer && (!before || *now.timer > *before);
-  if (begins && !moments_.empty()) timerStart_ = moments_.back().when;
-  moments_.push_back(now);
+  if (begins && !recording_.link().empty()) timerStart_ = last().when;
+  recording_.add(now);
   return now;
 }
 

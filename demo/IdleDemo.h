@@ -10,6 +10,7 @@
 #include "base/Patience.h"
 #include "demo/DemoReport.h"
 #include "demo/Program.h"
+#include "demo/Recording.h"
 #include "lab/HostProcess.h"
 #include "lab/HotspotNetwork.h"
 #include "lab/MobileLink.h"
@@ -36,6 +37,8 @@ class IdleDemo {
   using Condition = std::function<bool(const LinkMoment&)>;
 
   void introduce() const;
+  /// Starts the next act, when the one before has been read.
+  void act(const std::string& title);
   void raise();
   void fallAsleep();
   void idle();
@@ -48,7 +51,10 @@ class IdleDemo {
   /// Looks at the link until |condition| holds for what it sees, at most for |limit|; says now and
   /// then that it still waits. True when it came to hold.
   bool await(const Condition& condition, Clock::duration limit = base::kPatience);
+  /// Looks at the link for so long.
+  void watch(Clock::duration time);
   LinkMoment look();
+  [[nodiscard]] const LinkMoment& last() const { return recording_.link().back(); }
 
   /// Waits for the timer of |timer| seconds to run out on the quiet link, and checks that it took
   /// no less. A longer one has to follow, unless it was the last.
@@ -65,7 +71,7 @@ class IdleDemo {
   lab::MobileLink link_{network_.gateway(), 0};
   std::optional<lab::HostProcess> host_;
 
-  std::vector<LinkMoment> moments_;
+  Recording recording_;
   Clock::time_point lastFrame_;
   /// The last look before the timer was seen to begin anew.
   Clock::time_point timerStart_;

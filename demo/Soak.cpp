@@ -71,7 +71,7 @@ Soak::Soak(const lab::HostProcess::Options& host, std::uint32_t seed, DemoReport
 
 void Soak::run(std::chrono::minutes length) {
   report_.say("Seed " + to_string(seed_) + ": " + to_string(SoakGuests::kCount) +
-              " hotspot clients with hundreds of connections each, their upstream address and a\n"
+              " hotspot clients with hundreds of connections each, their upstream address and a "
               "mobile link come and go for " +
               to_string(length.count()) + " min. Waits for the last flushes come on top.");
   const Clock::time_point begin = Clock::now();
