@@ -3,7 +3,9 @@
 
 #include <spdlog/async.h>
 #include <spdlog/sinks/base_sink.h>
+#include <syslog.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdarg>
@@ -61,6 +63,14 @@ std::string oneLine(std::string text) {
 
 std::string textLine(int level, int module, std::string text) {
   return fmt::format("{} {} {} {}", timeStamp(), level, moduleName(module),
+                     oneLine(std::move(text)));
+}
+
+/// The journal has a time of its own.
+std::string journalLine(int level, int module, std::string text) {
+  constexpr std::array kPriorities{LOG_DEBUG, LOG_DEBUG, LOG_NOTICE, LOG_WARNING, LOG_ERR};
+  const auto place = static_cast<std::size_t>(std::clamp(level, +kLogTrace, +kLogError));
+  return fmt::format("<{}>{} {}", kPriorities.at(place), moduleName(module),
                      oneLine(std::move(text)));
 }
 
@@ -150,9 +160,17 @@ void LogSink::log(int level, int module, const char* format, ...) {
 }
 
 void LogSink::write(int level, int module, std::string text) {
-  writer_->lines->info(format_ == Format::kJson
-                           ? logLineJson({timeStamp(), level, moduleName(module), text})
-                           : textLine(level, module, std::move(text)));
+  switch (format_) {
+    case Format::kText:
+      writer_->lines->info(textLine(level, module, std::move(text)));
+      break;
+    case Format::kJson:
+      writer_->lines->info(logLineJson({timeStamp(), level, moduleName(module), text}));
+      break;
+    case Format::kJournal:
+      writer_->lines->info(journalLine(level, module, std::move(text)));
+      break;
+  }
 }
 
 }  // namespace zanhost

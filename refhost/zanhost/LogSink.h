@@ -1,4 +1,4 @@
-// The reference host's log object: lines to a stream, as text or as JSON.
+// The reference host's log object: lines to a stream, as text, as JSON or for the journal.
 #pragma once
 
 #include <atomic>
@@ -16,11 +16,14 @@ namespace zanhost {
 ///
 ///   text   2026-11-21T05:50:33.123456Z 2 CT_MGR ZanConnTrackMgr::No change in sap clients
 ///   json   {"time":"2026-11-21T05:50:33.123456Z","level":2,"module":"CT_MGR","text":"..."}
+///   journal  <5>CT_MGR ZanConnTrackMgr::No change in sap clients
+///
+/// The number in a line for the journal is a priority of syslog(3), as sd-daemon(3) tells.
 ///
 /// Thread: log() any; the rest the thread that owns the sink.
 class LogSink final : public ZanMsg {
  public:
-  enum class Format { kText, kJson };
+  enum class Format { kText, kJson, kJournal };
 
   static constexpr std::size_t kQueueLength = 8192;
 

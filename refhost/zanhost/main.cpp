@@ -73,8 +73,8 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .text("--properties", options.propertiesFile, "a file of NAME=VALUE lines")
       .texts("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
       .text("--script", options.script, "read commands from this file, not standard input")
-      .choice("--log-format", options.logFormat, {"text", "json"},
-              "what standard error gets: lines of text, the default, or of JSON")
+      .choice("--log-format", options.logFormat, {"text", "json", "journal"},
+              "what standard error gets: lines of text, the default, of JSON, or with priorities")
       .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
       .flag("--sweep", options.sweep,
             "delete the idle-timer rules of hosts that were killed, and end")
@@ -83,7 +83,8 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
 }
 
 LogSink::Format logFormatOf(const Options& options) {
-  return options.logFormat == "json" ? LogSink::Format::kJson : LogSink::Format::kText;
+  if (options.logFormat == "json") return LogSink::Format::kJson;
+  return options.logFormat == "journal" ? LogSink::Format::kJournal : LogSink::Format::kText;
 }
 
 /// The script's lines, or what is wrong with them: a script is checked before anything starts.
