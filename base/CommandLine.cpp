@@ -30,6 +30,12 @@ CommandLine& CommandLine::texts(const std::string& name, std::vector<std::string
   return *this;
 }
 
+CommandLine& CommandLine::words(const std::string& name, std::vector<std::string>& values,
+                                const std::string& help) {
+  side_->last = side_->app.add_option(name, values, help);
+  return *this;
+}
+
 CommandLine& CommandLine::choice(const std::string& name, std::string& value,
                                  const std::vector<std::string>& accepted,
                                  const std::string& help) {

@@ -31,6 +31,10 @@ class CommandLine {
   CommandLine& texts(const std::string& name, std::vector<std::string>& values,
                      const std::string& help);
 
+  /// All that remains, in order.
+  CommandLine& words(const std::string& name, std::vector<std::string>& values,
+                     const std::string& help);
+
   /// One of |accepted|.
   CommandLine& choice(const std::string& name, std::string& value,
                       const std::vector<std::string>& accepted, const std::string& help);

@@ -17,6 +17,7 @@
 #include "refhost/framework/EventLoop.h"
 #include "refhost/framework/HostLog.h"
 #include "refhost/parent/CommandServer.h"
+#include "refhost/parent/ControlSocket.h"
 #include "refhost/parent/Firewall.h"
 #include "refhost/parent/Privileges.h"
 #include "refhost/parent/RuleExecutor.h"
@@ -88,7 +89,7 @@ base::UniqueFd blockSignals() {
   return base::UniqueFd(signalfd(-1, &handled, SFD_CLOEXEC));
 }
 
-int runChild(const base::UniqueFd& channel, const std::function<int(int)>& host) {
+int runChild(Descriptors descriptors, const std::function<int(Descriptors)>& host) {
   if (const auto failure = dropPrivileges()) {
     std::fprintf(stderr, "zanhost: %s\n", failure->c_str());
     return kCannotStart;
@@ -97,13 +98,14 @@ int runChild(const base::UniqueFd& channel, const std::function<int(int)>& host)
   sigemptyset(&ofParent);
   sigaddset(&ofParent, SIGCHLD);
   sigprocmask(SIG_UNBLOCK, &ofParent, nullptr);
-  return host(channel.get());
+  return host(descriptors);
 }
 
 }  // namespace
 
 int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
-                             const std::function<int(int)>& host) {
+                             const std::string& controlPath,
+                             const std::function<int(Descriptors)>& host) {
   RuleKeeper keeper(openLog);
   if (!keeper.valid()) return fail("cannot start the rule keeper");
   std::array<int, 2> ends{};
@@ -112,6 +114,8 @@ int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
   }
   base::UniqueFd parentEnd(ends[0]);
   base::UniqueFd childEnd(ends[1]);
+  ControlSocket control(controlPath);
+  if (control.failed()) return fail(("cannot listen at " + controlPath).c_str());
   base::UniqueFd signals = blockSignals();
   const pid_t child = fork();
   if (child == -1) return fail("cannot fork");
@@ -119,9 +123,11 @@ int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
     parentEnd.reset();
     signals.reset();
     keeper.release();
-    return runChild(childEnd, host);
+    const base::UniqueFd serving = control.serve();
+    return runChild({childEnd.get(), serving.get()}, host);
   }
   childEnd.reset();
+  control.leaveServing();
   std::signal(SIGPIPE, SIG_IGN);
   const auto log = openLog(logLevel);
   return Supervisor(child, parentEnd.get(), keeper).run(signals.get());

@@ -16,15 +16,19 @@
 namespace zanhost {
 
 // A terminal reports room for a single byte too, and would block for more.
-AnswerQueue::AnswerQueue(framework::EventLoop& eventLoop, int fd)
-    : loop_(eventLoop), fd_(fd), atOnce_(isatty(fd) != 0 ? 1 : PIPE_BUF) {}
+AnswerQueue::AnswerQueue(framework::EventLoop& eventLoop, int fd,
+                         std::chrono::milliseconds lastPatience)
+    : loop_(eventLoop),
+      fd_(fd),
+      atOnce_(isatty(fd) != 0 ? 1 : PIPE_BUF),
+      lastPatience_(lastPatience) {}
 
 AnswerQueue::~AnswerQueue() {
   using Clock = std::chrono::steady_clock;
   constexpr int kLookMs = 10;
   loop_.unwatch(fd_);
   write();
-  const auto end = Clock::now() + kLastPatience;
+  const auto end = Clock::now() + lastPatience_;
   while (!queued_.empty() && !letGo_ && Clock::now() < end) {
     pollfd waiting{fd_, POLLOUT, 0};
     poll(&waiting, 1, kLookMs);
@@ -35,10 +39,10 @@ AnswerQueue::~AnswerQueue() {
 void AnswerQueue::add(const std::string& text) {
   if (letGo_) return;
   if (queued_.size() > kMostBytes) {
-    letGo("nobody reads them");
+    giveUp("nobody reads them");
     return;
   }
-  const bool waiting = !queued_.empty();
+  const bool waiting = !empty();
   queued_ += text;
   write();
   if (!queued_.empty() && !waiting) loop_.watch(fd_, writable, this, nullptr, POLLOUT);
@@ -47,21 +51,24 @@ void AnswerQueue::add(const std::string& text) {
 void AnswerQueue::writable(int fd, void* cbData) {
   auto* self = static_cast<AnswerQueue*>(cbData);
   self->write();
-  if (self->queued_.empty()) self->loop_.unwatch(fd);
+  if (!self->queued_.empty()) return;
+  self->loop_.unwatch(fd);
+  self->whenDone_();
 }
 
 void AnswerQueue::write() {
   std::string_view rest = queued_;
   if (!writeTimed(fd_, rest, std::chrono::milliseconds(0), atOnce_) && errno != ETIMEDOUT) {
     rest = {};
-    letGo(std::strerror(errno));
+    giveUp(std::strerror(errno));
   }
   queued_.erase(0, queued_.size() - rest.size());
 }
 
-void AnswerQueue::letGo(const char* why) {
+void AnswerQueue::giveUp(const char* why) {
   if (std::exchange(letGo_, true)) return;
   HOST_LOG(kLogWarning, "answers are dropped from now on: %s", why);
+  whenDone_();
 }
 
 }  // namespace zanhost

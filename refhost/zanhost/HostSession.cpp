@@ -10,7 +10,8 @@
 
 namespace zanhost {
 
-void HostSession::execute(const Command& command) {
+void HostSession::execute(const Command& command, AnswerQueue& answers) {
+  answers_ = &answers;
   std::visit([this](const auto& specific) { carryOut(specific); }, command);
 }
 

@@ -15,13 +15,8 @@ namespace zanhost {
 /// Thread: event thread.
 class HostSession {
  public:
-  /// Answers of commands go to the descriptor |answers|, one line each (help and plain status:
-  /// several), as AnswerQueue writes them. |channel| is the command channel to the privileged
-  /// parent process, or -1.
-  HostSession(int answers, int channel)
-      : answers_(HostSides::loopOf(zan_.zanCom), answers), wwan_(zan_) {
-    zan_.commandChannelFd = channel;
-  }
+  /// |channel| is the command channel to the privileged parent process, or -1.
+  explicit HostSession(int channel) : wwan_(zan_) { zan_.commandChannelFd = channel; }
 
   /// The object that the plug-in is started with.
   [[nodiscard]] Zan& host() { return zan_; }
@@ -31,7 +26,8 @@ class HostSession {
     return wwan_.follow(wwanNames);
   }
 
-  void execute(const Command& command);
+  /// The answer, one line (help and plain status: several), goes to |answers|.
+  void execute(const Command& command, AnswerQueue& answers);
 
  private:
   void carryOut(const ClientsCommand& command);
@@ -46,10 +42,10 @@ class HostSession {
   void carryOut(const DormancyCommand& command);
   void carryOut(const FilteringEndedCommand& command);
   void carryOut(const ModemAnswerCommand& command);
-  void answer(const std::string& text) { answers_.add(text + "\n"); }
+  void answer(const std::string& text) { answers_->add(text + "\n"); }
 
   Zan zan_;
-  AnswerQueue answers_;
+  AnswerQueue* answers_ = nullptr;  ///< of the command that is being carried out
   WwanMonitor wwan_;
 };
 

@@ -29,6 +29,8 @@
 #include "refhost/parent/Privileges.h"
 #include "refhost/zanhost/Command.h"
 #include "refhost/zanhost/CommandConsole.h"
+#include "refhost/zanhost/ControlClient.h"
+#include "refhost/zanhost/ControlServer.h"
 #include "refhost/zanhost/DeletionReport.h"
 #include "refhost/zanhost/HostSession.h"
 #include "refhost/zanhost/LogSink.h"
@@ -54,6 +56,9 @@ struct Options {
   std::string logFormat = "text";
   int logLevel = kLogNotice;
   bool sweep = false;
+  std::string control;
+  std::string connect;
+  std::vector<std::string> command;
 };
 
 int fail(int code, const std::string& text) {
@@ -76,6 +81,9 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .choice("--log-format", options.logFormat, {"text", "json", "journal"},
               "what standard error gets: lines of text, the default, of JSON, or with priorities")
       .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
+      .text("--control", options.control, "take commands at a Unix socket of this path, too")
+      .text("--connect", options.connect, "give COMMAND to the host with this control socket")
+      .words("COMMAND", options.command, "the command's words, for --connect")
       .flag("--sweep", options.sweep,
             "delete the idle-timer rules of hosts that were killed, and end")
       .version(kNameAndVersion)
@@ -169,9 +177,9 @@ void awaitLastDeletions() {
 }
 
 /// From the first event to the plug-in's end. Returns the exit code.
-int runSession(const Options& options, const std::vector<std::string>& script, int channel,
-               Plugin& plugin, const base::UniqueFd& signals) {
-  HostSession session(STDOUT_FILENO, channel);
+int runSession(const Options& options, const std::vector<std::string>& script,
+               parent::Descriptors descriptors, Plugin& plugin, const base::UniqueFd& signals) {
+  HostSession session(descriptors.channel);
   framework::EventLoop& loop = HostSides::loopOf(session.host().zanCom);
   const DeletionReport deletions(loop);
   loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
@@ -179,10 +187,14 @@ int runSession(const Options& options, const std::vector<std::string>& script, i
   if (plugin.start(session.host()) != 0) {
     return fail(kExitUnavailable, "the plug-in refused to start: init_ct_mgr did not return 0");
   }
+  const ControlServer control(
+      loop, descriptors.control,
+      [&](const Command& command, AnswerQueue& asker) { session.execute(command, asker); });
+  AnswerQueue answers(loop, STDOUT_FILENO);
   CommandConsole console(
-      loop, [&](const Command& command) { session.execute(command); },
+      loop, [&](const Command& command) { session.execute(command, answers); },
       [](const std::string& error) { HOST_LOG(kLogError, "refused: %s", error.c_str()); });
-  ParentWatch parent(loop, channel, [&] { return console.finished(); });
+  ParentWatch parent(loop, descriptors.channel, [&] { return console.finished(); });
   console.whenFinished([&] { parent.stopIfAlone(); });
   if (options.script.empty()) console.readFrom(STDIN_FILENO);
   for (const std::string& line : script) console.add(line);
@@ -195,7 +207,7 @@ int runSession(const Options& options, const std::vector<std::string>& script, i
 }
 
 int runHost(const Options& options, const std::vector<std::string>& script,
-            const std::optional<std::string>& warning, int channel) {
+            const std::optional<std::string>& warning, parent::Descriptors descriptors) {
   Plugin plugin(options.plugin);
   if (!plugin.loaded()) return fail(kExitUnavailable, plugin.error());
   if (const auto failure = parent::endLoading()) return fail(kExitUnavailable, *failure);
@@ -208,7 +220,7 @@ int runHost(const Options& options, const std::vector<std::string>& script,
   static LogSink& log = *new LogSink(STDERR_FILENO, logFormatOf(options), options.logLevel);
   HOST_LOG(kLogNotice, "%s", kNameAndVersion);
   if (warning) HOST_LOG(kLogWarning, "%s", warning->c_str());
-  const int code = runSession(options, script, channel, plugin, signals);
+  const int code = runSession(options, script, descriptors, plugin, signals);
   awaitLastDeletions();
   log.finish();
   return code;
@@ -223,6 +235,10 @@ int run(int argc, char** argv) {
   fillStandardStreams();
   Options options;
   if (const auto status = readOptions(argc, argv, options)) return *status;
+  if (options.connect.empty() != options.command.empty()) {
+    return fail(kExitUsage, "--connect PATH and COMMAND are given together");
+  }
+  if (!options.connect.empty()) return askHost(options.connect, options.command);
   if (options.sweep) return sweep(options);
 
   std::vector<std::string> script;
@@ -235,9 +251,10 @@ int run(int argc, char** argv) {
   const auto openLog = [&](int threshold) {
     return std::make_shared<LogSink>(STDERR_FILENO, logFormatOf(options), threshold);
   };
-  return parent::runUnderPrivilegedParent(openLog, options.logLevel, [&](int channel) {
-    return runHost(options, script, warning, channel);
-  });
+  return parent::runUnderPrivilegedParent(openLog, options.logLevel, options.control,
+                                          [&](parent::Descriptors descriptors) {
+                                            return runHost(options, script, warning, descriptors);
+                                          });
 }
 
 }  // namespace
