@@ -37,6 +37,7 @@
 #include "refhost/zanhost/ParentWatch.h"
 #include "refhost/zanhost/Plugin.h"
 #include "refhost/zanhost/Preflight.h"
+#include "refhost/zanhost/ServiceManager.h"
 
 namespace zanhost {
 namespace {
@@ -200,7 +201,9 @@ int runSession(const Options& options, const std::vector<std::string>& script,
   for (const std::string& line : script) console.add(line);
 
   HOST_LOG(kLogNotice, "ready: %s is loaded", options.plugin.c_str());
+  tellServiceManager("READY=1");
   loop.run();
+  tellServiceManager("STOPPING=1");
   const int stopped = plugin.stop();
   HOST_LOG(kLogNotice, "stopped: deinit_ct_mgr returned %d", stopped);
   return stopped == 0 ? 0 : kExitUnavailable;
