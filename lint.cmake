@@ -11,5 +11,6 @@ add_custom_target(format
 add_custom_target(style
   COMMAND clang-format --dry-run --Werror ${units} ${headers}
   COMMAND shellcheck dev .ci/run machine/arm machine/arm-init machine/arm-initramfs machine/native
-    machine/native-init machine/native-kernel machine/sysroot tests/linkage/check-linkage
+    machine/native-init machine/native-kernel machine/sysroot package/postinst package/postrm package/prerm
+    tests/linkage/check-linkage
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
