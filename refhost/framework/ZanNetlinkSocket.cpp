@@ -2,6 +2,7 @@
 #include "host/ZanNetlinkSocket.h"
 
 #include <libmnl/libmnl.h>
+#include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -45,6 +46,14 @@ int forEachMessage(std::vector<unsigned char>& buffer, ssize_t length, Visit vis
     ++count;
   }
   return count;
+}
+
+/// A bridge's word about where it has seen a MAC address. It names no IP address, which a listener
+/// for neighbours takes for the loss of one.
+bool isOfBridge(const nlmsghdr& msg) {
+  return msg.nlmsg_type <= RTM_GETNEIGH && msg.nlmsg_type >= RTM_NEWNEIGH &&
+         mnl_nlmsg_get_payload_len(&msg) >= sizeof(ndmsg) &&
+         static_cast<const ndmsg*>(mnl_nlmsg_get_payload(&msg))->ndm_family == AF_BRIDGE;
 }
 
 }  // namespace
@@ -193,6 +202,7 @@ int ZanNetlinkSocket::NetlinkRecv(unsigned int flags, NlMsgCallback callback, vo
     callback(cbData, msg, msg->nlmsg_len);
   };
   const int count = forEachMessage(side->buffer, received, [&](nlmsghdr* msg) {
+    if (neighbours && isOfBridge(*msg)) return;
     if (!side->listing.underWay()) {
       handOn(msg);
       return;

@@ -120,4 +120,25 @@ TEST_F(HotspotFlush, KnowsItsClientsAlsoAfterAFloodOfNeighbourNotifications) {
   EXPECT_TRUE(hotspot.awaitDeletions(4));
 }
 
+TEST_F(HotspotFlush, KnowsClientsBehindABridgeWhateverTheBridgeAnnouncesOfThem) {
+  Hotspot hotspot;
+  const auto& client = hotspot.network.client(0);
+  const lab::NetNamespace& gateway = hotspot.network.gateway();
+  const std::string port = client.gatewayInterface;
+  lab::Process::runIpBatch(gateway, "link add br9 up type bridge\naddr flush dev " + port +
+                                        "\nlink set " + port + " master br9\n" +
+                                        "addr add 10.43.0.1/24 dev br9\n" +
+                                        "addr add 2001:db8:43::1/64 dev br9 nodad\n");
+  hotspot.connect(0, 1);
+  lab::Process::runIpBatch(gateway, "link set " + port + " type bridge_slave fdb_flush\n");
+  ASSERT_EQ(hotspot.connections[0]->exchange(), 4U)
+      << "the bridge learns again where the client is";
+  // News arrive in order: who has heard of this neighbour has heard of what the bridge announced.
+  lab::Process::runIpBatch(gateway, "neigh add 10.43.0.77 lladdr 02:00:00:00:43:77 dev br9\n");
+  ASSERT_TRUE(logs(hotspot.host, "Ipv4 neighbor Address 10.43.0.77"));
+  hotspot.reportClients({0});
+  hotspot.lose(0);
+  EXPECT_TRUE(hotspot.awaitDeletions(4));
+}
+
 }  // namespace
