@@ -19,6 +19,10 @@ namespace framework {
 [[nodiscard]] bool receiveList(ZanNetlinkSocket& socket, std::uint16_t type, NlMsgCallback callback,
                                void* cbData);
 
+/// Has every socket of the process that hears of neighbours ask for all of them once more. They are
+/// handed on as changes are. Event thread.
+void askForNeighboursAgain();
+
 /// The last attribute |type| of |msg|, behind a family header of |headerLength| bytes; or null.
 [[nodiscard]] const nlattr* findAttribute(const nlmsghdr& msg, unsigned int headerLength,
                                           std::uint16_t type);

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,6 +19,7 @@
 
 #include "refhost/framework/HostLog.h"
 #include "refhost/framework/NeighbourListing.h"
+#include "refhost/framework/Netlink.h"
 #include "refhost/framework/NetlinkCounters.h"
 
 namespace {
@@ -56,7 +59,17 @@ bool isOfBridge(const nlmsghdr& msg) {
          static_cast<const ndmsg*>(mnl_nlmsg_get_payload(&msg))->ndm_family == AF_BRIDGE;
 }
 
+/// What each socket that hears of neighbours does to hear of all again. Event thread.
+std::map<const void*, std::function<void()>>& askers() {
+  static std::map<const void*, std::function<void()>> everyone;
+  return everyone;
+}
+
 }  // namespace
+
+void framework::askForNeighboursAgain() {
+  for (const auto& [socket, askAgain] : askers()) askAgain();
+}
 
 struct ZanNetlinkSocket::HostSide {
   unsigned int argument;
@@ -156,11 +169,17 @@ ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
   side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
   socketFd = side->open(protocol);
   if (socketFd == -1) return;
-  side->neighboursMissing = side->hearsOfNeighbours();
-  side->askForMissing(socketFd);
+  if (!side->hearsOfNeighbours()) return;
+  const auto askAgain = [this] {
+    side->neighboursMissing = true;
+    side->askForMissing(socketFd);
+  };
+  askAgain();
+  askers()[this] = askAgain;
 }
 
 ZanNetlinkSocket::~ZanNetlinkSocket() {
+  if (side->hearsOfNeighbours()) askers().erase(this);
   delete side;
 }
 

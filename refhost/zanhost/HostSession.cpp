@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 #include "refhost/framework/HostSides.h"
 #include "refhost/zanhost/HostStatus.h"
 
@@ -16,15 +14,9 @@ void HostSession::execute(const Command& command, AnswerQueue& answers) {
 }
 
 void HostSession::carryOut(const ClientsCommand& command) {
-  auto& known = HostSides::sapClientsOf(zan_.zanDsm);
-  const auto departed = std::count_if(known.begin(), known.end(), [&](const std::string& client) {
-    return std::find(command.clients.begin(), command.clients.end(), client) ==
-           command.clients.end();
-  });
-  known = command.clients;
-  answer(fmt::format("clients: {} now, {} departed", known.size(), departed));
-  const ZanDsmTextList payload = known;
-  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
+  const HotspotClients::Change change = clients_.replaceTyped(command.clients);
+  answer(fmt::format("clients: {} now, {} departed", change.clients, change.departed));
+  clients_.dispatch();
 }
 
 void HostSession::carryOut(const UpstreamLostCommand& command) {

@@ -8,6 +8,7 @@
 #include "refhost/framework/HostSides.h"
 #include "refhost/zanhost/AnswerQueue.h"
 #include "refhost/zanhost/Command.h"
+#include "refhost/zanhost/HotspotClients.h"
 #include "refhost/zanhost/WwanMonitor.h"
 
 namespace zanhost {
@@ -16,7 +17,9 @@ namespace zanhost {
 class HostSession {
  public:
   /// |channel| is the command channel to the privileged parent process, or -1.
-  explicit HostSession(int channel) : wwan_(zan_) { zan_.commandChannelFd = channel; }
+  explicit HostSession(int channel) : wwan_(zan_), clients_(zan_) {
+    zan_.commandChannelFd = channel;
+  }
 
   /// The object that the plug-in is started with.
   [[nodiscard]] Zan& host() { return zan_; }
@@ -47,6 +50,7 @@ class HostSession {
   Zan zan_;
   AnswerQueue* answers_ = nullptr;  ///< of the command that is being carried out
   WwanMonitor wwan_;
+  HotspotClients clients_;
 };
 
 }  // namespace zanhost

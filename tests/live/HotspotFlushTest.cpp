@@ -12,6 +12,16 @@ using base::eventually;
 
 constexpr std::size_t kPerKind = 5;
 
+/// For ip(8): both addresses of |client|, which is announced once and never again.
+std::string permanentNeighbours(const lab::HotspotNetwork::Client& client) {
+  std::string lines;
+  for (const std::string& address : {client.ipv4, client.ipv6}) {
+    lines += "neigh replace " + address + " lladdr " + client.mac + " dev " +
+             client.gatewayInterface + " nud permanent\n";
+  }
+  return lines;
+}
+
 class HotspotFlush : public LiveTest {};
 
 TEST_F(HotspotFlush, TakesTheEntriesOfThoseWhoLeaveAndOfNobodyElse) {
@@ -105,10 +115,7 @@ TEST_F(HotspotFlush, KnowsItsClientsAlsoAfterAFloodOfNeighbourNotifications) {
   }
   // Behind the flood the client comes, of whom nothing else will be announced.
   const auto& client = hotspot.network.client(0);
-  for (const std::string& address : {client.ipv4, client.ipv6}) {
-    batch += "neigh replace " + address + " lladdr " + client.mac + " dev " +
-             client.gatewayInterface + " nud permanent\n";
-  }
+  batch += permanentNeighbours(client);
   lab::Process::runIpBatch(hotspot.network.gateway(), batch);
   hotspot.open(0, 1);
   ::kill(-hotspot.host.pid(), SIGCONT);
@@ -139,6 +146,25 @@ TEST_F(HotspotFlush, KnowsClientsBehindABridgeWhateverTheBridgeAnnouncesOfThem) 
   hotspot.reportClients({0});
   hotspot.lose(0);
   EXPECT_TRUE(hotspot.awaitDeletions(4));
+}
+
+TEST_F(HotspotFlush, KnowsAClientThatCameBackDuringItsCleanUp) {
+  Hotspot hotspot;
+  const auto& client = hotspot.network.client(0);
+  hotspot.connect(0, 1);
+  // From here on the kernel has nothing to announce of it.
+  lab::Process::runIpBatch(hotspot.network.gateway(), permanentNeighbours(client));
+  hotspot.reportClients({0});
+  hotspot.reportClients({});
+  ASSERT_TRUE(hotspot.awaitDeletions(4));
+  hotspot.reportClients({0});
+
+  const std::string announced = "Ipv6 neighbor Address " + client.ipv6;
+  const auto before = linesWith(announced, hotspot.host);
+  ASSERT_TRUE(eventually([&] { return linesWith(announced, hotspot.host) > before; }));
+  hotspot.open(0, 1);
+  hotspot.lose(0);
+  EXPECT_TRUE(hotspot.awaitDeletions(8));
 }
 
 }  // namespace
