@@ -1,4 +1,4 @@
-// What the reference host's users of rtnetlink(7) share, beside libmnl.
+// What the reference host's users of netlink(7) share, beside libmnl.
 #include "refhost/framework/Netlink.h"
 
 #include <libmnl/libmnl.h>
@@ -10,6 +10,28 @@
 #include <optional>
 
 namespace framework {
+namespace {
+
+struct AttributeSearch {
+  std::uint16_t type;
+  const nlattr* found;
+};
+
+int lookAt(const nlattr* attribute, void* data) {
+  auto* search = static_cast<AttributeSearch*>(data);
+  if (mnl_attr_get_type(attribute) == search->type) search->found = attribute;
+  return MNL_CB_OK;
+}
+
+/// How the answer to a request ends, 0 or a negative errno value, if |msg| is its end. A list may
+/// fail there too.
+std::optional<int> endOf(const nlmsghdr& msg) {
+  if (msg.nlmsg_type != NLMSG_DONE && msg.nlmsg_type != NLMSG_ERROR) return std::nullopt;
+  if (mnl_nlmsg_get_payload_len(&msg) < sizeof(int)) return 0;
+  return *static_cast<const int*>(mnl_nlmsg_get_payload(&msg));
+}
+
+}  // namespace
 
 bool requestList(int fd, std::uint16_t type, std::uint32_t sequence) {
   alignas(nlmsghdr) std::array<char, 64> buffer;  // more than it takes
@@ -21,40 +43,38 @@ bool requestList(int fd, std::uint16_t type, std::uint32_t sequence) {
   return send(fd, request, request->nlmsg_len, 0) >= 0;
 }
 
-bool receiveList(ZanNetlinkSocket& socket, std::uint16_t type, NlMsgCallback callback,
-                 void* cbData) {
+bool receiveAnswer(ZanNetlinkSocket& socket, NlMsgCallback callback, void* cbData) {
   struct Reading {
     NlMsgCallback callback;
     void* cbData;
-    std::optional<int> result;  ///< of the listing, once it has ended: 0 or a negative errno value
+    std::optional<int> end;
   } reading{callback, cbData, std::nullopt};
   const auto take = [](void* data, nlmsghdr* msg, unsigned int length) {
     auto* self = static_cast<Reading*>(data);
-    if (msg->nlmsg_type == NLMSG_DONE) self->result = 0;
-    if (msg->nlmsg_type == NLMSG_ERROR) {
-      self->result = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(msg))->error;
-    }
+    if (const auto end = endOf(*msg)) self->end = end;
     self->callback(self->cbData, msg, length);
   };
-  if (!requestList(socket.socketFd, type, 0)) return false;
-  while (!reading.result) {
+  while (!reading.end) {
     if (socket.NetlinkRecv(0, take, &reading) < 0) return false;
   }
-  errno = -*reading.result;
+  errno = -*reading.end;
   return errno == 0;
 }
 
+bool receiveList(ZanNetlinkSocket& socket, std::uint16_t type, NlMsgCallback callback,
+                 void* cbData) {
+  return requestList(socket.socketFd, type, 0) && receiveAnswer(socket, callback, cbData);
+}
+
 const nlattr* findAttribute(const nlmsghdr& msg, unsigned int headerLength, std::uint16_t type) {
-  struct Search {
-    std::uint16_t type;
-    const nlattr* found;
-  } search{type, nullptr};
-  const auto look = [](const nlattr* attribute, void* data) {
-    auto* self = static_cast<Search*>(data);
-    if (mnl_attr_get_type(attribute) == self->type) self->found = attribute;
-    return MNL_CB_OK;
-  };
-  mnl_attr_parse(&msg, headerLength, look, &search);
+  AttributeSearch search{type, nullptr};
+  mnl_attr_parse(&msg, headerLength, lookAt, &search);
+  return search.found;
+}
+
+const nlattr* findNested(const nlattr& nest, std::uint16_t type) {
+  AttributeSearch search{type, nullptr};
+  mnl_attr_parse_nested(&nest, lookAt, &search);
   return search.found;
 }
 

@@ -1,4 +1,4 @@
-// What the reference host's users of rtnetlink(7) share, beside libmnl.
+// What the reference host's users of netlink(7) share, beside libmnl.
 #pragma once
 
 #include <linux/netlink.h>
@@ -13,9 +13,12 @@ namespace framework {
 /// carry |sequence|. False, with errno set, if that fails.
 [[nodiscard]] bool requestList(int fd, std::uint16_t type, std::uint32_t sequence);
 
-/// Asks on |socket| and receives until the answer has ended; |callback| gets every message of it,
-/// and notifications that come meanwhile. False, with errno set, when the kernel does not list, or
-/// has dropped something.
+/// Receives on |socket| the answer to what was sent there, to its end; |callback| gets every
+/// message of it, the end too, and notifications that come meanwhile. False, with errno set, when
+/// the kernel refuses, or has dropped something.
+[[nodiscard]] bool receiveAnswer(ZanNetlinkSocket& socket, NlMsgCallback callback, void* cbData);
+
+/// Both: asks for a list, and receives it.
 [[nodiscard]] bool receiveList(ZanNetlinkSocket& socket, std::uint16_t type, NlMsgCallback callback,
                                void* cbData);
 
@@ -26,5 +29,8 @@ void askForNeighboursAgain();
 /// The last attribute |type| of |msg|, behind a family header of |headerLength| bytes; or null.
 [[nodiscard]] const nlattr* findAttribute(const nlmsghdr& msg, unsigned int headerLength,
                                           std::uint16_t type);
+
+/// The same inside of |nest|.
+[[nodiscard]] const nlattr* findNested(const nlattr& nest, std::uint16_t type);
 
 }  // namespace framework

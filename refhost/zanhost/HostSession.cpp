@@ -8,6 +8,23 @@
 
 namespace zanhost {
 
+HostSession::HostSession(int channel)
+    : wwan_(zan_),
+      clients_(zan_),
+      stations_(
+          HostSides::loopOf(zan_.zanCom),
+          [this](const std::string& name) { return nl80211_->look(name); },
+          [this](const auto& stations) { clients_.replaceStations(stations); }) {
+  zan_.commandChannelFd = channel;
+}
+
+void HostSession::followHotspots(const std::vector<std::string>& names) {
+  if (names.empty()) return;
+  nl80211_ =
+      std::make_unique<Nl80211>(HostSides::loopOf(zan_.zanCom), [this] { stations_.noteChange(); });
+  stations_.follow(names);
+}
+
 void HostSession::execute(const Command& command, AnswerQueue& answers) {
   answers_ = &answers;
   std::visit([this](const auto& specific) { carryOut(specific); }, command);

@@ -1,6 +1,7 @@
 // One run of the reference host: the host object and the commands that act on it.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,8 @@
 #include "refhost/zanhost/AnswerQueue.h"
 #include "refhost/zanhost/Command.h"
 #include "refhost/zanhost/HotspotClients.h"
+#include "refhost/zanhost/Nl80211.h"
+#include "refhost/zanhost/StationMonitor.h"
 #include "refhost/zanhost/WwanMonitor.h"
 
 namespace zanhost {
@@ -17,9 +20,7 @@ namespace zanhost {
 class HostSession {
  public:
   /// |channel| is the command channel to the privileged parent process, or -1.
-  explicit HostSession(int channel) : wwan_(zan_), clients_(zan_) {
-    zan_.commandChannelFd = channel;
-  }
+  explicit HostSession(int channel);
 
   /// The object that the plug-in is started with.
   [[nodiscard]] Zan& host() { return zan_; }
@@ -28,6 +29,9 @@ class HostSession {
   [[nodiscard]] bool follow(const std::vector<std::string>& wwanNames) {
     return wwan_.follow(wwanNames);
   }
+
+  /// Counts the stations of these access points among the clients, once the event loop runs.
+  void followHotspots(const std::vector<std::string>& names);
 
   /// The answer, one line (help and plain status: several), goes to |answers|.
   void execute(const Command& command, AnswerQueue& answers);
@@ -51,6 +55,8 @@ class HostSession {
   AnswerQueue* answers_ = nullptr;  ///< of the command that is being carried out
   WwanMonitor wwan_;
   HotspotClients clients_;
+  StationMonitor stations_;
+  std::unique_ptr<Nl80211> nl80211_;  ///< with an access point to follow
 };
 
 }  // namespace zanhost

@@ -54,6 +54,7 @@ struct Options {
   std::string propertiesFile;
   std::string script;
   std::vector<std::string> wwan;
+  std::vector<std::string> hotspot;
   std::string logFormat = "text";
   int logLevel = kLogNotice;
   bool sweep = false;
@@ -78,6 +79,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .texts("--property", options.properties, "a system property, NAME=VALUE; repeatable")
       .text("--properties", options.propertiesFile, "a file of NAME=VALUE lines")
       .texts("--wwan", options.wwan, "a mobile-data interface to follow; repeatable")
+      .texts("--hotspot", options.hotspot, "an access point whose stations are clients; repeatable")
       .text("--script", options.script, "read commands from this file, not standard input")
       .choice("--log-format", options.logFormat, {"text", "json", "journal"},
               "what standard error gets: lines of text, the default, of JSON, or with priorities")
@@ -112,6 +114,9 @@ std::optional<std::string> readScript(const std::string& path, std::vector<std::
 std::optional<std::string> wrongInterfaceName(const Options& options) {
   for (const std::string& name : options.wwan) {
     if (!base::isInterfaceName(name)) return "--wwan: " + base::noInterfaceName(name);
+  }
+  for (const std::string& name : options.hotspot) {
+    if (!base::isInterfaceName(name)) return "--hotspot: " + base::noInterfaceName(name);
   }
   return std::nullopt;
 }
@@ -185,6 +190,7 @@ int runSession(const Options& options, const std::vector<std::string>& script,
   const DeletionReport deletions(loop);
   loop.watch(signals.get(), signalReady, &loop, nullptr, POLLIN);
   if (!session.follow(options.wwan)) return kExitUnavailable;
+  session.followHotspots(options.hotspot);
   if (plugin.start(session.host()) != 0) {
     return fail(kExitUnavailable, "the plug-in refused to start: init_ct_mgr did not return 0");
   }
