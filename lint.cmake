@@ -11,6 +11,7 @@ add_custom_target(format
 add_custom_target(style
   COMMAND clang-format --dry-run --Werror ${units} ${headers}
   COMMAND shellcheck dev .ci/run machine/arm machine/arm-init machine/arm-initramfs machine/native
-    machine/native-init machine/native-kernel machine/sysroot package/postinst package/postrm package/prerm
+    machine/native-init machine/native-kernel machine/sysroot package/check-package package/postinst
+    package/postrm package/prerm
     tests/linkage/check-linkage
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
