@@ -32,8 +32,8 @@ void HostSession::execute(const Command& command, AnswerQueue& answers) {
 
 void HostSession::carryOut(const ClientsCommand& command) {
   const HotspotClients::Change change = clients_.replaceTyped(command.clients);
-  answer(fmt::format("clients: {} now, {} departed", change.clients, change.departed));
-  clients_.dispatch();
+  answer(fmt::format("clients: {} now, {} departed", change.clients, change.departed.size()));
+  clients_.dispatch(change);
 }
 
 void HostSession::carryOut(const UpstreamLostCommand& command) {

@@ -21,7 +21,7 @@ HotspotClients::HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp,
     : zan_(zan),
       cleanUp_(cleanUp),
       askAgain_(std::move(askAgain)),
-      timer_(HostSides::loopOf(zan.zanCom), [this] { askWhenPast(); }) {}
+      timer_(HostSides::loopOf(zan.zanCom), [this] { cleanUpPast(); }) {}
 
 HotspotClients::Change HotspotClients::replaceTyped(const std::vector<std::string>& typed) {
   typed_ = typed;
@@ -33,8 +33,8 @@ void HotspotClients::replaceStations(const std::set<std::string>& stations) {
   const auto before = HostSides::sapClientsOf(zan_.zanDsm);
   const Change change = update();
   if (HostSides::sapClientsOf(zan_.zanDsm) == before) return;
-  HOST_LOG(kLogNotice, "clients: %zu now, %zu departed", change.clients, change.departed);
-  dispatch();
+  HOST_LOG(kLogNotice, "clients: %zu now, %zu departed", change.clients, change.departed.size());
+  dispatch(change);
 }
 
 HotspotClients::Change HotspotClients::update() {
@@ -44,36 +44,32 @@ HotspotClients::Change HotspotClients::update() {
   }
   auto& known = HostSides::sapClientsOf(zan_.zanDsm);
   std::swap(known, list);
-  departed_.clear();
-  for (const std::string& client : list) {
-    if (!contains(known, client)) departed_.push_back(client);
-  }
-  std::erase_if(cleanUps_, [](const auto& entry) { return entry.second <= Clock::now(); });
-  for (const std::string& client : known) {
-    const auto cleanUp = cleanUps_.find(client);
-    if (cleanUp != cleanUps_.end() && !contains(list, client)) questions_.insert(cleanUp->second);
-  }
-  if (!questions_.empty()) timer_.set(*questions_.begin() - Clock::now());
-  return {known.size(), departed_.size()};
+  std::erase_if(list, [&](const std::string& client) { return contains(known, client); });
+  return {known.size(), std::move(list)};
 }
 
-void HotspotClients::dispatch() {
+void HotspotClients::dispatch(const Change& change) {
   constexpr int kReadings = 4;  // two flushes, each of which may wait for somebody else's reading
   const auto begin = Clock::now();
   const ZanDsmTextList payload = HostSides::sapClientsOf(zan_.zanDsm);
   zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
   const auto end = Clock::now();
   // The departures have been read for before the event is over: it shows what a reading takes.
-  for (const std::string& client : departed_) {
-    cleanUps_[client] = end + cleanUp_ + kReadings * (end - begin);
-  }
+  const auto past = end + cleanUp_ + kReadings * (end - begin);
+  for (const std::string& client : change.departed) cleanUps_.emplace(past, client);
+  if (!cleanUps_.empty()) timer_.set(cleanUps_.begin()->first - end);
 }
 
-void HotspotClients::askWhenPast() {
+void HotspotClients::cleanUpPast() {
   const auto now = Clock::now();
-  questions_.erase(questions_.begin(), questions_.upper_bound(now));
-  askAgain_();
-  if (!questions_.empty()) timer_.set(*questions_.begin() - now);
+  bool someoneCameBack = false;
+  for (; !cleanUps_.empty() && cleanUps_.begin()->first <= now;
+       cleanUps_.erase(cleanUps_.begin())) {
+    const auto& known = HostSides::sapClientsOf(zan_.zanDsm);
+    someoneCameBack = someoneCameBack || contains(known, cleanUps_.begin()->second);
+  }
+  if (someoneCameBack) askAgain_();
+  if (!cleanUps_.empty()) timer_.set(cleanUps_.begin()->first - now);
 }
 
 }  // namespace zanhost

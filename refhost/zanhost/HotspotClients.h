@@ -31,35 +31,34 @@ class HotspotClients {
   explicit HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp = kCleanUp,
                           std::function<void()> askAgain = framework::askForNeighboursAgain);
 
+  /// What a list has changed.
   struct Change {
     std::size_t clients;
-    std::size_t departed;
+    std::vector<std::string> departed;
   };
 
-  /// Takes other names for those that were typed before. dispatch() is the caller's.
+  /// Takes other names for those that were typed before. The caller dispatches what that changes.
   Change replaceTyped(const std::vector<std::string>& typed);
 
   /// Takes other stations for those of before, and dispatches the list if that changes it.
   void replaceStations(const std::set<std::string>& stations);
 
   /// Dispatches event 27.
-  void dispatch();
+  void dispatch(const Change& change);
 
  private:
   using Clock = std::chrono::steady_clock;
 
   Change update();
-  void askWhenPast();
+  void cleanUpPast();
 
   Zan& zan_;
   std::chrono::milliseconds cleanUp_;
   std::function<void()> askAgain_;
-  Timer timer_;
+  Timer timer_;  ///< of the first clean-up to be past
   std::vector<std::string> typed_;
   std::set<std::string> stations_;
-  std::vector<std::string> departed_;                  ///< with the next event
-  std::map<std::string, Clock::time_point> cleanUps_;  ///< when that of a client is past
-  std::set<Clock::time_point> questions_;              ///< when the kernel is to be asked
+  std::multimap<Clock::time_point, std::string> cleanUps_;  ///< clients, by when theirs is past
 };
 
 }  // namespace zanhost

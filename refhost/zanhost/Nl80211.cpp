@@ -70,18 +70,11 @@ void takeFamily(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
   mnl_attr_parse_nested(groups, takeGroup, family);
 }
 
-void takeInterfaceType(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
-  const nlattr* const type = attributeOf(*msg, NL80211_ATTR_IFTYPE);
-  if (type != nullptr) *static_cast<std::uint32_t*>(cbData) = mnl_attr_get_u32(type);
-}
-
 void takeStation(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
-  if (auto station = stationOf(*msg)) {
-    static_cast<std::map<std::string, bool>*>(cbData)->insert(std::move(*station));
-  }
+  if (auto station = stationOf(*msg)) static_cast<Stations*>(cbData)->insert(std::move(*station));
 }
 
-/// Drivers tell the kernel of much more than stations, each frame for example.
+/// Whether somebody comes or leaves. Drivers tell of much more, each frame for example.
 void takeNews(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
   constexpr std::array kOfStations{NL80211_CMD_NEW_STATION, NL80211_CMD_DEL_STATION,
                                    NL80211_CMD_START_AP, NL80211_CMD_STOP_AP};
@@ -93,7 +86,7 @@ void takeNews(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
 
 }  // namespace
 
-std::optional<std::pair<std::string, bool>> stationOf(const nlmsghdr& msg) {
+std::optional<Stations::value_type> stationOf(const nlmsghdr& msg) {
   const nlattr* const address = attributeOf(msg, NL80211_ATTR_MAC);
   const nlattr* const info = attributeOf(msg, NL80211_ATTR_STA_INFO);
   if (address == nullptr || mnl_attr_get_payload_len(address) < ETH_ALEN || info == nullptr) {
@@ -106,47 +99,37 @@ std::optional<std::pair<std::string, bool>> stationOf(const nlmsghdr& msg) {
     std::memcpy(&flags, mnl_attr_get_payload(told), sizeof(flags));
   }
   constexpr std::uint32_t kAuthorised = 1U << NL80211_STA_FLAG_AUTHORIZED;
-  return std::pair(fmt::format("{:02x}", fmt::join(mac, ":")),
-                   (flags.mask & kAuthorised) == 0 || (flags.set & kAuthorised) != 0);
+  return Stations::value_type(fmt::format("{:02x}", fmt::join(mac, ":")),
+                              (flags.mask & kAuthorised) == 0 || (flags.set & kAuthorised) != 0);
 }
 
-Nl80211::Nl80211(framework::EventLoop& eventLoop, std::function<void()> changed)
-    : loop_(eventLoop),
-      changed_(std::move(changed)),
+Nl80211::Nl80211(framework::EventLoop& loop, std::function<void()> changed)
+    : changed_(std::move(changed)),
       links_(NETLINK_ROUTE, RTMGRP_LINK),
       news_(NETLINK_GENERIC, 0),
       questions_(NETLINK_GENERIC, 0) {
-  loop_.watch(links_.socketFd, linksReady, this, nullptr, POLLIN);
-  loop_.watch(news_.socketFd, newsReady, this, nullptr, POLLIN);
-}
-
-Nl80211::~Nl80211() {
-  loop_.unwatch(links_.socketFd);
-  loop_.unwatch(news_.socketFd);
+  for (const int fd : {links_.socketFd, news_.socketFd}) {
+    loop.watch(fd, ready, this, nullptr, POLLIN);
+  }
 }
 
 std::optional<AccessPoint> Nl80211::look(const std::string& name) {
   if (!open()) return AccessPoint{{}, "the kernel has no nl80211 (module cfg80211)"};
   const unsigned int index = if_nametoindex(name.c_str());
   if (index == 0) return AccessPoint{{}, "there is no such interface"};
-  std::uint32_t type = NL80211_IFTYPE_UNSPECIFIED;
-  Question question(family_, NL80211_CMD_GET_INTERFACE, NLM_F_ACK);
+  Question question(family_, NL80211_CMD_GET_STATION, NLM_F_DUMP);
   mnl_attr_put_u32(question.header, NL80211_ATTR_IFINDEX, index);
-  if (!ask(questions_, question, takeInterfaceType, &type)) {
-    if (errno != ENODEV) return std::nullopt;
-    return AccessPoint{{}, "it is no wireless interface"};
-  }
-  constexpr std::array kKinds{NL80211_IFTYPE_AP, NL80211_IFTYPE_AP_VLAN, NL80211_IFTYPE_P2P_GO};
-  if (std::find(kKinds.begin(), kKinds.end(), type) == kKinds.end()) {
-    return AccessPoint{{}, "it is no access point"};
-  }
   // A list comes in parts. A station that leaves meanwhile moves the others up, and one of them is
   // missing. Two lists that agree miss none.
   constexpr int kTries = 5;
-  auto before = list(index);
-  for (int i = 0; i < kTries && before; ++i) {
-    auto now = list(index);
-    if (now == before) return AccessPoint{std::move(*now), {}};
+  std::optional<Stations> before;
+  for (int i = 0; i < kTries; ++i) {
+    Stations now;
+    if (!ask(questions_, question, takeStation, &now)) {
+      if (errno != ENODEV && errno != EOPNOTSUPP) return std::nullopt;
+      return AccessPoint{{}, "the kernel tells no stations of it"};
+    }
+    if (now == before) return AccessPoint{std::move(now), {}};
     before = std::move(now);
   }
   return std::nullopt;
@@ -157,8 +140,8 @@ bool Nl80211::open() {
   Family family;
   Question question(GENL_ID_CTRL, CTRL_CMD_GETFAMILY, NLM_F_ACK);
   mnl_attr_put_strz(question.header, CTRL_ATTR_FAMILY_NAME, NL80211_GENL_NAME);
-  if (!ask(questions_, question, takeFamily, &family)) return false;
-  if (setsockopt(news_.socketFd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &family.group,
+  if (!ask(questions_, question, takeFamily, &family) ||
+      setsockopt(news_.socketFd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &family.group,
                  sizeof(family.group)) != 0) {
     return false;
   }
@@ -166,26 +149,12 @@ bool Nl80211::open() {
   return true;
 }
 
-std::optional<std::map<std::string, bool>> Nl80211::list(unsigned int index) {
-  std::map<std::string, bool> stations;
-  Question question(family_, NL80211_CMD_GET_STATION, NLM_F_DUMP);
-  mnl_attr_put_u32(question.header, NL80211_ATTR_IFINDEX, index);
-  if (!ask(questions_, question, takeStation, &stations)) return std::nullopt;
-  return stations;
-}
-
-void Nl80211::newsReady(int /*fd*/, void* cbData) {
+void Nl80211::ready(int fd, void* cbData) {
   auto* const self = static_cast<Nl80211*>(cbData);
-  bool ofStations = false;
-  const int received = self->news_.NetlinkRecv(0, takeNews, &ofStations);
-  if (ofStations || received < 0) self->changed_();
-}
-
-void Nl80211::linksReady(int /*fd*/, void* cbData) {
-  auto* const self = static_cast<Nl80211*>(cbData);
-  self->links_.NetlinkRecv(
-      0, [](void*, nlmsghdr*, unsigned int) {}, nullptr);
-  self->changed_();
+  const bool ofLinks = fd == self->links_.socketFd;
+  bool changed = ofLinks;
+  ZanNetlinkSocket& socket = ofLinks ? self->links_ : self->news_;
+  if (socket.NetlinkRecv(0, takeNews, &changed) < 0 || changed) self->changed_();
 }
 
 }  // namespace zanhost

@@ -6,23 +6,23 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "host/ZanNetlinkSocket.h"
 #include "refhost/framework/EventLoop.h"
 
 namespace zanhost {
 
-/// What the kernel knows of an interface as an access point.
+/// Who is associated with an access point, by MAC address text in lower case; true once authorised.
+using Stations = std::map<std::string, bool>;
+
 struct AccessPoint {
-  /// Who is associated, by MAC address text in lower case; true once it is authorised.
-  std::map<std::string, bool> stations;
-  std::string lack;  ///< why it has no stations; empty for an access point
+  Stations stations;
+  std::string lack;  ///< why it has none; empty for an access point
 };
 
 /// The station that |msg|, a message of the family nl80211, tells of. One whose driver does not
 /// tell counts as authorised: otherwise no client of such a driver ever would.
-[[nodiscard]] std::optional<std::pair<std::string, bool>> stationOf(const nlmsghdr& msg);
+[[nodiscard]] std::optional<Stations::value_type> stationOf(const nlmsghdr& msg);
 
 /// Neither news nor questions need a privilege, and every access-point daemon is served.
 ///
@@ -32,24 +32,17 @@ class Nl80211 {
   /// |changed| is called when an access point may have other stations than before: one has been
   /// added or removed, a link has changed, or the kernel had to drop news. That a station has been
   /// authorised is no news of the kernel's.
-  Nl80211(framework::EventLoop& eventLoop, std::function<void()> changed);
-  ~Nl80211();
-  Nl80211(const Nl80211&) = delete;
-  Nl80211& operator=(const Nl80211&) = delete;
+  Nl80211(framework::EventLoop& loop, std::function<void()> changed);
 
   /// Asks for the interface |name|. Nothing when the kernel cannot tell for the moment.
   [[nodiscard]] std::optional<AccessPoint> look(const std::string& name);
 
  private:
-  static void newsReady(int fd, void* cbData);
-  static void linksReady(int fd, void* cbData);
+  static void ready(int fd, void* cbData);
 
   /// Finds the family, which comes with its module, and joins its news. False without one.
   bool open();
-  /// Stations by interface index; nothing, with errno set, when the kernel does not list them.
-  std::optional<std::map<std::string, bool>> list(unsigned int index);
 
-  framework::EventLoop& loop_;
   std::function<void()> changed_;
   ZanNetlinkSocket links_;
   ZanNetlinkSocket news_;

@@ -41,33 +41,24 @@ void StationMonitor::noteChange() {
 void StationMonitor::lookAtAll() {
   latest_.reset();
   bool again = false;
-  std::set<std::string> stations;
+  std::set<std::string> all;
   for (auto& [name, followed] : followed_) {
-    again = lookAt(name, followed) || again;
-    stations.insert(followed.stations.begin(), followed.stations.end());
+    if (const auto now = look_(name)) {
+      if (now->lack != followed.lack && !now->lack.empty()) {
+        HOST_LOG(kLogWarning, "waiting for %s: %s", name.c_str(), now->lack.c_str());
+      }
+      followed = {{}, now->lack};
+      for (const auto& [mac, authorised] : now->stations) {
+        if (authorised) followed.stations.insert(mac);
+        again = again || !authorised;
+      }
+    } else {
+      again = true;
+    }
+    all.insert(followed.stations.begin(), followed.stations.end());
   }
   if (again) timer_.set(kMoment);
-  report_(stations);
-}
-
-bool StationMonitor::lookAt(const std::string& name, Followed& followed) {
-  const auto now = look_(name);
-  if (!now) return true;
-  if (now->lack != followed.lack) {
-    followed.lack = now->lack;
-    if (now->lack.empty()) {
-      HOST_LOG(kLogNotice, "%s is an access point", name.c_str());
-    } else {
-      HOST_LOG(kLogWarning, "waiting for %s: %s", name.c_str(), now->lack.c_str());
-    }
-  }
-  bool unauthorised = false;
-  followed.stations.clear();
-  for (const auto& [mac, authorised] : now->stations) {
-    if (authorised) followed.stations.insert(mac);
-    unauthorised = unauthorised || !authorised;
-  }
-  return unauthorised;
+  report_(all);
 }
 
 }  // namespace zanhost

@@ -43,8 +43,6 @@ class StationMonitor {
   };
 
   void lookAtAll();
-  /// Whether |followed| must be looked at again.
-  bool lookAt(const std::string& name, Followed& followed);
 
   Look look_;
   Report report_;

@@ -26,8 +26,7 @@ struct HotspotClientsTest : testing::Test {
   }
 
   void type(const std::vector<std::string>& names) {
-    clients.replaceTyped(names);
-    clients.dispatch();
+    clients.dispatch(clients.replaceTyped(names));
   }
   void turn(std::chrono::milliseconds limit) {
     HostSides::loopOf(zan.zanCom).turn(static_cast<int>(limit.count()));

@@ -80,8 +80,7 @@ TEST_F(StationMonitorTest, MakesOneReportOfManyChangesAndIsNotHeldBackByEndlessO
 }
 
 /// What the kernel says of station 02:00:00:00:43:0a, |flags| being left out where there are none.
-std::optional<std::pair<std::string, bool>> stationWith(
-    std::optional<nl80211_sta_flag_update> flags) {
+std::optional<Stations::value_type> stationWith(std::optional<nl80211_sta_flag_update> flags) {
   alignas(nlmsghdr) std::array<char, 256> room{};
   nlmsghdr* const message = mnl_nlmsg_put_header(room.data());
   message->nlmsg_type = NLMSG_MIN_TYPE;
