@@ -24,6 +24,7 @@ HostState parseState(const nlohmann::json& json) {
     return json.at(group).at(name).get<std::size_t>();
   };
   HostState state;
+  json.at("clients").get_to(state.clients);
   state.deletions = {count("deletions", "requested"), count("deletions", "deleted"),
                      count("deletions", "alreadyGone"), count("deletions", "refused")};
   state.neighbourEvents = count("neighbours", "events");

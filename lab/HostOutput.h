@@ -34,6 +34,7 @@ struct HostState {
     std::optional<std::string> listenFilters;
   };
 
+  std::vector<std::string> clients;
   Deletions deletions;
   std::size_t neighbourEvents = 0;
   std::size_t neighbourOverruns = 0;

@@ -88,10 +88,11 @@ void LiveTest::SetUp() {
   GTEST_SKIP() << why;
 }
 
-Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> properties)
+Hotspot::Hotspot(lab::HotspotNetwork::Options options, std::vector<std::string> properties,
+                 std::vector<std::string> arguments)
     : network(options),
       server(network.upstream()),
-      host(hostOptions(std::move(properties)), network.gateway()) {}
+      host(hostOptions(std::move(properties), std::move(arguments)), network.gateway()) {}
 
 void Hotspot::open(std::size_t i, std::size_t perKind) {
   connections[i] = std::make_unique<lab::ClientConnections>(network, i, perKind, server.port());

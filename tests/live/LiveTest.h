@@ -51,7 +51,8 @@ class Hotspot {
   using Clock = std::chrono::steady_clock;
 
   explicit Hotspot(lab::HotspotNetwork::Options options = {},
-                   std::vector<std::string> properties = {});
+                   std::vector<std::string> properties = {},
+                   std::vector<std::string> arguments = {});
 
   /// Opens |perKind| connections of each kind from client |i|.
   void open(std::size_t i, std::size_t perKind);
