@@ -26,13 +26,8 @@ CommandLine& CommandLine::text(const std::string& name, std::string& value,
 
 CommandLine& CommandLine::texts(const std::string& name, std::vector<std::string>& values,
                                 const std::string& help) {
-  side_->last = side_->app.add_option(name, values, help)->allow_extra_args(false);
-  return *this;
-}
-
-CommandLine& CommandLine::words(const std::string& name, std::vector<std::string>& values,
-                                const std::string& help) {
-  side_->last = side_->app.add_option(name, values, help);
+  const bool byPlace = !name.starts_with('-');
+  side_->last = side_->app.add_option(name, values, help)->allow_extra_args(byPlace);
   return *this;
 }
 

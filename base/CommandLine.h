@@ -27,12 +27,8 @@ class CommandLine {
   /// |name| is "--name" for an option with a value, "NAME" for one that is known by its place.
   CommandLine& text(const std::string& name, std::string& value, const std::string& help);
 
-  /// May be given several times.
+  /// May be given several times; "NAME" takes all that remains.
   CommandLine& texts(const std::string& name, std::vector<std::string>& values,
-                     const std::string& help);
-
-  /// All that remains, in order.
-  CommandLine& words(const std::string& name, std::vector<std::string>& values,
                      const std::string& help);
 
   /// One of |accepted|.

@@ -3,10 +3,10 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -74,13 +74,17 @@ int run(const std::vector<std::string>& words, const std::string& purpose,
   return result;
 }
 
-/// Whether the kernel has an idle timer of ours, in whatever network namespace.
-bool timersAreThere() {
-  std::error_code none;
-  const std::filesystem::directory_iterator timers("/sys/class/xt_idletimer/timers", none);
-  return std::any_of(begin(timers), end(timers), [](const auto& timer) {
-    return timer.path().filename().string().starts_with(kIdleTimerLabelPrefix);
-  });
+/// The words that delete the rule of which |line| of "iptables -S" tells; none if it is not ours.
+std::vector<std::string> deletionOf(const std::string& line, const char* program) {
+  // -A CHAIN -o INTERFACE -j IDLETIMER --timeout SECONDS --label CT_INTERFACE
+  std::istringstream stream(line);
+  std::vector<std::string> words{program, "-w", "-t", "mangle"};
+  words.insert(words.end(), std::istream_iterator<std::string>(stream), {});
+  const bool ours = words.size() == 14 && words[4] == "-A" && words[9] == kIdleTimerTarget &&
+                    words[13] == std::string(kIdleTimerLabelPrefix) + "_" + words[7];
+  if (!ours) return {};
+  words[4] = "-D";
+  return words;
 }
 
 }  // namespace
@@ -118,18 +122,18 @@ int Firewall::remove(const IdleTimerRule& rule) {
 }
 
 int Firewall::sweep() {
-  if (!timersAreThere()) return 0;
+  // Without the module there was never a rule, and perhaps no iptables.
+  if (!std::filesystem::exists("/sys/class/xt_idletimer")) return 0;
   int result = 0;
-  const auto note = [&result](int failure) { result = result != 0 ? result : failure; };
   for (const char* program : kPrograms) {
     std::string rules;
-    note(run({program, "-w", "-t", "mangle", "-S"}, "the list of rules", complain_, &rules));
+    result |= run({program, "-w", "-t", "mangle", "-S"}, "the list of rules", complain_, &rules);
     std::istringstream lines(rules);
     for (std::string line; std::getline(lines, line);) {
-      const auto rule = IdleTimerRule::parse(line);
-      if (!rule) continue;
-      HOST_LOG(kLogNotice, "deleting what was left: %s, %s", program, rule->text().c_str());
-      note(run(rule->command(program, IdleTimerRule::Action::kDelete), rule->text(), complain_));
+      const auto words = deletionOf(line, program);
+      if (words.empty()) continue;
+      HOST_LOG(kLogNotice, "deleting what was left: %s %s", program, line.c_str());
+      result |= run(words, line, complain_);
     }
   }
   return result;

@@ -34,8 +34,7 @@ class Firewall {
   virtual int remove(const IdleTimerRule& rule);
 
   /// Deletes the rules of every host, whether it runs or has been killed, from this network
-  /// namespace: those that are, to the word, as add() makes them. Results as above; 0 when there
-  /// were none.
+  /// namespace: idle timers with an interface's own label. Returns 0 when none is left.
   int sweep();
 
   /// Whether |result| is the program's own word. Otherwise, a failed add() with kNotRun apart,

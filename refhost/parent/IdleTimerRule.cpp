@@ -1,12 +1,6 @@
 // A rule as words of a command line, and for the log.
 #include "refhost/parent/IdleTimerRule.h"
 
-#include <algorithm>
-#include <charconv>
-#include <iterator>
-#include <sstream>
-
-#include "base/InterfaceName.h"
 #include "host/Agreement.h"
 
 namespace parent {
@@ -31,24 +25,6 @@ std::vector<std::string> IdleTimerRule::command(const std::string& program, Acti
           std::to_string(timeoutSeconds),
           "--label",
           label()};
-}
-
-std::optional<IdleTimerRule> IdleTimerRule::parse(const std::string& line) {
-  constexpr std::size_t kInterface = 3;
-  constexpr std::size_t kTimeout = 7;
-  constexpr std::size_t kWordsBefore = 4;  // program, -w and table, which a line does not show
-  std::istringstream stream(line);
-  std::vector<std::string> words(std::istream_iterator<std::string>(stream), {});
-  if (words.size() <= kTimeout || !base::isInterfaceName(words[kInterface])) return std::nullopt;
-  IdleTimerRule rule{words[2] == "-o" ? Direction::kOutgoing : Direction::kIncoming, 0, {}};
-  std::copy(words[kInterface].begin(), words[kInterface].end(), rule.interface.begin());
-  const std::string& timeout = words[kTimeout];
-  std::from_chars(timeout.data(), timeout.data() + timeout.size(), rule.timeoutSeconds);
-  const auto added = rule.command({}, Action::kAdd);
-  if (!std::equal(words.begin(), words.end(), added.begin() + kWordsBefore, added.end())) {
-    return std::nullopt;
-  }
-  return rule;
 }
 
 std::string IdleTimerRule::text() const {

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,9 +45,6 @@ struct IdleTimerRule {
   /// The words of the command that adds or deletes the rule, |program| being iptables or
   /// ip6tables. A rule is deleted only by the very words that it was added with.
   [[nodiscard]] std::vector<std::string> command(const std::string& program, Action action) const;
-
-  /// The rule that |line| of "iptables -S" shows; nothing unless command() added it.
-  [[nodiscard]] static std::optional<IdleTimerRule> parse(const std::string& line);
 
   /// For the log: "CT_wwan0, outgoing, 5 s".
   [[nodiscard]] std::string text() const;

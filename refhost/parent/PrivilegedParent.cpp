@@ -114,8 +114,11 @@ int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
   }
   base::UniqueFd parentEnd(ends[0]);
   base::UniqueFd childEnd(ends[1]);
-  ControlSocket control(controlPath);
-  if (control.failed()) return fail(("cannot listen at " + controlPath).c_str());
+  base::UniqueFd control;
+  if (!controlPath.empty()) control = listenAt(controlPath);
+  if (!controlPath.empty() && !control.valid()) {
+    return fail(("cannot listen at " + controlPath).c_str());
+  }
   base::UniqueFd signals = blockSignals();
   const pid_t child = fork();
   if (child == -1) return fail("cannot fork");
@@ -123,14 +126,15 @@ int runUnderPrivilegedParent(const framework::OpenLog& openLog, int logLevel,
     parentEnd.reset();
     signals.reset();
     keeper.release();
-    const base::UniqueFd serving = control.serve();
-    return runChild({childEnd.get(), serving.get()}, host);
+    return runChild({childEnd.get(), control.get()}, host);
   }
   childEnd.reset();
-  control.leaveServing();
+  control.reset();  // nobody can connect when the child has ended
   std::signal(SIGPIPE, SIG_IGN);
   const auto log = openLog(logLevel);
-  return Supervisor(child, parentEnd.get(), keeper).run(signals.get());
+  const int code = Supervisor(child, parentEnd.get(), keeper).run(signals.get());
+  if (!controlPath.empty()) unlink(controlPath.c_str());
+  return code;
 }
 
 }  // namespace parent

@@ -22,8 +22,8 @@ struct Descriptors {
 ///
 /// Idle-timer rules that the channel asked for are gone once both have ended, in whatever way.
 ///
-/// A |controlPath| that is not empty gets a control socket (refhost/parent/ControlSocket.h), which
-/// the parent makes and removes.
+/// The parent makes the control socket |controlPath| (refhost/parent/ControlSocket.h), unless that
+/// is empty, and removes it in the end.
 ///
 /// |openLog| is called in the processes that stay privileged. Returns the exit code, in the parent
 /// and the child. Call it before there are threads.

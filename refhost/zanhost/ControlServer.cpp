@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -15,11 +16,6 @@
 #include "refhost/zanhost/CommandConsole.h"
 
 namespace zanhost {
-namespace {
-
-constexpr std::string_view kTooMany = "refused: too many connections are open\n";
-
-}  // namespace
 
 class ControlServer::Connection {
  public:
@@ -69,6 +65,9 @@ void ControlServer::connectionReady(int fd, void* cbData) {
     HOST_LOG(kLogError, "the control socket is not served any more: %s", std::strerror(errno));
     self->loop_.unwatch(fd);
   } else if (self->connections_.size() >= kMostConnections) {
+    constexpr std::string_view kTooMany = "refused: too many connections are open\n";
+    std::array<char, 4096> unread;  // would make the asker's own reading fail
+    recv(socket.get(), unread.data(), unread.size(), 0);
     send(socket.get(), kTooMany.data(), kTooMany.size(), MSG_NOSIGNAL);
   } else {
     self->connections_.emplace_back(self->loop_, std::move(socket), self->execute_);

@@ -160,17 +160,10 @@ void LogSink::log(int level, int module, const char* format, ...) {
 }
 
 void LogSink::write(int level, int module, std::string text) {
-  switch (format_) {
-    case Format::kText:
-      writer_->lines->info(textLine(level, module, std::move(text)));
-      break;
-    case Format::kJson:
-      writer_->lines->info(logLineJson({timeStamp(), level, moduleName(module), text}));
-      break;
-    case Format::kJournal:
-      writer_->lines->info(journalLine(level, module, std::move(text)));
-      break;
-  }
+  writer_->lines->info(format_ == Format::kJson
+                           ? logLineJson({timeStamp(), level, moduleName(module), text})
+                       : format_ == Format::kJournal ? journalLine(level, module, std::move(text))
+                                                     : textLine(level, module, std::move(text)));
 }
 
 }  // namespace zanhost

@@ -8,17 +8,20 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/CommandLine.h"
 #include "base/InterfaceName.h"
 #include "base/UniqueFd.h"
+#include "base/UnixAddress.h"
 #include "refhost/framework/HostLog.h"
 #include "refhost/framework/HostSides.h"
 #include "refhost/framework/NetlinkCounters.h"
@@ -37,7 +40,6 @@
 #include "refhost/zanhost/ParentWatch.h"
 #include "refhost/zanhost/Plugin.h"
 #include "refhost/zanhost/Preflight.h"
-#include "refhost/zanhost/ServiceManager.h"
 
 namespace zanhost {
 namespace {
@@ -86,7 +88,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .number("--log-level", options.logLevel, kLogTrace, kLogError, "drop lines below this level")
       .text("--control", options.control, "take commands at a Unix socket of this path, too")
       .text("--connect", options.connect, "give COMMAND to the host with this control socket")
-      .words("COMMAND", options.command, "the command's words, for --connect")
+      .texts("COMMAND", options.command, "the command's words, for --connect")
       .flag("--sweep", options.sweep,
             "delete the idle-timer rules of hosts that were killed, and end")
       .version(kNameAndVersion)
@@ -171,6 +173,18 @@ void signalReady(int fd, void* cbData) {
   static_cast<framework::EventLoop*>(cbData)->stop();
 }
 
+/// Sends |state| to the socket that a service manager has named, if there is one (sd_notify(3)).
+void tellServiceManager(std::string_view state) {
+  const char* variable = std::getenv("NOTIFY_SOCKET");
+  if (variable == nullptr) return;
+  std::string path(variable);
+  if (path.starts_with('@')) path.front() = '\0';  // not in the file system (unix(7))
+  const base::UnixAddress to(path);
+  const base::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (sendto(socket.get(), state.data(), state.size(), 0, to.get(), to.length()) >= 0) return;
+  HOST_LOG(kLogWarning, "cannot tell the service manager: %s", std::strerror(errno));
+}
+
 /// The plug-in does not wait for its deletions: who ends the process gives up what is left of them.
 void awaitLastDeletions() {
   constexpr std::chrono::seconds kLimit{2};
@@ -235,11 +249,6 @@ int runHost(const Options& options, const std::vector<std::string>& script,
   return code;
 }
 
-int sweep(const Options& options) {
-  const LogSink log(STDERR_FILENO, logFormatOf(options), options.logLevel);
-  return parent::Firewall().sweep() == 0 ? 0 : kExitUnavailable;
-}
-
 int run(int argc, char** argv) {
   fillStandardStreams();
   Options options;
@@ -248,7 +257,10 @@ int run(int argc, char** argv) {
     return fail(kExitUsage, "--connect PATH and COMMAND are given together");
   }
   if (!options.connect.empty()) return askHost(options.connect, options.command);
-  if (options.sweep) return sweep(options);
+  if (options.sweep) {
+    const LogSink log(STDERR_FILENO, logFormatOf(options), options.logLevel);
+    return parent::Firewall().sweep() == 0 ? 0 : kExitUnavailable;
+  }
 
   std::vector<std::string> script;
   if (!options.script.empty()) {

@@ -77,22 +77,14 @@ TEST_F(HostProgram, WarnsAtTheStartWhenIdleTimersCannotBeHad) {
 }
 
 TEST_F(HostProgram, SweepsTheRulesOfKilledHostsAndNoOthers) {
-  const lab::HotspotNetwork network({.clients = 0, .ipv6Only = {}});
-  const std::string ours = "sw" + std::to_string(getpid());
-  const auto mangle = [&](const std::string& words) {
-    const std::string script = "for p in iptables ip6tables; do $p -t mangle " + words + "; done";
-    return lab::Process::runChecked({"sh", "-ec", script}, &network.gateway());
-  };
-  const auto add = [&](const std::string& match, const std::string& label) {
-    mangle("-A POSTROUTING " + match + " -j IDLETIMER --timeout 7 --label " + label);
-  };
-  add("-o theirs", "not" + ours);
-  const std::string before = mangle("-S");
-  add("-o " + ours, "CT_" + ours);
-  add("-o " + ours, "CT_" + ours);
-  const auto result = lab::Process::run({kHostProgram, "--sweep"}, &network.gateway());
+  const std::string script = R"sh(
+    each() { for program in iptables ip6tables; do $program -t mangle "$@"; done; }
+    add() { each -A POSTROUTING -o "$1" -j IDLETIMER --timeout 7 --label "$2"; }
+    add theirs "not$$"; before=$(each -S)
+    add "sw$$" "CT_sw$$"; add "sw$$" "CT_sw$$"
+    "$0" --sweep && [ "$(each -S)" = "$before" ])sh";
+  const auto result = run({"bash", "-ec", script, kHostProgram});
   EXPECT_TRUE(result.status.success()) << result.errors;
-  EXPECT_EQ(mangle("-S"), before);
 }
 
 TEST_F(HostProgram, StopsInOrderAlsoWhileACleanUpSleeps) {
