@@ -31,9 +31,10 @@ void HostSession::execute(const Command& command, AnswerQueue& answers) {
 }
 
 void HostSession::carryOut(const ClientsCommand& command) {
-  const HotspotClients::Change change = clients_.replaceTyped(command.clients);
-  answer(fmt::format("clients: {} now, {} departed", change.clients, change.departed.size()));
-  clients_.dispatch(change);
+  const HotspotClients::Names departed = clients_.replaceTyped(command.clients);
+  answer(fmt::format("clients: {} now, {} departed", HostSides::sapClientsOf(zan_.zanDsm).size(),
+                     departed.size()));
+  clients_.dispatch(departed);
 }
 
 void HostSession::carryOut(const UpstreamLostCommand& command) {

@@ -10,7 +10,7 @@
 namespace zanhost {
 namespace {
 
-bool contains(const std::vector<std::string>& list, const std::string& client) {
+bool contains(const HotspotClients::Names& list, const std::string& client) {
   return std::find(list.begin(), list.end(), client) != list.end();
 }
 
@@ -23,32 +23,33 @@ HotspotClients::HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp,
       askAgain_(std::move(askAgain)),
       timer_(HostSides::loopOf(zan.zanCom), [this] { cleanUpPast(); }) {}
 
-HotspotClients::Change HotspotClients::replaceTyped(const std::vector<std::string>& typed) {
+HotspotClients::Names HotspotClients::replaceTyped(const Names& typed) {
   typed_ = typed;
   return update();
 }
 
 void HotspotClients::replaceStations(const std::set<std::string>& stations) {
   stations_ = stations;
-  const auto before = HostSides::sapClientsOf(zan_.zanDsm);
-  const Change change = update();
-  if (HostSides::sapClientsOf(zan_.zanDsm) == before) return;
-  HOST_LOG(kLogNotice, "clients: %zu now, %zu departed", change.clients, change.departed.size());
-  dispatch(change);
+  const Names& now = HostSides::sapClientsOf(zan_.zanDsm);
+  const Names before = now;
+  const Names departed = update();
+  if (now == before) return;
+  HOST_LOG(kLogNotice, "clients: %zu now, %zu departed", now.size(), departed.size());
+  dispatch(departed);
 }
 
-HotspotClients::Change HotspotClients::update() {
-  std::vector<std::string> list = typed_;
+HotspotClients::Names HotspotClients::update() {
+  Names list = typed_;
   for (const std::string& station : stations_) {
     if (!contains(typed_, station)) list.push_back(station);
   }
   auto& known = HostSides::sapClientsOf(zan_.zanDsm);
   std::swap(known, list);
   std::erase_if(list, [&](const std::string& client) { return contains(known, client); });
-  return {known.size(), std::move(list)};
+  return list;
 }
 
-void HotspotClients::dispatch(const Change& change) {
+void HotspotClients::dispatch(const Names& departed) {
   constexpr int kReadings = 4;  // two flushes, each of which may wait for somebody else's reading
   const auto begin = Clock::now();
   const ZanDsmTextList payload = HostSides::sapClientsOf(zan_.zanDsm);
@@ -56,7 +57,7 @@ void HotspotClients::dispatch(const Change& change) {
   const auto end = Clock::now();
   // The departures have been read for before the event is over: it shows what a reading takes.
   const auto past = end + cleanUp_ + kReadings * (end - begin);
-  for (const std::string& client : change.departed) cleanUps_.emplace(past, client);
+  for (const std::string& client : departed) cleanUps_.emplace(past, client);
   if (!cleanUps_.empty()) timer_.set(cleanUps_.begin()->first - end);
 }
 

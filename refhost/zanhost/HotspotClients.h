@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <map>
 #include <set>
@@ -31,32 +30,30 @@ class HotspotClients {
   explicit HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp = kCleanUp,
                           std::function<void()> askAgain = framework::askForNeighboursAgain);
 
-  /// What a list has changed.
-  struct Change {
-    std::size_t clients;
-    std::vector<std::string> departed;
-  };
+  using Names = std::vector<std::string>;
 
-  /// Takes other names for those that were typed before. The caller dispatches what that changes.
-  Change replaceTyped(const std::vector<std::string>& typed);
+  /// Takes other names for those that were typed before. Returns who departs with that; the caller
+  /// dispatches it.
+  [[nodiscard]] Names replaceTyped(const Names& typed);
 
   /// Takes other stations for those of before, and dispatches the list if that changes it.
   void replaceStations(const std::set<std::string>& stations);
 
-  /// Dispatches event 27.
-  void dispatch(const Change& change);
+  /// Dispatches event 27, with which |departed| leave.
+  void dispatch(const Names& departed);
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  Change update();
+  /// Makes the list anew, and returns who is not in it any more.
+  Names update();
   void cleanUpPast();
 
   Zan& zan_;
   std::chrono::milliseconds cleanUp_;
   std::function<void()> askAgain_;
   Timer timer_;  ///< of the first clean-up to be past
-  std::vector<std::string> typed_;
+  Names typed_;
   std::set<std::string> stations_;
   std::multimap<Clock::time_point, std::string> cleanUps_;  ///< clients, by when theirs is past
 };

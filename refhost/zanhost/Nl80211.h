@@ -24,7 +24,8 @@ struct AccessPoint {
 /// tell counts as authorised: otherwise no client of such a driver ever would.
 [[nodiscard]] std::optional<Stations::value_type> stationOf(const nlmsghdr& msg);
 
-/// Neither news nor questions need a privilege, and every access-point daemon is served.
+/// Hears the kernel's news of stations and links, and asks it for stations. Neither needs a
+/// privilege, and it does not matter which program runs the access point.
 ///
 /// Thread: event thread.
 class Nl80211 {
