@@ -24,7 +24,10 @@ class AccessPointTest : public LiveTest {
 struct Radio {
   Radio(std::size_t clients, AccessPoint::Wiring wiring)
       : hotspot({.clients = clients, .ipv6Only = {}}, {}, {"--hotspot", AccessPoint::kInterface}),
-        accessPoint(std::make_unique<AccessPoint>(hotspot.network, wiring)) {}
+        accessPoint(std::make_unique<AccessPoint>(hotspot.network, wiring)) {
+    // Joining takes its time, and no entry is to end by itself meanwhile.
+    hotspot.network.gateway().setSysctl("netfilter/nf_conntrack_udp_timeout", "600");
+  }
 
   /// All clients join, and the host has heard of them and their addresses.
   void fill() {
@@ -64,12 +67,14 @@ TEST_F(AccessPointTest, AStationThatLeavesOrIsThrownOutIsFlushedAndNobodyElse) {
   EXPECT_EQ(radio.hotspot.connections[kStays]->exchange(), before.size()) << "they carry data";
 }
 
-TEST_F(AccessPointTest, ARestartFlushesAllTogetherAndWhoComesBackIsServed) {
+TEST_F(AccessPointTest, ARestartFlushesAllAndWhoComesBackIsServed) {
   Radio radio(2, AccessPoint::Wiring::kBridged);
   radio.fill();
+  const pid_t process = pluginProcess(radio.hotspot.host);
+  const auto threads = threadsOf(process);
   radio.accessPoint->stop();
   for (const std::size_t client : {0U, 1U}) EXPECT_TRUE(radio.awaitNoEntriesOf(client));
-  EXPECT_TRUE(logs(radio.hotspot.host, "clients: 0 now, 2 departed"));
+  ASSERT_TRUE(eventually([&] { return threadsOf(process) == threads; })) << "clean-ups are over";
 
   radio.accessPoint->start();
   radio.fill();

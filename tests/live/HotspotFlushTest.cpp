@@ -155,8 +155,8 @@ TEST_F(HotspotFlush, KnowsAClientThatCameBackDuringItsCleanUp) {
   lab::Process::runIpBatch(hotspot.network.gateway(), permanentNeighbours(client));
   hotspot.reportClients({0});
   hotspot.reportClients({});
-  ASSERT_TRUE(hotspot.awaitDeletions(4));
   hotspot.reportClients({0});
+  ASSERT_TRUE(hotspot.awaitDeletions(4));
 
   const std::string announced = "Ipv6 neighbor Address " + client.ipv6;
   const auto before = linesWith(announced, hotspot.host);

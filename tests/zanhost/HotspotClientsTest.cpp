@@ -32,7 +32,7 @@ struct HotspotClientsTest : testing::Test {
     HostSides::loopOf(zan.zanCom).turn(static_cast<int>(limit.count()));
   }
 
-  static constexpr auto kCleanUp = 1000ms;
+  static constexpr auto kCleanUp = 100ms;
 
   Zan zan;
   int questions = 0;
