@@ -17,6 +17,11 @@ constexpr std::size_t kPerKind = 6;
 constexpr std::size_t kPerClient = 4 * kPerKind;
 constexpr std::uint16_t kStragglerPort = 40000;
 
+/// How the host's log tells of a flush that deleted something, and how many there are.
+constexpr char kFlushOver[] = "flush over: ";
+constexpr std::size_t kFlushes = 3;
+
+constexpr milliseconds kTableStep{20};
 constexpr milliseconds kStragglerDelay{2000};
 /// From the departure to the first repeated flush, at least.
 constexpr milliseconds kFlushPause{5000};
@@ -80,7 +85,7 @@ void Demo::introduce() const {
 }
 
 void Demo::act(const std::string& title) {
-  waiting_.until(Clock::now() + report_.moment());
+  if (network_) watch(Clock::now() + report_.moment());
   report_.act(title);
 }
 
@@ -116,15 +121,15 @@ void Demo::openConnections() {
 
 void Demo::leave() {
   act("Client A walks away: its link goes down, the host is told (event 27)");
-  const Entries before = network_->entriesOf(kB);
-  vanished_ += network_->entriesOf(kA).size();
+  const Entries before = look(kB);
+  vanished_ += look(kA).size();
   network_->detachClient(kA);
   connectionsA_->abandon();
 
   departure_ = Clock::now();
-  recording_.observe(departure_, "client A has left: event 27, the clients are now: B");
+  recording_.observe(departure_, "client A leaves: event 27", Recording::Mark::kEvent);
   host_->command("clients " + network_->client(kB).mac);
-  const auto gone = untilNone([this] { return network_->entriesOf(kA); });
+  const auto gone = untilNone([this] { return look(kA); });
   awaitAnswers();
   const Entries all = lab::readConntrackTable(network_->gateway());
   const Entries left = network_->entriesOf(kA, all);
@@ -133,7 +138,7 @@ void Demo::leave() {
   recording_.observe(*gone, "the kernel's table has no TCP or UDP entry of A any more");
   report_.table(*network_, all);
 
-  const std::size_t kept = lab::countSurvivors(before, network_->entriesOf(kB));
+  const std::size_t kept = lab::countSurvivors(before, look(kB));
   report_.check(kept == kPerClient, "B's entries are the same as before", same(kPerClient),
                 same(kept));
   const std::size_t echoed = connectionsB_->exchange();
@@ -144,8 +149,8 @@ void Demo::leave() {
 
 void Demo::straggle() {
   act("Two seconds later a late datagram for A arrives from the server");
-  const auto ofA = [this] { return network_->entriesOf(kA); };
-  waiting_.until(departure_ + kStragglerDelay);
+  const auto ofA = [this] { return look(kA); };
+  watch(departure_ + kStragglerDelay);
   report_.check(ofA().empty(), "A's entries are still gone", "none", list(ofA()));
   server_->sendDatagram(network_->client(kA).ipv6, kStragglerPort, "late");
   Entries late;
@@ -155,7 +160,7 @@ void Demo::straggle() {
   });
   report_.check(came.has_value() && late.size() == 1, "the kernel has made a new entry for it",
                 "1 entry", list(late));
-  recording_.observe(*came, "a late datagram from the server made a new entry for A");
+  recording_.observe(*came, "late datagram: a new entry for A", Recording::Mark::kEvent);
   vanished_ += late.size();
 
   const auto gone = untilNone(ofA);
@@ -179,7 +184,7 @@ void Demo::loseUpstream() {
                 to_string(behindLost) + " IPv4 behind it, " + to_string(routed.size()) + " IPv6");
 
   const Clock::time_point begin = Clock::now();
-  recording_.observe(begin, "event 28: " + lost + " is lost");
+  recording_.observe(begin, lost + " is lost: event 28", Recording::Mark::kEvent);
   host_->command("upstream-lost " + lost);
   const auto gone = untilNone([this] { return entriesOfB(4); });
   report_.check(gone.has_value(), "B's IPv4 entries are deleted", "none left",
@@ -195,11 +200,7 @@ void Demo::loseUpstream() {
 
 void Demo::summarise() {
   act("What was observed (t = 0: client A leaves)");
-  for (const lab::HostProcess::LogLine& line : host_->log()) {
-    if (line.text.find("Disconnected client Info") == std::string::npos) continue;
-    const std::size_t text = line.text.find(": ");
-    recording_.observe(line.received, "plug-in's log: " + line.text.substr(text + 2));
-  }
+  noteFlushes();
   report_.show(recording_.timeline(departure_));
 
   const bool agreed = awaitAnswers();
@@ -208,8 +209,35 @@ void Demo::summarise() {
                 to_string(vanished_), to_string(deletionsCounted()));
 }
 
-Demo::Entries Demo::entriesOfB(int family) const {
-  Entries entries = network_->entriesOf(kB);
+void Demo::noteFlushes() {
+  const auto flushes = [this] {
+    auto lines = host_->log();
+    std::erase_if(lines, [](const auto& line) { return !line.text.starts_with(kFlushOver); });
+    return lines;
+  };
+  static_cast<void>(waiting_.until([&] { return flushes().size() >= kFlushes; }));
+  for (const auto& line : flushes()) {
+    recording_.observe(line.received, "log: " + line.text, Recording::Mark::kFlush);
+  }
+}
+
+Demo::Entries Demo::look(std::size_t client) {
+  const Entries all = lab::readConntrackTable(network_->gateway());
+  recording_.add(TableMoment{Clock::now(), network_->entriesOf(kA, all).size(),
+                             network_->entriesOf(kB, all).size()});
+  return network_->entriesOf(client, all);
+}
+
+void Demo::watch(Clock::time_point end) {
+  const auto over = [&] {
+    look(kA);
+    return Clock::now() >= end;
+  };
+  static_cast<void>(waiting_.until(over, base::kPatience, kTableStep));
+}
+
+Demo::Entries Demo::entriesOfB(int family) {
+  Entries entries = look(kB);
   std::erase_if(entries, [family](const auto& entry) { return entry.family != family; });
   return entries;
 }

@@ -26,6 +26,9 @@ class Demo {
   Demo(lab::HostProcess::Options host, DemoReport& report, const Waiting& waiting)
       : hostOptions_(std::move(host)), report_(report), waiting_(waiting) {}
 
+  /// What was observed, for a plot. Valid when run() is over.
+  [[nodiscard]] std::string plotData() const { return recording_.plotData("hotspot", departure_); }
+
   /// Plays the act, about six seconds. Throws CheckFailed for the first claim that does not
   /// hold, Error if something cannot be set up, Interrupted.
   void run();
@@ -43,9 +46,15 @@ class Demo {
   void straggle();
   void loseUpstream();
   void summarise();
+  /// What the host's log tells of flushes goes to the recording.
+  void noteFlushes();
 
+  /// What |client| has in the kernel's table now; the recording notes what both have.
+  Entries look(std::size_t client);
+  /// Looks at the table until |end|.
+  void watch(Clock::time_point end);
   /// The entries of client B that are of |family|.
-  [[nodiscard]] Entries entriesOfB(int family) const;
+  Entries entriesOfB(int family);
   /// When |look| finds nothing any more; nothing if it goes on to find.
   [[nodiscard]] std::optional<Clock::time_point> untilNone(
       const std::function<Entries()>& look) const;

@@ -1,5 +1,6 @@
 // zandemo: two acts that show the system at work. See demo::Demo and IdleDemo.
 
+#include <fstream>
 #include <string>
 
 #include "base/CommandLine.h"
@@ -7,10 +8,12 @@
 #include "demo/DemoReport.h"
 #include "demo/IdleDemo.h"
 #include "demo/Program.h"
+#include "lab/Error.h"
 #include "lab/HostProcess.h"
 
 int main(int argc, char** argv) {
   lab::HostProcess::Options host;
+  std::string plotData;
   int timers = 1;
   const auto status =
       base::CommandLine(
@@ -29,12 +32,23 @@ int main(int argc, char** argv) {
           .text("--plugin", host.plugin, "the same for the plug-in")
           .number("--timers", timers, 1, demo::IdleDemo::kTimers,
                   "how many idle timers run out; all take three minutes more")
+          .text("--plot-data", plotData,
+                "write what was observed to this file, for demo/plot.gnuplot")
           .parse(argc, argv);
   if (status) return *status;
   return demo::runProgram("zandemo", [&](const demo::Waiting& waiting) {
-    demo::DemoReport report;
-    demo::Demo(host, report, waiting).run();
-    demo::IdleDemo(host, report, waiting, timers).run();
+    using Pace = demo::DemoReport::Pace;
+    // A plot shows as much as somebody who reads along.
+    demo::DemoReport report(plotData.empty() ? demo::DemoReport::usualPace() : Pace::kForReaders);
+    demo::Demo hotspot(host, report, waiting);
+    hotspot.run();
+    demo::IdleDemo link(host, report, waiting, timers);
+    link.run();
+    if (!plotData.empty()) {
+      std::ofstream file(plotData);
+      file << hotspot.plotData() << link.plotData() << std::flush;
+      if (!file) throw lab::Error("cannot write " + plotData);
+    }
     report.end();
   });
 }

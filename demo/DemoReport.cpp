@@ -66,9 +66,13 @@ std::string broken(const std::string& text, std::size_t indent) {
 
 }  // namespace
 
+DemoReport::Pace DemoReport::usualPace() {
+  return onTerminal() ? Pace::kForReaders : Pace::kAtOnce;
+}
+
 std::chrono::milliseconds DemoReport::moment() const {
   constexpr std::chrono::milliseconds kMoment{1500};
-  return onTerminal() ? kMoment : kMoment.zero();
+  return pace_ == Pace::kForReaders ? kMoment : kMoment.zero();
 }
 
 void DemoReport::say(const std::string& paragraph) const {

@@ -25,7 +25,14 @@ class DemoReport {
  public:
   static constexpr std::size_t kWidth = 78;
 
-  /// The time in which somebody at a terminal reads what an act has shown; none elsewhere.
+  /// Whether there are moments in which nothing happens.
+  enum class Pace { kForReaders, kAtOnce };
+  /// That of a play whose output goes where it goes: readers sit at terminals.
+  [[nodiscard]] static Pace usualPace();
+
+  explicit DemoReport(Pace pace = usualPace()) : pace_(pace) {}
+
+  /// The time in which somebody reads what an act has shown.
   [[nodiscard]] std::chrono::milliseconds moment() const;
   /// So many moments take an introduction.
   static constexpr int kIntroduction = 4;
@@ -49,6 +56,7 @@ class DemoReport {
   void table(const lab::HotspotNetwork& network, const lab::ConntrackEntries& entries) const;
 
  private:
+  Pace pace_;
   unsigned act_ = 0;
   std::size_t checks_ = 0;
 };

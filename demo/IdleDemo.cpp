@@ -105,6 +105,7 @@ void IdleDemo::raise() {
                 std::string(before.connected ? "connected" : "not connected") +
                     ", filters: " + filterText(before) + ", " + timerText(before));
   const Clock::time_point begin = Clock::now();
+  recording_.observe(begin, "link up", Recording::Mark::kEvent);
   link_.connect();
   const bool connected = await([](const LinkMoment& now) { return now.connected; });
   report_.check(connected, "the host's status: " + link_.name() + " is connected", "connected",
@@ -121,6 +122,7 @@ void IdleDemo::raise() {
 
 void IdleDemo::fallAsleep() {
   act("The modem reports the link dormant; tethering is off");
+  recording_.observe(Clock::now(), "modem dormant", Recording::Mark::kEvent);
   host_->command("dormancy " + link_.name() + " dormant");
   const bool timed = await([](const LinkMoment& now) { return now.timer.has_value(); });
   const LinkMoment& now = last();
@@ -146,6 +148,7 @@ void IdleDemo::speak() {
   report_.check(down, "the timer has run down a bit before",
                 "at most " + std::to_string(kRunDown) + " s left", timerText(last()));
   const Clock::time_point sent = Clock::now();
+  recording_.observe(sent, "one datagram", Recording::Mark::kEvent);
   link_.sendOut(AF_INET);
   int before = kRunDown;
   const bool restarted = await([&before](const LinkMoment& now) {
@@ -180,6 +183,7 @@ void IdleDemo::quieten() {
 
 void IdleDemo::tether() {
   act("Tethering is switched on");
+  recording_.observe(Clock::now(), "tethering on", Recording::Mark::kEvent);
   host_->command("tethering on");
   const LinkMoment now = look();
   report_.check(now.tethering && filterText(now) == "none", "the modem has no filters any more",
@@ -191,11 +195,11 @@ void IdleDemo::tether() {
 
 void IdleDemo::summarise() {
   act("What was observed");
-  std::vector<Clock::time_point> idleReports;
   for (const lab::HostProcess::LogLine& line : host_->log()) {
-    if (line.text.find("idleStatus = 1") != std::string::npos) idleReports.push_back(line.received);
+    if (line.text.find("idleStatus = 1") == std::string::npos) continue;
+    recording_.observe(line.received, "idle", Recording::Mark::kIdle);
   }
-  report_.show(recording_.chart(idleReports));
+  report_.show(recording_.chart());
   waiting_.until(Clock::now() + report_.moment());
 }
 

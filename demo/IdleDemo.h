@@ -29,6 +29,11 @@ class IdleDemo {
   IdleDemo(lab::HostProcess::Options host, DemoReport& report, const Waiting& waiting, int timers)
       : hostOptions_(std::move(host)), report_(report), waiting_(waiting), timers_(timers) {}
 
+  /// What was observed, for a plot. Valid when run() is over.
+  [[nodiscard]] std::string plotData() const {
+    return recording_.plotData("link", recording_.link().front().when);
+  }
+
   /// Plays the act, about 15 seconds with one timer. Throws as Demo::run() does.
   void run();
 

@@ -4,7 +4,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <iterator>
+#include <sstream>
+#include <utility>
 
 namespace demo {
 namespace {
@@ -96,8 +97,23 @@ std::string line(const char* name, std::string row) {
 
 }  // namespace
 
-void Recording::observe(Clock::time_point when, const std::string& what) {
-  observations_.push_back(Observation{when, what});
+void Recording::observe(Clock::time_point when, const std::string& what, Mark mark) {
+  observations_.push_back(Observation{when, what, mark});
+}
+
+void Recording::add(const TableMoment& moment) {
+  constexpr std::chrono::milliseconds kSoon{100};
+  const bool news = table_.empty() || moment.ofA != table_.back().ofA ||
+                    moment.ofB != table_.back().ofB || moment.when > table_.back().when + kSoon;
+  if (news) table_.push_back(moment);
+}
+
+Times Recording::timesOf(Mark mark) const {
+  Times times;
+  for (const Observation& observation : observations_) {
+    if (observation.mark == mark) times.push_back(observation.when);
+  }
+  return times;
 }
 
 std::string Recording::timeline(Clock::time_point zero) const {
@@ -116,7 +132,7 @@ std::string Recording::timeline(Clock::time_point zero) const {
   return text;
 }
 
-std::string Recording::chart(const Times& reported) const {
+std::string Recording::chart() const {
   const Columns columns(link_);
   return line("seconds", columns.seconds()) +
          line("link connected", columns.states(&LinkMoment::connected)) +
@@ -124,9 +140,35 @@ std::string Recording::chart(const Times& reported) const {
          line("modem dormant", columns.states(&LinkMoment::dormant)) +
          line("filters", columns.states(&LinkMoment::filters)) +
          line("timer, seconds", columns.timer()) +
-         line("idle reported", columns.marks('!', reported)) +
+         line("idle reported", columns.marks('!', timesOf(Mark::kIdle))) +
          line("listen filters", columns.states(&LinkMoment::listenFilters)) +
          line("tethering", columns.states(&LinkMoment::tethering));
+}
+
+std::string Recording::plotData(const std::string& name, Clock::time_point zero) const {
+  std::ostringstream data;
+  const auto block = [&](const char* what) { data << "\n\n# " << name << ' ' << what << '\n'; };
+  const auto seconds = [&](Clock::time_point when) {
+    return std::chrono::duration<double>(when - zero).count();
+  };
+  block("table");
+  for (const TableMoment& now : table_) {
+    data << seconds(now.when) << ' ' << now.ofA << ' ' << now.ofB << '\n';
+  }
+  block("state");
+  for (const LinkMoment& now : link_) {
+    data << seconds(now.when) << ' ' << now.connected << ' ' << now.dormant << ' ' << now.filters
+         << ' ' << now.listenFilters << ' ' << now.tethering << ' ' << now.frames << ' '
+         << (now.timer ? std::to_string(*now.timer) : "NaN") << '\n';
+  }
+  for (const auto& [mark, what] :
+       {std::pair(Mark::kEvent, "events"), {Mark::kFlush, "flushes"}, {Mark::kIdle, "reports"}}) {
+    block(what);
+    for (const Observation& seen : observations_) {
+      if (seen.mark == mark) data << seconds(seen.when) << " \"" << seen.what << "\"\n";
+    }
+  }
+  return data.str();
 }
 
 }  // namespace demo

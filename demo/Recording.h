@@ -10,6 +10,13 @@
 
 namespace demo {
 
+/// How many TCP and UDP entries clients A and B had in the kernel's table, seen once.
+struct TableMoment {
+  std::chrono::steady_clock::time_point when;
+  std::size_t ofA = 0;
+  std::size_t ofB = 0;
+};
+
 /// A mobile link as it was seen once.
 struct LinkMoment {
   std::chrono::steady_clock::time_point when;
@@ -29,9 +36,14 @@ class Recording {
  public:
   using Clock = std::chrono::steady_clock;
 
+  /// What a drawing makes of an observation.
+  enum class Mark { kNone, kEvent, kFlush, kIdle };
+
   /// Something that happened, in any order of time.
-  void observe(Clock::time_point when, const std::string& what);
-  /// The link's next moment.
+  void observe(Clock::time_point when, const std::string& what, Mark mark = Mark::kNone);
+  /// The next moment of the table, of the link. One of the table that shows nothing new, and comes
+  /// soon after the last, is left out.
+  void add(const TableMoment& moment);
   void add(const LinkMoment& moment) { link_.push_back(moment); }
 
   /// The moments of the link, in the order of time.
@@ -40,17 +52,23 @@ class Recording {
   /// A line for each observation, in the order of time, in milliseconds from |zero|.
   [[nodiscard]] std::string timeline(Clock::time_point zero) const;
 
-  /// A row for each property of the link, from left to right, with the times at which it was
-  /// |reported| idle. There is at least one moment.
-  [[nodiscard]] std::string chart(const std::vector<Clock::time_point>& reported) const;
+  /// A row for each property of the link, from left to right. There is at least one moment.
+  [[nodiscard]] std::string chart() const;
+
+  /// Everything, in seconds from |zero|, for demo/plot.gnuplot: blocks whose names begin with
+  /// |name|.
+  [[nodiscard]] std::string plotData(const std::string& name, Clock::time_point zero) const;
 
  private:
   struct Observation {
     Clock::time_point when;
     std::string what;
+    Mark mark;
   };
+  [[nodiscard]] std::vector<Clock::time_point> timesOf(Mark mark) const;
 
   std::vector<Observation> observations_;
+  std::vector<TableMoment> table_;
   std::vector<LinkMoment> link_;
 };
 
