@@ -14,8 +14,8 @@ colourEvent = "#999999"
 
 # Events that follow each other closely have their labels on two levels.
 level(top, step) = top - (int($0) % 2) * step
-# "24 deleted" of the log's line.
-deleted(line) = line[strstrt(line, "over: ") + 6 : strstrt(line, ",") - 1]
+# How many, of the log's line "... flush over: 24 deleted, ...".
+deleted(line) = line[strstrt(line, "over: ") + 6 : strstrt(line, " deleted") - 1]
 
 # Room for the last event's label.
 stats data index "hotspot table" using 1 name "HOTSPOT" nooutput
@@ -23,10 +23,10 @@ stats data index "link state" using 1 name "LINK" nooutput
 
 set multiplot
 
-set xrange [floor(HOTSPOT_min) : HOTSPOT_max + 1.9]
+set xrange [floor(HOTSPOT_min) : HOTSPOT_max + 0.25 * (HOTSPOT_max - HOTSPOT_min)]
 set tmargin at screen 0.92
 set bmargin at screen 0.56
-set label 1 "Hotspot: the kernel's connection-tracking table" at graph 0, graph 1.12 left font ",15"
+set label 1 "Hotspot: the kernel's conntrack table" at graph 0, graph 1.12 left font ",15"
 set ylabel "TCP and UDP entries"
 set xlabel "seconds since client A left" offset 0,0.4
 set yrange [-4:34]
@@ -34,7 +34,7 @@ set ytics 0,6,24
 plot data index "hotspot events" using 1:(-4):(0):(38) with vectors nohead dashtype 2 linecolor rgb colourEvent notitle, \
   data index "hotspot table" using 1:3 with steps linewidth 2.5 linecolor rgb colourB title "client B", \
   data index "hotspot table" using 1:2 with steps linewidth 2.5 linecolor rgb colourA title "client A", \
-  data index "hotspot flushes" using 1:(-2) with points pointtype 9 pointsize 1.1 linecolor rgb colourFlush title "flush over", \
+  data index "hotspot flushes" using 1:(-2) with points pointtype 9 pointsize 1.1 linecolor rgb colourFlush title "flush, deletions", \
   data index "hotspot flushes" using 1:(-2):(deleted(strcol(2))) with labels left offset 0.8,0 textcolor rgb colourFlush notitle, \
   data index "hotspot events" using 1:(level(32, 3)):2 with labels left offset 0.4,0 notitle
 
@@ -45,7 +45,7 @@ set label 1 "Mobile link: the kernel's idle timer" at graph 0, graph 1.24 left f
 set ylabel "seconds left"
 unset xlabel
 set xtics format ""
-set xrange [0 : LINK_max + 0.8]
+set xrange [0 : LINK_max * 1.05]
 set yrange [0:16]
 set ytics 0,5,10
 plot data index "link events" using 1:(0):(0):(16) with vectors nohead dashtype 2 linecolor rgb colourEvent notitle, \
