@@ -12,10 +12,11 @@ constexpr std::chrono::milliseconds kMoment{50};  // a worker takes much less fr
 
 void DeletionCounters::request() {
   ++requested;
-  if (!burst_.exchange(true)) setBurstTimer();
+  lookAgain();
 }
 
-void DeletionCounters::setBurstTimer() const {
+void DeletionCounters::lookAgain() {
+  if (burst_.exchange(true)) return;
   itimerspec setting{};
   setting.it_value.tv_nsec = std::chrono::nanoseconds(kMoment).count();
   timerfd_settime(burstTimer, 0, &setting, nullptr);

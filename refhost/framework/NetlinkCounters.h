@@ -17,11 +17,12 @@ struct DeletionCounters {
   std::atomic<std::uint64_t> refused{0};      ///< any other error, not sent and not answered too
 
   /// A timerfd(2), which the first request of a burst sets: it is time to see whether the burst is
-  /// over. Who has seen that calls rearm() before he reads the counters for the last time.
+  /// over. Who looks calls rearm() first, so that a request that comes meanwhile sets it anew, and
+  /// lookAgain() when the burst goes on.
   const int burstTimer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
   void request();
   void rearm() { burst_ = false; }
-  void setBurstTimer() const;
+  void lookAgain();
 
   [[nodiscard]] std::uint64_t answered() const { return deleted + alreadyGone + refused; }
 

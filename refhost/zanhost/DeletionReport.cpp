@@ -21,12 +21,12 @@ void DeletionReport::timerReady(int fd, void* cbData) {
   framework::DeletionCounters& counters = framework::deletionCounters();
   std::uint64_t expirations = 0;
   if (read(fd, &expirations, sizeof(expirations)) != sizeof(expirations)) return;
+  counters.rearm();
   const std::uint64_t last = std::exchange(self->seen_, counters.requested);
   if (self->seen_ != last || self->seen_ != counters.answered()) {
-    counters.setBurstTimer();
+    counters.lookAgain();
     return;
   }
-  counters.rearm();
   const auto before =
       std::exchange(self->told_, {counters.deleted, counters.alreadyGone, counters.refused});
   if (self->told_ == before) return;
