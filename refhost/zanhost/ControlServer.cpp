@@ -1,6 +1,7 @@
 // Connections, each with a console and a queue of its own.
 #include "refhost/zanhost/ControlServer.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,7 +22,7 @@ class ControlServer::Connection {
  public:
   Connection(framework::EventLoop& loop, base::UniqueFd socket, const Execute& execute)
       : reading_(std::move(socket)),
-        writing_(dup(reading_.get())),
+        writing_(fcntl(reading_.get(), F_DUPFD_CLOEXEC, 0)),
         answers_(loop, writing_.get(), std::chrono::milliseconds(0)),
         console_(
             loop, [&](const Command& command) { execute(command, answers_); },
@@ -31,14 +32,15 @@ class ControlServer::Connection {
     console_.readFrom(reading_.get());
   }
 
+  /// Whoever has gone: what he has sent is carried out.
   [[nodiscard]] bool over() const {
-    return answers_.letGo() || (console_.finished() && answers_.empty());
+    return console_.finished() && (answers_.letGo() || answers_.empty());
   }
 
  private:
   /// Called from what would be destroyed with the object: that waits for the next connection.
   void endIfOver() {
-    if (over()) shutdown(reading_.get(), SHUT_RDWR);
+    if (over() || answers_.letGo()) shutdown(reading_.get(), SHUT_RDWR);
   }
 
   base::UniqueFd reading_;

@@ -42,8 +42,11 @@ struct ControlServerTest : testing::Test {
   base::UniqueFd listening = parent::listenAt(path);
   framework::EventLoop loop;
   std::string answer = "done\n";
-  ControlServer server{loop, listening.get(),
-                       [this](const Command&, AnswerQueue& asker) { asker.add(answer); }};
+  int carriedOut = 0;
+  ControlServer server{loop, listening.get(), [this](const Command&, AnswerQueue& asker) {
+                         ++carriedOut;
+                         asker.add(answer);
+                       }};
 };
 
 TEST_F(ControlServerTest, EachAskerGetsItsOwnAnswers) {
@@ -54,6 +57,13 @@ TEST_F(ControlServerTest, EachAskerGetsItsOwnAnswers) {
   EXPECT_THAT(answersTo(wrong), testing::MatchesRegex("refused: 'bogus'[^\n]*\ndone\n"));
   EXPECT_THAT(answersTo(tooLong), testing::MatchesRegex("refused: a line of[^\n]*\ndone\n"));
   EXPECT_EQ(answersTo(waits), "done\ndone\n");
+}
+
+TEST_F(ControlServerTest, CarriesOutWhatSomebodySentWhoHasGone) {
+  ask("wait 0.01\nstatus\nwait 0.01\nclients\n").reset();
+  while (carriedOut < 2) loop.turn(-1);  // nobody takes this answer
+  ask("").reset();
+  while (carriedOut < 4) loop.turn(-1);
 }
 
 TEST_F(ControlServerTest, WhoReadsNothingHoldsNobodyUp) {
