@@ -2,10 +2,13 @@
 #include "refhost/framework/NeighbourListing.h"
 
 #include <libmnl/libmnl.h>
+#include <linux/if_ether.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -37,9 +40,21 @@ std::int64_t ageOf(const nlmsghdr& msg) {
   return static_cast<const nda_cacheinfo*>(mnl_attr_get_payload(attribute))->ndm_updated;
 }
 
+/// Text in lower case; empty without a link-layer address of that length.
+std::string macOf(const nlmsghdr& msg) {
+  const nlattr* attribute = findAttribute(msg, sizeof(ndmsg), NDA_LLADDR);
+  if (attribute == nullptr || mnl_attr_get_payload_len(attribute) != ETH_ALEN) return {};
+  const auto* mac = static_cast<const unsigned char*>(mnl_attr_get_payload(attribute));
+  std::array<char, sizeof("00:00:00:00:00:00")> text{};
+  std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
+                mac[3], mac[4], mac[5]);
+  return text.data();
+}
+
 }  // namespace
 
-bool NeighbourListing::ask(int fd) {
+bool NeighbourListing::ask(int fd, std::set<std::string> macs) {
+  macs_ = std::move(macs);
   underWay_ = requestList(fd, RTM_GETNEIGH, kSequence);
   return underWay_;
 }
@@ -54,11 +69,15 @@ void NeighbourListing::take(const nlmsghdr& msg) {
     underWay_ = false;
     return;
   }
-  if (listed && !isAnnounced(msg)) return;
+  if (listed && !(isAnnounced(msg) && isWanted(msg))) return;
   const auto* bytes = reinterpret_cast<const unsigned char*>(&msg);
   Message message(bytes, bytes + msg.nlmsg_len);
   message.resize(message.size() + kNetlinkReceiveSlack);
   kept_.push_back({listed ? ageOf(msg) : kChangeAge, std::move(message)});
+}
+
+bool NeighbourListing::isWanted(const nlmsghdr& msg) const {
+  return macs_.empty() || macs_.count(macOf(msg)) != 0;
 }
 
 std::vector<NeighbourListing::Message> NeighbourListing::result() {

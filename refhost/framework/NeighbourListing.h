@@ -4,6 +4,8 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace framework {
@@ -19,8 +21,9 @@ class NeighbourListing {
   /// One netlink message with kNetlinkReceiveSlack zero bytes behind it.
   using Message = std::vector<unsigned char>;
 
-  /// Sends the request on |fd|. False, with errno set, if that fails.
-  [[nodiscard]] bool ask(int fd);
+  /// Sends the request on |fd|, for the neighbours with one of |macs|, texts in lower case; for all
+  /// if that is empty. False, with errno set, if that fails.
+  [[nodiscard]] bool ask(int fd, std::set<std::string> macs);
 
   /// From a request to the end of its answer; take() gets every message meanwhile.
   [[nodiscard]] bool underWay() const { return underWay_; }
@@ -35,6 +38,9 @@ class NeighbourListing {
     Message message;
   };
 
+  [[nodiscard]] bool isWanted(const nlmsghdr& msg) const;
+
+  std::set<std::string> macs_;
   std::vector<Kept> kept_;
   bool underWay_ = false;
 };

@@ -4,6 +4,8 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
+#include <set>
+#include <string>
 
 #include "host/ZanNetlinkSocket.h"
 
@@ -22,9 +24,9 @@ namespace framework {
 [[nodiscard]] bool receiveList(ZanNetlinkSocket& socket, std::uint16_t type, NlMsgCallback callback,
                                void* cbData);
 
-/// Has every socket of the process that hears of neighbours ask for all of them once more. They are
-/// handed on as changes are. Event thread.
-void askForNeighboursAgain();
+/// Has every socket of the process that hears of neighbours ask for those with one of these MAC
+/// addresses, texts in lower case, once more. They are handed on as changes are. Event thread.
+void askForNeighbours(const std::set<std::string>& macs);
 
 /// The last attribute |type| of |msg|, behind a family header of |headerLength| bytes; or null.
 [[nodiscard]] const nlattr* findAttribute(const nlmsghdr& msg, unsigned int headerLength,

@@ -15,6 +15,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "refhost/framework/HostLog.h"
@@ -59,16 +62,18 @@ bool isOfBridge(const nlmsghdr& msg) {
          static_cast<const ndmsg*>(mnl_nlmsg_get_payload(&msg))->ndm_family == AF_BRIDGE;
 }
 
-/// What each socket that hears of neighbours does to hear of all again. Event thread.
-std::map<const void*, std::function<void()>>& askers() {
-  static std::map<const void*, std::function<void()>> everyone;
+using Macs = std::set<std::string>;
+
+/// What each socket that hears of neighbours does to hear of some again. Event thread.
+std::map<const void*, std::function<void(const Macs&)>>& askers() {
+  static std::map<const void*, std::function<void(const Macs&)>> everyone;
   return everyone;
 }
 
 }  // namespace
 
-void framework::askForNeighboursAgain() {
-  for (const auto& [socket, askAgain] : askers()) askAgain();
+void framework::askForNeighbours(const Macs& macs) {
+  for (const auto& [socket, ask] : askers()) ask(macs);
 }
 
 struct ZanNetlinkSocket::HostSide {
@@ -78,6 +83,7 @@ struct ZanNetlinkSocket::HostSide {
   std::vector<unsigned char> buffer{};
   framework::NeighbourListing listing{};
   bool neighboursMissing = false;  ///< some were there before the socket, or have been dropped
+  Macs wanted{};                   ///< whose neighbours are asked for again
   std::unique_ptr<mnl_socket, CloseSocket> socket{};
 
   /// The descriptor of a socket that has joined its groups; -1, with a log line, if that fails.
@@ -85,7 +91,7 @@ struct ZanNetlinkSocket::HostSide {
 
   [[nodiscard]] bool hearsOfNeighbours() const { return (groups & RTMGRP_NEIGH) != 0; }
 
-  /// Asks for all neighbours, if some are missing and what is older has been read.
+  /// Asks for the neighbours that are missing or wanted, if what is older has been read.
   void askForMissing(int fd);
 
   /// One datagram from the kernel into the buffer, zeroes behind it; recvmsg(2)'s result, and 0
@@ -115,9 +121,11 @@ int ZanNetlinkSocket::HostSide::open(int protocol) {
 
 void ZanNetlinkSocket::HostSide::askForMissing(int fd) {
   pollfd older{fd, POLLIN, 0};
-  if (!neighboursMissing || listing.underWay() || poll(&older, 1, 0) != 0) return;
-  neighboursMissing = false;
-  if (listing.ask(fd)) return;
+  if (!neighboursMissing && wanted.empty()) return;
+  if (listing.underWay() || poll(&older, 1, 0) != 0) return;
+  Macs macs = std::exchange(wanted, {});
+  if (std::exchange(neighboursMissing, false)) macs.clear();
+  if (listing.ask(fd, std::move(macs))) return;
   HOST_LOG(kLogWarning, "netlink: cannot ask for the present neighbours: %s", std::strerror(errno));
 }
 
@@ -169,13 +177,13 @@ ZanNetlinkSocket::ZanNetlinkSocket(int protocol, unsigned int argument)
   side->buffer.resize(receiveSizeOf(protocol) + kNetlinkReceiveSlack);
   socketFd = side->open(protocol);
   if (socketFd == -1) return;
+  side->neighboursMissing = side->hearsOfNeighbours();
+  side->askForMissing(socketFd);
   if (!side->hearsOfNeighbours()) return;
-  const auto askAgain = [this] {
-    side->neighboursMissing = true;
+  askers()[this] = [this](const Macs& macs) {
+    side->wanted.insert(macs.begin(), macs.end());
     side->askForMissing(socketFd);
   };
-  askAgain();
-  askers()[this] = askAgain;
 }
 
 ZanNetlinkSocket::~ZanNetlinkSocket() {

@@ -31,10 +31,10 @@ void HostSession::execute(const Command& command, AnswerQueue& answers) {
 }
 
 void HostSession::carryOut(const ClientsCommand& command) {
-  const HotspotClients::Names departed = clients_.replaceTyped(command.clients);
+  const std::size_t departed = clients_.replaceTyped(command.clients);
   answer(fmt::format("clients: {} now, {} departed", HostSides::sapClientsOf(zan_.zanDsm).size(),
-                     departed.size()));
-  clients_.dispatch(departed);
+                     departed));
+  clients_.dispatch();
 }
 
 void HostSession::carryOut(const UpstreamLostCommand& command) {

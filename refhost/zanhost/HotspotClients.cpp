@@ -14,62 +14,71 @@ bool contains(const HotspotClients::Names& list, const std::string& client) {
   return std::find(list.begin(), list.end(), client) != list.end();
 }
 
+/// Those of |list| that are not in |others|.
+std::set<std::string> without(const HotspotClients::Names& list,
+                              const HotspotClients::Names& others) {
+  std::set<std::string> rest(list.begin(), list.end());
+  for (const std::string& other : others) rest.erase(other);
+  return rest;
+}
+
 }  // namespace
 
-HotspotClients::HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp,
-                               std::function<void()> askAgain)
+HotspotClients::HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp, Ask ask)
     : zan_(zan),
       cleanUp_(cleanUp),
-      askAgain_(std::move(askAgain)),
+      ask_(std::move(ask)),
       timer_(HostSides::loopOf(zan.zanCom), [this] { cleanUpPast(); }) {}
 
-HotspotClients::Names HotspotClients::replaceTyped(const Names& typed) {
+std::size_t HotspotClients::replaceTyped(const Names& typed) {
   typed_ = typed;
-  return update();
+  update();
+  return without(announced_, HostSides::sapClientsOf(zan_.zanDsm)).size();
 }
 
 void HotspotClients::replaceStations(const std::set<std::string>& stations) {
   stations_ = stations;
+  update();
   const Names& now = HostSides::sapClientsOf(zan_.zanDsm);
-  const Names before = now;
-  const Names departed = update();
-  if (now == before) return;
-  HOST_LOG(kLogNotice, "clients: %zu now, %zu departed", now.size(), departed.size());
-  dispatch(departed);
+  if (now == announced_) return;
+  HOST_LOG(kLogNotice, "clients: %zu now, %zu departed", now.size(),
+           without(announced_, now).size());
+  dispatch();
 }
 
-HotspotClients::Names HotspotClients::update() {
-  Names list = typed_;
+void HotspotClients::update() {
+  Names& list = HostSides::sapClientsOf(zan_.zanDsm);
+  list = typed_;
   for (const std::string& station : stations_) {
     if (!contains(typed_, station)) list.push_back(station);
   }
-  auto& known = HostSides::sapClientsOf(zan_.zanDsm);
-  std::swap(known, list);
-  std::erase_if(list, [&](const std::string& client) { return contains(known, client); });
-  return list;
 }
 
-void HotspotClients::dispatch(const Names& departed) {
+void HotspotClients::dispatch() {
   constexpr int kReadings = 4;  // two flushes, each of which may wait for somebody else's reading
+  const ZanDsmTextList now = HostSides::sapClientsOf(zan_.zanDsm);
+  const Names before = std::exchange(announced_, now);
   const auto begin = Clock::now();
-  const ZanDsmTextList payload = HostSides::sapClientsOf(zan_.zanDsm);
-  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &payload);
+  zan_.zanDsm.dispatchEvent(ZAN_DSM_EVENT_SAP_CLIENTS, &now);
   const auto end = Clock::now();
   // The departures have been read for before the event is over: it shows what a reading takes.
   const auto past = end + cleanUp_ + kReadings * (end - begin);
-  for (const std::string& client : departed) cleanUps_.emplace(past, client);
+  for (const std::string& client : without(before, now)) cleanUps_.emplace(past, client);
   if (!cleanUps_.empty()) timer_.set(cleanUps_.begin()->first - end);
+  ask_(without(now, before));
 }
 
 void HotspotClients::cleanUpPast() {
   const auto now = Clock::now();
-  bool someoneCameBack = false;
+  std::set<std::string> forgotten;
   for (; !cleanUps_.empty() && cleanUps_.begin()->first <= now;
        cleanUps_.erase(cleanUps_.begin())) {
-    const auto& known = HostSides::sapClientsOf(zan_.zanDsm);
-    someoneCameBack = someoneCameBack || contains(known, cleanUps_.begin()->second);
+    forgotten.insert(cleanUps_.begin()->second);
   }
-  if (someoneCameBack) askAgain_();
+  std::set<std::string> needed(announced_.begin(), announced_.end());
+  for (const auto& cleanUp : cleanUps_) needed.insert(cleanUp.second);
+  std::erase_if(forgotten, [&](const std::string& client) { return !needed.contains(client); });
+  ask_(forgotten);
   if (!cleanUps_.empty()) timer_.set(cleanUps_.begin()->first - now);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <set>
@@ -16,45 +17,47 @@ namespace zanhost {
 
 /// The union of what the command "clients" has named and of the access points' stations.
 ///
-/// A client that comes back while its clean-up runs is forgotten at the end of that, its addresses
-/// too. Once that is past the kernel is asked for its neighbours again, so that the next departure
-/// finds them.
+/// The plug-in forgets a client's addresses at the end of its clean-up, also when it has come back
+/// meanwhile, and the kernel need not announce them again. So it is asked for them when a client
+/// comes, and when a clean-up is past whose client is there, or has left once more since.
 ///
 /// Thread: event thread.
 class HotspotClients {
  public:
+  using Ask = std::function<void(const std::set<std::string>& macs)>;
+
   /// What a clean-up of the plug-in takes, beside its readings of the table, and some.
   static constexpr std::chrono::seconds kCleanUp{11};
 
   /// |zan| must outlive the object.
   explicit HotspotClients(Zan& zan, std::chrono::milliseconds cleanUp = kCleanUp,
-                          std::function<void()> askAgain = framework::askForNeighboursAgain);
+                          Ask ask = framework::askForNeighbours);
 
   using Names = std::vector<std::string>;
 
-  /// Takes other names for those that were typed before. Returns who departs with that; the caller
-  /// dispatches it.
-  [[nodiscard]] Names replaceTyped(const Names& typed);
+  /// Takes other names for those that were typed before. Returns how many clients depart with that;
+  /// the caller dispatches it.
+  [[nodiscard]] std::size_t replaceTyped(const Names& typed);
 
   /// Takes other stations for those of before, and dispatches the list if that changes it.
   void replaceStations(const std::set<std::string>& stations);
 
-  /// Dispatches event 27, with which |departed| leave.
-  void dispatch(const Names& departed);
+  /// Dispatches event 27.
+  void dispatch();
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  /// Makes the list anew, and returns who is not in it any more.
-  Names update();
+  void update();
   void cleanUpPast();
 
   Zan& zan_;
   std::chrono::milliseconds cleanUp_;
-  std::function<void()> askAgain_;
+  Ask ask_;
   Timer timer_;  ///< of the first clean-up to be past
   Names typed_;
   std::set<std::string> stations_;
+  Names announced_;                                         ///< with the last event
   std::multimap<Clock::time_point, std::string> cleanUps_;  ///< clients, by when theirs is past
 };
 

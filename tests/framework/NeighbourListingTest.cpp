@@ -1,4 +1,4 @@
-// In which order the kernel's neighbours are handed on.
+// Which of the kernel's neighbours are handed on, and in which order.
 #include <gmock/gmock.h>
 #include <libmnl/libmnl.h>
 #include <linux/neighbour.h>
@@ -27,6 +27,8 @@ struct NeighbourListingTest : testing::Test {
     auto* const body = static_cast<ndmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ndmsg)));
     body->ndm_ifindex = neighbour;
     body->ndm_state = NUD_STALE;
+    const std::array<unsigned char, 6> mac{2, 0, 0, 0, 0, static_cast<unsigned char>(neighbour)};
+    mnl_attr_put(message, NDA_LLADDR, mac.size(), mac.data());
     nda_cacheinfo times{};
     times.ndm_updated = ticksAgo;
     mnl_attr_put(message, NDA_CACHEINFO, sizeof(times), &times);
@@ -51,6 +53,14 @@ TEST_F(NeighbourListingTest, TheLatestAnnouncedComesLastAndChangesBehindTheList)
   hear(kListed, 2, 3000000000);
   hear(kListed, 3, 0);
   EXPECT_THAT(handedOn(), ElementsAre(2, 1, 3, 4));
+}
+
+TEST_F(NeighbourListingTest, OfOthersOnlyTheChangesAreHandedOn) {
+  constexpr int kNoKernel = -1;
+  EXPECT_FALSE(listing.ask(kNoKernel, {"02:00:00:00:00:02"}));
+  for (const int neighbour : {1, 2, 3}) hear(kListed, neighbour, 0);
+  hear(kAnnounced, 4, 0);
+  EXPECT_THAT(handedOn(), ElementsAre(2, 4));
 }
 
 }  // namespace

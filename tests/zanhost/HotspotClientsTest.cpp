@@ -3,6 +3,7 @@
 
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "refhost/framework/HostSides.h"
@@ -26,7 +27,8 @@ struct HotspotClientsTest : testing::Test {
   }
 
   void type(const std::vector<std::string>& names) {
-    clients.dispatch(clients.replaceTyped(names));
+    departed = clients.replaceTyped(names);
+    clients.dispatch();
   }
   void turn(std::chrono::milliseconds limit) {
     HostSides::loopOf(zan.zanCom).turn(static_cast<int>(limit.count()));
@@ -35,8 +37,9 @@ struct HotspotClientsTest : testing::Test {
   static constexpr auto kCleanUp = 100ms;
 
   Zan zan;
-  int questions = 0;
-  HotspotClients clients{zan, kCleanUp, [this] { ++questions; }};
+  std::size_t departed = 0;     ///< with the last list that was typed
+  std::set<std::string> asked;  ///< whose neighbours the kernel was asked for last
+  HotspotClients clients{zan, kCleanUp, [this](const auto& macs) { asked = macs; }};
   std::vector<ZanDsmTextList> events;
 };
 
@@ -45,6 +48,7 @@ TEST_F(HotspotClientsTest, AreWhoWasTypedAndTheStations) {
   clients.replaceStations({"both", "station"});
   EXPECT_THAT(events.back(), UnorderedElementsAre("typed", "both", "station"));
   type({});
+  EXPECT_EQ(departed, 1U);
   EXPECT_THAT(events.back(), UnorderedElementsAre("both", "station"));
 }
 
@@ -55,25 +59,35 @@ TEST_F(HotspotClientsTest, StationsAreNoEventWhileTheListStays) {
   EXPECT_THAT(events, ElementsAre(ElementsAre("a", "b")));
 }
 
-TEST_F(HotspotClientsTest, OneThatComesBackIsAskedForOnceItsCleanUpIsPast) {
+TEST_F(HotspotClientsTest, WhoComesIsAskedFor) {
   clients.replaceStations({"a", "b"});
+  EXPECT_THAT(asked, ElementsAre("a", "b"));
+  clients.replaceStations({"a"});
+  clients.replaceStations({"a", "b"});
+  EXPECT_THAT(asked, ElementsAre("b"));
+}
+
+TEST_F(HotspotClientsTest, WhoCameBackIsAskedForOnceTheCleanUpIsPast) {
+  clients.replaceStations({"back", "gone", "stays"});
   const auto departure = Clock::now();
-  clients.replaceStations({"b"});
-  clients.replaceStations({"a", "b"});
+  clients.replaceStations({"stays"});
+  clients.replaceStations({"back", "stays"});
+  asked.clear();
   turn(60s);
-  EXPECT_EQ(questions, 1);
+  EXPECT_THAT(asked, ElementsAre("back"));
   EXPECT_GE(Clock::now() - departure, kCleanUp);
 }
 
-TEST_F(HotspotClientsTest, OneThatComesBackLaterOrNeverIsNotAskedFor) {
-  constexpr auto kSoonOver = 1ms;
-  HotspotClients forgetful(zan, kSoonOver, [this] { ++questions; });
-  forgetful.replaceStations({"a", "b"});
-  forgetful.replaceStations({});
-  turn(10 * kSoonOver);
-  forgetful.replaceStations({"a"});
-  turn(10 * kSoonOver);
-  EXPECT_EQ(questions, 0);
+TEST_F(HotspotClientsTest, WhoLeavesAgainIsAskedForBetweenBothCleanUps) {
+  clients.replaceStations({"a"});
+  clients.replaceStations({});
+  std::this_thread::sleep_for(kCleanUp / 2);
+  clients.replaceStations({"a"});
+  clients.replaceStations({});
+  turn(60s);
+  EXPECT_THAT(asked, ElementsAre("a"));
+  turn(60s);
+  EXPECT_THAT(asked, ElementsAre()) << "it is gone for good";
 }
 
 }  // namespace
