@@ -278,8 +278,8 @@ void RecordingHost::noteExchanges() {
   for (int pieces = 0; (length = recv(parentFd, piece.data(), piece.size(), 0)) > 0;) {
     std::int32_t number = 0;
     std::memcpy(&number, piece.data(), sizeof(number));
-    exchange +=
-        ' ' + (length == sizeof(number) ? std::to_string(number) : std::string(piece.data()));
+    const std::string text(piece.data(), static_cast<std::size_t>(length) - 1);  // and its NUL
+    exchange += ' ' + (length == sizeof(number) ? std::to_string(number) : text);
     if (++pieces % kPieces == 0) lines.push_back("parent" + std::exchange(exchange, {}));
   }
   if (!exchange.empty()) lines.push_back("parent" + exchange);
