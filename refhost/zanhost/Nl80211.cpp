@@ -70,6 +70,17 @@ void takeFamily(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
   mnl_attr_parse_nested(groups, takeGroup, family);
 }
 
+void takeType(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
+  const nlattr* const type = attributeOf(*msg, NL80211_ATTR_IFTYPE);
+  if (type != nullptr) *static_cast<std::uint32_t*>(cbData) = mnl_attr_get_u32(type);
+}
+
+/// Of another type the station may be the access point that this machine has joined.
+bool isAccessPoint(std::uint32_t type) {
+  return type == NL80211_IFTYPE_AP || type == NL80211_IFTYPE_AP_VLAN ||
+         type == NL80211_IFTYPE_P2P_GO;
+}
+
 void takeStation(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
   if (auto station = stationOf(*msg)) static_cast<Stations*>(cbData)->insert(std::move(*station));
 }
@@ -117,6 +128,11 @@ std::optional<AccessPoint> Nl80211::look(const std::string& name) {
   if (!open()) return AccessPoint{{}, "the kernel has no nl80211 (module cfg80211)"};
   const unsigned int index = if_nametoindex(name.c_str());
   if (index == 0) return AccessPoint{{}, "there is no such interface"};
+  Question typeQuestion(family_, NL80211_CMD_GET_INTERFACE, NLM_F_ACK);
+  mnl_attr_put_u32(typeQuestion.header, NL80211_ATTR_IFINDEX, index);
+  std::uint32_t type = NL80211_IFTYPE_UNSPECIFIED;
+  if (!ask(questions_, typeQuestion, takeType, &type) && errno != ENODEV) return std::nullopt;
+  if (!isAccessPoint(type)) return AccessPoint{{}, "it is no access point"};
   Question question(family_, NL80211_CMD_GET_STATION, NLM_F_DUMP);
   mnl_attr_put_u32(question.header, NL80211_ATTR_IFINDEX, index);
   // A list comes in parts. A station that leaves meanwhile moves the others up, and one of them is
@@ -126,8 +142,8 @@ std::optional<AccessPoint> Nl80211::look(const std::string& name) {
   for (int i = 0; i < kTries; ++i) {
     Stations now;
     if (!ask(questions_, question, takeStation, &now)) {
-      if (errno != ENODEV && errno != EOPNOTSUPP) return std::nullopt;
-      return AccessPoint{{}, "the kernel tells no stations of it"};
+      if (errno != EOPNOTSUPP) return std::nullopt;
+      return AccessPoint{{}, "its driver lists no stations"};
     }
     if (now == before) return AccessPoint{std::move(now), {}};
     before = std::move(now);
