@@ -72,7 +72,6 @@ void IdleDemo::run() {
   speak();
   if (timers_ > 1) quieten();
   tether();
-  summarise();
   stopHost();
 }
 
@@ -193,18 +192,12 @@ void IdleDemo::tether() {
   watch(seconds(1));
 }
 
-void IdleDemo::summarise() {
-  act("What was observed");
+void IdleDemo::stopHost() {
+  report_.endHost(*host_);
   for (const lab::HostProcess::LogLine& line : host_->log()) {
     if (line.text.find("idleStatus = 1") == std::string::npos) continue;
     recording_.observe(line.received, "idle", Recording::Mark::kIdle);
   }
-  report_.show(recording_.chart());
-  waiting_.until(Clock::now() + report_.moment());
-}
-
-void IdleDemo::stopHost() {
-  report_.endHost(*host_);
   const auto timer = link_.remainingSeconds();
   report_.check(!timer, "nothing of it is left in /sys/class/xt_idletimer/timers", "no timer",
                 timer ? "CT_" + link_.name() : "no timer");

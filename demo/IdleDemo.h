@@ -50,7 +50,6 @@ class IdleDemo {
   void speak();
   void quieten();
   void tether();
-  void summarise();
   void stopHost();
 
   /// Looks at the link until |condition| holds for what it sees, at most for |limit|; says now and

@@ -1,4 +1,4 @@
-// What a play has observed, and how it looks on a page.
+// What a play has observed, for people and for a plot.
 #pragma once
 
 #include <chrono>
@@ -31,12 +31,12 @@ struct LinkMoment {
   std::uint64_t frames = 0;
 };
 
-/// What a play has observed; it draws that in text, no wider than DemoReport::kWidth.
+/// What a play has observed.
 class Recording {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// What a drawing makes of an observation.
+  /// What a plot makes of an observation.
   enum class Mark { kNone, kEvent, kFlush, kIdle };
 
   /// Something that happened, in any order of time.
@@ -52,9 +52,6 @@ class Recording {
   /// A line for each observation, in the order of time, in milliseconds from |zero|.
   [[nodiscard]] std::string timeline(Clock::time_point zero) const;
 
-  /// A row for each property of the link, from left to right. There is at least one moment.
-  [[nodiscard]] std::string chart() const;
-
   /// Everything, in seconds from |zero|, for demo/plot.gnuplot: blocks whose names begin with
   /// |name|.
   [[nodiscard]] std::string plotData(const std::string& name, Clock::time_point zero) const;
@@ -65,7 +62,6 @@ class Recording {
     std::string what;
     Mark mark;
   };
-  [[nodiscard]] std::vector<Clock::time_point> timesOf(Mark mark) const;
 
   std::vector<Observation> observations_;
   std::vector<TableMoment> table_;
