@@ -1,9 +1,6 @@
-// What a play has observed, for people and for a plot.
+// What a play has observed, for a plot.
 #include "demo/Recording.h"
 
-#include <algorithm>
-#include <array>
-#include <cstdio>
 #include <sstream>
 #include <utility>
 
@@ -18,22 +15,6 @@ void Recording::add(const TableMoment& moment) {
   const bool news = table_.empty() || moment.ofA != table_.back().ofA ||
                     moment.ofB != table_.back().ofB || moment.when > table_.back().when + kSoon;
   if (news) table_.push_back(moment);
-}
-
-std::string Recording::timeline(Clock::time_point zero) const {
-  std::vector<Observation> sorted = observations_;
-  std::stable_sort(sorted.begin(), sorted.end(),
-                   [](const Observation& a, const Observation& b) { return a.when < b.when; });
-  std::string text;
-  for (const Observation& observation : sorted) {
-    std::array<char, 32> time{};
-    std::snprintf(time.data(), time.size(), "   t %+6lld ms  ",
-                  static_cast<long long>(
-                      std::chrono::duration_cast<std::chrono::milliseconds>(observation.when - zero)
-                          .count()));
-    text.append(time.data()).append(observation.what).append("\n");
-  }
-  return text;
 }
 
 std::string Recording::plotData(const std::string& name, Clock::time_point zero) const {

@@ -1,4 +1,4 @@
-// What a play has observed, for people and for a plot.
+// What a play has observed, for a plot.
 #pragma once
 
 #include <chrono>
@@ -37,10 +37,10 @@ class Recording {
   using Clock = std::chrono::steady_clock;
 
   /// What a plot makes of an observation.
-  enum class Mark { kNone, kEvent, kFlush, kIdle };
+  enum class Mark { kEvent, kFlush, kIdle };
 
   /// Something that happened, in any order of time.
-  void observe(Clock::time_point when, const std::string& what, Mark mark = Mark::kNone);
+  void observe(Clock::time_point when, const std::string& what, Mark mark);
   /// The next moment of the table, of the link. One of the table that shows nothing new, and comes
   /// soon after the last, is left out.
   void add(const TableMoment& moment);
@@ -48,9 +48,6 @@ class Recording {
 
   /// The moments of the link, in the order of time.
   [[nodiscard]] const std::vector<LinkMoment>& link() const { return link_; }
-
-  /// A line for each observation, in the order of time, in milliseconds from |zero|.
-  [[nodiscard]] std::string timeline(Clock::time_point zero) const;
 
   /// Everything, in seconds from |zero|, for demo/plot.gnuplot: blocks whose names begin with
   /// |name|.
