@@ -44,7 +44,6 @@ struct Arguments {
   bool quick = false;
   std::string only;
   std::string json;
-  std::string plotData;
   int readLines = 0;
   std::string line;
 };
@@ -61,7 +60,6 @@ std::optional<int> readArguments(int argc, char** argv, Arguments& arguments) {
       .flag("--quick", arguments.quick, "smaller tables and fewer rounds: about two minutes")
       .choice("--only", arguments.only, subjects, "one subject instead of all")
       .text("--json", arguments.json, "a file for all figures")
-      .text("--plot-data", arguments.plotData, "a file for bench/plot.gnuplot")
       // What is run under callgrind.
       .number("--read-lines", arguments.readLines, 0, kMostLines, "")
       .hidden()
@@ -84,7 +82,6 @@ int measure(const Arguments& arguments) {
   // A time that misses its target may be this machine's; instructions are the code's.
   const bool tooMany = report.conclude() > 0 && arguments.only == kInstructions;
   if (!arguments.json.empty()) report.writeJson(arguments.json);
-  if (!arguments.plotData.empty()) report.writePlotData(arguments.plotData);
   return report.complete() && !tooMany ? 0 : kExitFailed;
 }
 

@@ -1,4 +1,4 @@
-// The table on the terminal, the JSON file and the data of the plot.
+// The table on the terminal, and the JSON file.
 #include "bench/Report.h"
 
 #include <fmt/format.h>
@@ -6,7 +6,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -109,22 +108,6 @@ void Report::writeJson(const std::string& path) const {
              {"architecture", system.machine}}}};
   for (const Figure& figure : figures_) all["figures"].push_back(jsonOf(figure));
   writeFile(path, all.dump(2) + '\n');
-}
-
-void Report::writePlotData(const std::string& path) const {
-  std::map<std::string, std::string> lines;
-  for (const Figure& figure : figures_) {
-    if (figure.plotLine.empty()) continue;
-    const Spread& value = figure.value;
-    lines[figure.plotLine] +=
-        fmt::format("{} {} {} {} {}\n", figure.entries, value.median, value.low, value.high,
-                    figure.target ? figure.target->value : std::nan(""));
-  }
-  std::string data;
-  for (const auto& [name, points] : lines) {
-    data += fmt::format("{}\"{}\"\n{}", data.empty() ? "" : "\n\n", name, points);
-  }
-  writeFile(path, data);
 }
 
 std::string grouped(std::size_t number) {

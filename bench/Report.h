@@ -1,4 +1,4 @@
-// Every figure of a run: a row of the table, an object in the JSON file, a point of the plot.
+// Every figure of a run: a row of the table, an object in the JSON file.
 #pragma once
 
 #include <cstddef>
@@ -29,9 +29,7 @@ struct Figure {
   Spread value;         ///< the ratio, if there is an |against|
   std::string unit;     ///< of |value|; "x" for a ratio
   std::optional<Target> target = std::nullopt;
-  std::string detail = {};    ///< the absolute figures behind a ratio, for the reader
-  std::string plotLine = {};  ///< the line in the drawing that it is a point of; empty for none
-  std::size_t entries = 0;    ///< its place there, on the x axis
+  std::string detail = {};  ///< the absolute figures behind a ratio, for the reader
 };
 
 /// Thread: one.
@@ -54,10 +52,6 @@ class Report {
 
   /// Writes everything as JSON, with the machine it was measured on. Throws lab::Error.
   void writeJson(const std::string& path) const;
-
-  /// Writes the figures that are drawn, as bench/plot.gnuplot reads them: for each line a block
-  /// with its name and then entries, median, quartiles and target of each point. Throws lab::Error.
-  void writePlotData(const std::string& path) const;
 
  private:
   std::vector<Figure> figures_;

@@ -53,8 +53,7 @@ void measureScan(const Kind& kind, std::size_t entries, const Options& options, 
   report.add({fmt::format("scan of {}, {}", grouped(entries), kind.name), "read to the end",
               result.ratio, "x", isJudged(entries) ? std::optional(kind.target) : std::nullopt,
               fmt::format("{:.2f} us an entry, floor {:.2f}", result.subject.median * perEntry,
-                          result.peer.median * perEntry),
-              kind.name, entries});
+                          result.peer.median * perEntry)});
 }
 
 /// The largest table against kSmallTable, filled in turn: side by side each would lengthen the
