@@ -101,7 +101,7 @@ class Leavers {
 
   /// Seconds of a run of conntrack(8) that deletes the IPv4 entries of the first of them.
   double deleteByConntrack() {
-    lab::CommandResult run;
+    base::ProgramRun run;
     const std::string address = BenchTable::client(range_.first).ipv4;
     const double seconds = secondsOf([&] {
       run = lab::Process::run({"conntrack", "-D", "-s", address}, &table_.where());

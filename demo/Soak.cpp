@@ -60,12 +60,8 @@ Soak::Soak(const lab::HostProcess::Options& host, std::uint32_t seed, DemoReport
           {"exchanges", 8, [](Soak& soak) { return soak.guests_.talk(); }},
           {"stragglers", 8, [](Soak& soak) { return soak.guests_.straggle(); }},
           {"upstream address lost", 1, [](Soak& soak) { return soak.loseUpstream(); }},
-          {"other address lost", 1,
-           [](Soak& soak) { return soak.command("upstream-lost 192.0.2.1"); }},
           {"dormancy", 1, [](Soak& soak) { return soak.switchDormancy(); }},
           {"tethering", 1, [](Soak& soak) { return soak.switchTethering(); }},
-          {"filtering ended", 1,
-           [](Soak& soak) { return soak.command("filtering-ended " + soak.link_.name()); }},
           {"mobile link changes", 1, [](Soak& soak) { return soak.changeLink(); }},
       }} {}
 
@@ -115,13 +111,8 @@ void Soak::playOne() {
   if (kind->play(*this)) ++kind->played;
 }
 
-bool Soak::command(const std::string& text) {
-  host_.command(text);
-  return true;
-}
-
 bool Soak::loseUpstream() {
-  command(std::string("upstream-lost ") + lab::HotspotNetwork::kGatewayIpv4);
+  host_.command(std::string("upstream-lost ") + lab::HotspotNetwork::kGatewayIpv4);
   // The next answer comes when the scan is over. What it found is lost: the clients start anew.
   static_cast<void>(host_.status());
   guests_.reopen();
@@ -130,25 +121,22 @@ bool Soak::loseUpstream() {
 
 bool Soak::switchDormancy() {
   dormant_ = !dormant_;
-  return command("dormancy " + link_.name() + (dormant_ ? " dormant" : " active"));
+  host_.command("dormancy " + link_.name() + (dormant_ ? " dormant" : " active"));
+  return true;
 }
 
 bool Soak::switchTethering() {
   tethering_ = !tethering_;
-  return command(tethering_ ? "tethering on" : "tethering off");
+  host_.command(tethering_ ? "tethering on" : "tethering off");
+  return true;
 }
 
-/// The link comes up, loses its IPv4 address or not, goes down.
 bool Soak::changeLink() {
-  if (linkIs_ == Link::kDown) {
+  linkUp_ = !linkUp_;
+  if (linkUp_) {
     link_.connect();
-    linkIs_ = Link::kUp;
-  } else if (linkIs_ == Link::kUp && draw(2) == 0) {
-    link_.loseIpv4();
-    linkIs_ = Link::kWithoutIpv4;
   } else {
     link_.disconnect();
-    linkIs_ = Link::kDown;
   }
   return true;
 }
@@ -166,10 +154,10 @@ bool Soak::settle() {
 Soak::Footprint Soak::calmDown(const char* why) {
   report_.say("   " + std::string(why) + ": half of the clients leave, the link goes down");
   guests_.leaveHalf();
-  command("tethering off");
+  host_.command("tethering off");
   tethering_ = false;
   link_.disconnect();
-  linkIs_ = Link::kDown;
+  linkUp_ = false;
   const bool ended = settle() && waiting_.until([this] {
     return !host_.status().interface(link_.name()).connected;
   });
@@ -195,7 +183,9 @@ void Soak::check(const Footprint& before, const Footprint& after) {
                 "the host uses what it did after the warm-up",
                 before.text() + ", and up to " + to_string(kMemoryToleranceKiB) + " KiB more",
                 before.text() + "; now " + after.text());
-  checkEnd();
+  report_.endHost(host_);
+  const std::size_t rules = link_.rules() + (link_.remainingSeconds() ? 1 : 0);
+  report_.check(rules == 0, "firewall rules and idle timers that are left", "0", to_string(rules));
 }
 
 void Soak::checkCounters(const lab::HostState& status) {
@@ -206,12 +196,6 @@ void Soak::checkCounters(const lab::HostState& status) {
                 count.text());
   report_.check(status.neighbourOverruns == 0, "no neighbour notification was dropped",
                 "0 overruns", to_string(status.neighbourOverruns) + " overruns");
-}
-
-void Soak::checkEnd() {
-  report_.endHost(host_);
-  const std::size_t rules = link_.rules() + (link_.remainingSeconds() ? 1 : 0);
-  report_.check(rules == 0, "firewall rules and idle timers that are left", "0", to_string(rules));
 }
 
 }  // namespace demo

@@ -58,7 +58,6 @@ class Soak {
   void playUntil(Clock::time_point end);
   void playRound();
   void playOne();
-  bool command(const std::string& text);
   bool loseUpstream();
   bool changeLink();
   bool switchDormancy();
@@ -71,7 +70,6 @@ class Soak {
 
   void check(const Footprint& before, const Footprint& after);
   void checkCounters(const lab::HostState& status);
-  void checkEnd();
 
   DemoReport& report_;
   const Waiting& waiting_;
@@ -86,10 +84,10 @@ class Soak {
   const std::size_t idleThreads_ = Footprint(pid_).threads;
   SoakGuests guests_{network_, host_, random_, waiting_};
 
-  enum class Link { kDown, kUp, kWithoutIpv4 } linkIs_ = Link::kDown;
+  bool linkUp_ = false;
   bool dormant_ = false;
   bool tethering_ = false;
-  std::array<Kind, 10> kinds_;
+  std::array<Kind, 8> kinds_;
 };
 
 }  // namespace demo

@@ -117,7 +117,7 @@ std::size_t countSurvivors(const ConntrackEntries& before, const ConntrackEntrie
 }
 
 void insertConntrackEntries(const NetNamespace& where, const std::string& lines) {
-  const CommandResult result =
+  const base::ProgramRun result =
       Process::run({"conntrack", "--load-file", "-"}, &where, lines, kFillingLimit);
   // It goes on after a line that fails, and ends with success.
   if (result.status.success() && result.errors.empty()) return;

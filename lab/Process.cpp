@@ -85,18 +85,18 @@ Process::Process(const std::vector<std::string>& argv, const NetNamespace* where
   for (Stream* stream : {&input_, &output_, &errors_}) stream->theirs.reset();
 }
 
-CommandResult Process::run(const std::vector<std::string>& argv, const NetNamespace* where,
-                           const std::string& input, std::chrono::milliseconds limit) {
-  const base::ProgramRun run = base::run(programOf(argv, where), input, limit);
+base::ProgramRun Process::run(const std::vector<std::string>& argv, const NetNamespace* where,
+                              const std::string& input, std::chrono::milliseconds limit) {
+  base::ProgramRun run = base::run(programOf(argv, where), input, limit);
   if (run.error != 0) throw systemError("cannot execute " + argv[0], run.error);
-  if (!run.tookTooLong) return {run.status, run.output, run.errors};
+  if (!run.tookTooLong) return run;
   throw Error("'" + join(argv) + "' was not done within " + std::to_string(limit.count()) +
               " ms and was killed; it said: " + run.output + run.errors);
 }
 
 std::string Process::runChecked(const std::vector<std::string>& argv, const NetNamespace* where,
                                 const std::string& input) {
-  CommandResult result = run(argv, where, input);
+  base::ProgramRun result = run(argv, where, input);
   if (result.status.success()) return std::move(result.output);
   throw Error("'" + join(argv) + "' ended with " + result.status.text() + ": " + result.errors +
               result.output + (input.empty() ? "" : "\nits input was:\n" + input));

@@ -13,12 +13,6 @@ namespace lab {
 
 class NetNamespace;
 
-struct CommandResult {
-  base::ExitStatus status;
-  std::string output;
-  std::string errors;
-};
-
 /// A child process in a network namespace, its standard streams connected to this process. No other
 /// descriptor is inherited. See base::ChildProcess about the thread that starts it: the lab leaves
 /// nothing running.
@@ -33,9 +27,10 @@ class Process {
   /// Runs |argv| to its end with |input| on its standard input. Throws Error if it cannot be
   /// executed or is not done within |limit| (it is killed then); a bad exit status is the
   /// caller's to judge.
-  [[nodiscard]] static CommandResult run(const std::vector<std::string>& argv,
-                                         const NetNamespace* where, const std::string& input = {},
-                                         std::chrono::milliseconds limit = base::kPatience);
+  [[nodiscard]] static base::ProgramRun run(const std::vector<std::string>& argv,
+                                            const NetNamespace* where,
+                                            const std::string& input = {},
+                                            std::chrono::milliseconds limit = base::kPatience);
 
   /// Like run(), and throws Error with the command and what it said unless it succeeds.
   static std::string runChecked(const std::vector<std::string>& argv, const NetNamespace* where,

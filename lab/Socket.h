@@ -22,7 +22,6 @@ class SocketAddress {
 
   /// The address alone: 4 or 16 bytes in network order.
   [[nodiscard]] const void* ip() const;
-  [[nodiscard]] std::size_t ipSize() const { return family() == AF_INET ? 4 : 16; }
 
  private:
   sockaddr_storage storage_{};

@@ -26,7 +26,7 @@ class HostProgram : public LiveTest {
   }
 
   /// Runs the host on a gateway of its own.
-  lab::CommandResult run(const std::vector<std::string>& command, const std::string& input = {}) {
+  base::ProgramRun run(const std::vector<std::string>& command, const std::string& input = {}) {
     const lab::HotspotNetwork network({.clients = 0, .ipv6Only = {}});
     return lab::Process::run(command, &network.gateway(), input);
   }

@@ -9,7 +9,7 @@ using testing::HasSubstr;
 
 class Try : public LiveTest {
  protected:
-  static lab::CommandResult type(const std::string& lines) {
+  static base::ProgramRun type(const std::string& lines) {
     return lab::Process::run({lab::builtFile("demo/zantry")}, nullptr, lines);
   }
 };
