@@ -131,7 +131,10 @@ std::optional<AccessPoint> Nl80211::look(const std::string& name) {
   Question typeQuestion(family_, NL80211_CMD_GET_INTERFACE, NLM_F_ACK);
   mnl_attr_put_u32(typeQuestion.header, NL80211_ATTR_IFINDEX, index);
   std::uint32_t type = NL80211_IFTYPE_UNSPECIFIED;
-  if (!ask(questions_, typeQuestion, takeType, &type) && errno != ENODEV) return std::nullopt;
+  if (!ask(questions_, typeQuestion, takeType, &type) && errno != ENODEV) {
+    if (errno == ENOENT) family_ = 0;  // its module has gone; it comes back under another number
+    return std::nullopt;
+  }
   if (!isAccessPoint(type)) return AccessPoint{{}, "it is no access point"};
   Question question(family_, NL80211_CMD_GET_STATION, NLM_F_DUMP);
   mnl_attr_put_u32(question.header, NL80211_ATTR_IFINDEX, index);
