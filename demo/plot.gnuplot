@@ -20,6 +20,7 @@ deleted(line) = line[strstrt(line, "over: ") + 6 : strstrt(line, " deleted") - 1
 # Room for the last event's label.
 stats data index "hotspot table" using 1 name "HOTSPOT" nooutput
 stats data index "link state" using 1 name "LINK" nooutput
+stats data index "link state" using 8 name "TIMER" nooutput
 
 set multiplot
 
@@ -46,12 +47,13 @@ set ylabel "seconds left"
 unset xlabel
 set xtics format ""
 set xrange [0 : LINK_max * 1.05]
-set yrange [0:16]
-set ytics 0,5,10
-plot data index "link events" using 1:(0):(0):(16) with vectors nohead dashtype 2 linecolor rgb colourEvent notitle, \
+top = ceil(TIMER_max * 1.6)
+set yrange [0:top]
+set ytics 0, TIMER_max > 20 ? 20 : 5, TIMER_max
+plot data index "link events" using 1:(0):(0):(top) with vectors nohead dashtype 2 linecolor rgb colourEvent notitle, \
   data index "link state" using 1:8 with steps linewidth 2.5 linecolor rgb colourTimer title "idle timer", \
-  data index "link reports" using 1:(0.9) with points pointtype 9 pointsize 1.1 linecolor rgb colourFlush title "reported idle", \
-  data index "link events" using 1:(14.5):2 with labels left offset 0.4,0 notitle
+  data index "link reports" using 1:(top * 0.06) with points pointtype 9 pointsize 1.1 linecolor rgb colourFlush title "reported idle", \
+  data index "link events" using 1:(level(top * 0.9, top * 0.14)):2 with labels left offset 0.4,0 notitle
 
 set tmargin at screen 0.235
 set bmargin at screen 0.09
