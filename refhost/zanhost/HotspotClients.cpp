@@ -38,6 +38,11 @@ std::size_t HotspotClients::replaceTyped(const Names& typed) {
 
 void HotspotClients::replaceStations(const std::set<std::string>& stations) {
   stations_ = stations;
+  announceStations();
+}
+
+void HotspotClients::announceStations() {
+  if (cleanUps_.size() >= kMostCleanUps) return;
   update();
   const Names& now = HostSides::sapClientsOf(zan_.zanDsm);
   if (now == announced_) return;
@@ -80,6 +85,7 @@ void HotspotClients::cleanUpPast() {
   std::erase_if(forgotten, [&](const std::string& client) { return !needed.contains(client); });
   ask_(forgotten);
   if (!cleanUps_.empty()) timer_.set(cleanUps_.begin()->first - now);
+  announceStations();
 }
 
 }  // namespace zanhost

@@ -35,11 +35,14 @@ class HotspotClients {
 
   using Names = std::vector<std::string>;
 
+  static constexpr std::size_t kMostCleanUps = 200;
+
   /// Takes other names for those that were typed before. Returns how many clients depart with that;
   /// the caller dispatches it.
   [[nodiscard]] std::size_t replaceTyped(const Names& typed);
 
-  /// Takes other stations for those of before, and dispatches the list if that changes it.
+  /// Takes other stations for those of before, and dispatches the list if that changes it. While
+  /// kMostCleanUps are under way, that waits: each is a thread of the plug-in's.
   void replaceStations(const std::set<std::string>& stations);
 
   /// Dispatches event 27.
@@ -49,6 +52,7 @@ class HotspotClients {
   using Clock = std::chrono::steady_clock;
 
   void update();
+  void announceStations();
   void cleanUpPast();
 
   Zan& zan_;
