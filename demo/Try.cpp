@@ -94,9 +94,10 @@ void Try::carryOut(const std::string& line) {
   const auto verb = verbs_.find(line);
   if (verb != verbs_.end()) return verb->second();
 
-  unsigned wait = 0;
-  if (std::sscanf(line.c_str(), "wait %3u", &wait) == 1) {
-    return static_cast<void>(follow(Clock::now() + seconds(wait)));
+  double wait = 0;
+  if (std::sscanf(line.c_str(), "wait %6lf", &wait) == 1) {
+    const auto time = std::chrono::duration_cast<milliseconds>(std::chrono::duration<double>(wait));
+    return static_cast<void>(follow(Clock::now() + time));
   }
   if (line == "help" || line == "?") report_.show(kSuggestions);
   const std::size_t link = line.find(" link");

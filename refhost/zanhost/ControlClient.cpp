@@ -24,7 +24,7 @@ int askHost(const std::string& path, const std::vector<std::string>& words) {
   send(host.get(), line.data(), line.size(), MSG_NOSIGNAL);
   shutdown(host.get(), SHUT_WR);
   const std::string answer = base::readAll(host.get()).value_or("");
-  if (answer.empty()) {
+  if (!answer.ends_with('\n')) {
     std::fprintf(stderr, "zanhost: no host answers at %s: %s\n", path.c_str(), silence);
     return 1;
   }

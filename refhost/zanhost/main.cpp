@@ -90,7 +90,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       .text("--connect", options.connect, "give COMMAND to the host with this control socket")
       .texts("COMMAND", options.command, "the command's words, for --connect")
       .flag("--sweep", options.sweep,
-            "delete the idle-timer rules of hosts that were killed, and end")
+            "delete the idle-timer rules of all hosts here, such as killed ones, and end")
       .version(kNameAndVersion)
       .parse(argc, argv);
 }
