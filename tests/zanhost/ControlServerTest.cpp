@@ -51,10 +51,12 @@ struct ControlServerTest : testing::Test {
 
 TEST_F(ControlServerTest, EachAskerGetsItsOwnAnswers) {
   const base::UniqueFd waits = ask("wait 0.05\nclients\n");
-  const base::UniqueFd wrong = ask("bogus\nstatus\n");
+  const base::UniqueFd wrong = ask("bogus\nclients 02:00\nstatus\n");
   const base::UniqueFd tooLong =
       ask(std::string(CommandConsole::kLongestLine + 9999, 'x') + "\nhelp\n");
-  EXPECT_THAT(answersTo(wrong), testing::MatchesRegex("refused: 'bogus'[^\n]*\ndone\n"));
+  EXPECT_THAT(
+      answersTo(wrong),
+      testing::MatchesRegex("refused: 'bogus'[^\n]*\nrefused: clients: '02:00'[^\n]*\ndone\n"));
   EXPECT_THAT(answersTo(tooLong), testing::MatchesRegex("refused: a line of[^\n]*\ndone\n"));
   EXPECT_EQ(answersTo(waits), "done\ndone\n");
 }
