@@ -10,16 +10,10 @@ constexpr std::chrono::milliseconds kMoment{50};  // a worker takes much less fr
 
 }  // namespace
 
-void DeletionCounters::request() {
-  ++requested;
-  lookAgain();
-}
-
-void DeletionCounters::lookAgain() {
-  if (burst_.exchange(true)) return;
+void DeletionCounters::setQuietTimer() const {
   itimerspec setting{};
   setting.it_value.tv_nsec = std::chrono::nanoseconds(kMoment).count();
-  timerfd_settime(burstTimer, 0, &setting, nullptr);
+  timerfd_settime(quietTimer, 0, &setting, nullptr);
 }
 
 DeletionCounters& deletionCounters() {

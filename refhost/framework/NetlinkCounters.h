@@ -16,18 +16,12 @@ struct DeletionCounters {
   std::atomic<std::uint64_t> alreadyGone{0};  ///< ENOENT
   std::atomic<std::uint64_t> refused{0};      ///< any other error, not sent and not answered too
 
-  /// A timerfd(2), which the first request of a burst sets: it is time to see whether the burst is
-  /// over. Who looks calls rearm() first, so that a request that comes meanwhile sets it anew, and
-  /// lookAgain() when the burst goes on.
-  const int burstTimer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-  void request();
-  void rearm() { burst_ = false; }
-  void lookAgain();
+  /// A timerfd(2) that runs out when no request has been answered for a moment. Every answer sets
+  /// it.
+  const int quietTimer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  void setQuietTimer() const;
 
   [[nodiscard]] std::uint64_t answered() const { return deleted + alreadyGone + refused; }
-
- private:
-  std::atomic<bool> burst_{false};
 };
 
 /// The process's counters.

@@ -194,7 +194,7 @@ ZanNetlinkSocket::~ZanNetlinkSocket() {
 int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
   framework::DeletionCounters& counters = framework::deletionCounters();
   const std::lock_guard<std::mutex> lock(side->requestMutex);
-  counters.request();
+  ++counters.requested;
 
   const std::uint32_t sequence = msg->nlmsg_seq;
   const int answer =
@@ -208,6 +208,7 @@ int ZanNetlinkSocket::sendConntrackNetlinkMsg(nlmsghdr* msg) {
     HOST_LOG(kLogWarning, "conntrack request %u of socket user %u was refused: %s", sequence,
              side->argument, std::strerror(-answer));
   }
+  counters.setQuietTimer();
   return answer;
 }
 

@@ -1,4 +1,4 @@
-// When a burst of deletions is over, and what is said of it.
+// What is said of deletions when they are over.
 #include "refhost/zanhost/DeletionReport.h"
 
 #include <fmt/format.h>
@@ -13,7 +13,7 @@
 namespace zanhost {
 
 DeletionReport::DeletionReport(framework::EventLoop& loop) {
-  loop.watch(framework::deletionCounters().burstTimer, timerReady, this, nullptr, POLLIN);
+  loop.watch(framework::deletionCounters().quietTimer, timerReady, this, nullptr, POLLIN);
 }
 
 void DeletionReport::timerReady(int fd, void* cbData) {
@@ -21,12 +21,6 @@ void DeletionReport::timerReady(int fd, void* cbData) {
   framework::DeletionCounters& counters = framework::deletionCounters();
   std::uint64_t expirations = 0;
   if (read(fd, &expirations, sizeof(expirations)) != sizeof(expirations)) return;
-  counters.rearm();
-  const std::uint64_t last = std::exchange(self->seen_, counters.requested);
-  if (self->seen_ != last || self->seen_ != counters.answered()) {
-    counters.lookAgain();
-    return;
-  }
   const auto before =
       std::exchange(self->told_, {counters.deleted, counters.alreadyGone, counters.refused});
   if (self->told_ == before) return;
