@@ -10,10 +10,6 @@
 namespace zanhost {
 namespace {
 
-bool contains(const HotspotClients::Names& list, const std::string& client) {
-  return std::find(list.begin(), list.end(), client) != list.end();
-}
-
 /// Those of |list| that are not in |others|.
 std::set<std::string> without(const HotspotClients::Names& list,
                               const HotspotClients::Names& others) {
@@ -55,7 +51,7 @@ void HotspotClients::update() {
   Names& list = HostSides::sapClientsOf(zan_.zanDsm);
   list = typed_;
   for (const std::string& station : stations_) {
-    if (!contains(typed_, station)) list.push_back(station);
+    if (std::find(typed_.begin(), typed_.end(), station) == typed_.end()) list.push_back(station);
   }
 }
 

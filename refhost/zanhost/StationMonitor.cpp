@@ -43,19 +43,16 @@ void StationMonitor::lookAtAll() {
   bool again = false;
   std::set<std::string> all;
   for (auto& [name, followed] : followed_) {
-    if (const auto now = look_(name)) {
-      if (now->lack != followed.lack && !now->lack.empty()) {
-        HOST_LOG(kLogWarning, "waiting for %s: %s", name.c_str(), now->lack.c_str());
-      }
-      followed = {{}, now->lack};
-      for (const auto& [mac, authorised] : now->stations) {
-        if (authorised) followed.stations.insert(mac);
-        again = again || !authorised;
-      }
-    } else {
-      again = true;
+    const auto now = look_(name);
+    if (now && now->lack != followed.lack && !now->lack.empty()) {
+      HOST_LOG(kLogWarning, "waiting for %s: %s", name.c_str(), now->lack.c_str());
     }
-    all.insert(followed.stations.begin(), followed.stations.end());
+    followed = now.value_or(followed);
+    again = again || !now;
+    for (const auto& [mac, authorised] : followed.stations) {
+      if (authorised) all.insert(mac);
+      again = again || !authorised;
+    }
   }
   if (again) timer_.set(kMoment);
   report_(all);

@@ -37,17 +37,12 @@ class StationMonitor {
   void noteChange();
 
  private:
-  struct Followed {
-    std::set<std::string> stations;  ///< those that are authorised
-    std::string lack;
-  };
-
   void lookAtAll();
 
   Look look_;
   Report report_;
   Timer timer_;
-  std::map<std::string, Followed> followed_;
+  std::map<std::string, AccessPoint> followed_;  ///< as each was seen last
   /// When it is looked at last, while a change waits for others.
   std::optional<std::chrono::steady_clock::time_point> latest_;
 };
