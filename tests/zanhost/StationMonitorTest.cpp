@@ -18,8 +18,6 @@
 namespace zanhost {
 namespace {
 
-using testing::Optional;
-using testing::Pair;
 using testing::UnorderedElementsAre;
 
 /// The test stands in for the kernel.
@@ -97,7 +95,7 @@ TEST(Nl80211, AStationIsAuthorisedUnlessItsDriverSaysThatItIsNot) {
   constexpr std::uint32_t kAuthorised = 1U << NL80211_STA_FLAG_AUTHORIZED;
   constexpr std::uint32_t kOther = 1U << NL80211_STA_FLAG_WME;
   const auto expect = [](bool authorised) {
-    return Optional(Pair("02:00:00:00:43:0a", authorised));
+    return testing::Optional(testing::Pair("02:00:00:00:43:0a", authorised));
   };
   EXPECT_THAT(stationWith(nl80211_sta_flag_update{kAuthorised | kOther, kAuthorised}),
               expect(true));
