@@ -149,12 +149,17 @@ void AccessPoint::stop() {
 }
 
 void AccessPoint::join(std::size_t i) const {
-  const auto joins = [&] {
-    return Process::run({"iw", "dev", "eth0", "connect", "-w", kNetwork, kFrequency},
-                        &network_.clientNamespace(i))
-        .status.success();
+  const NetNamespace& client = network_.clientNamespace(i);
+  // iw(8) can wait itself, but for ever when it is told too early or not at all.
+  const auto joined = [&] {
+    const std::string link = Process::runChecked({"iw", "dev", "eth0", "link"}, &client);
+    if (link.starts_with("Connected to")) return true;
+    // Refused while the attempt before goes on.
+    static_cast<void>(
+        Process::run({"iw", "dev", "eth0", "connect", kNetwork, kFrequency}, &client));
+    return false;
   };
-  if (!base::eventually(joins)) throw Error("a client cannot join the access point");
+  if (!base::eventually(joined)) throw Error("a client cannot join the access point");
 }
 
 void AccessPoint::leave(std::size_t i) const {
