@@ -17,9 +17,8 @@ constexpr std::size_t kPerKind = 6;
 constexpr std::size_t kPerClient = 4 * kPerKind;
 constexpr std::uint16_t kStragglerPort = 40000;
 
-/// How the host's log tells of a flush that deleted something, and how many there are.
+/// How the host's log tells of a flush that deleted something.
 constexpr char kFlushOver[] = "flush over: ";
-constexpr std::size_t kFlushes = 3;
 
 constexpr milliseconds kTableStep{20};
 constexpr milliseconds kStragglerDelay{2000};
@@ -60,6 +59,7 @@ void Demo::run() {
   summarise();
   waiting_.until(Clock::now() + report_.moment());
   report_.endHost(*host_);
+  noteFlushes();
 }
 
 void Demo::introduce() const {
@@ -193,7 +193,6 @@ void Demo::loseUpstream() {
 
 void Demo::summarise() {
   act("The host tells what it has counted");
-  noteFlushes();
   const bool agreed = awaitAnswers();
   report_.say("   deletions: " + host_->status().deletions.text());
   report_.check(agreed, "the host counts as many deletions as entries vanished",
@@ -201,13 +200,8 @@ void Demo::summarise() {
 }
 
 void Demo::noteFlushes() {
-  const auto flushes = [this] {
-    auto lines = host_->log();
-    std::erase_if(lines, [](const auto& line) { return !line.text.starts_with(kFlushOver); });
-    return lines;
-  };
-  static_cast<void>(waiting_.until([&] { return flushes().size() >= kFlushes; }));
-  for (const auto& line : flushes()) {
+  for (const lab::HostProcess::LogLine& line : host_->log()) {
+    if (!line.text.starts_with(kFlushOver)) continue;
     recording_.observe(line.received, line.text, Recording::Mark::kFlush);
   }
 }
