@@ -2,13 +2,10 @@
 #include "refhost/framework/NeighbourListing.h"
 
 #include <libmnl/libmnl.h>
-#include <linux/if_ether.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -40,17 +37,6 @@ std::int64_t ageOf(const nlmsghdr& msg) {
   return static_cast<const nda_cacheinfo*>(mnl_attr_get_payload(attribute))->ndm_updated;
 }
 
-/// Text in lower case; empty without a link-layer address of that length.
-std::string macOf(const nlmsghdr& msg) {
-  const nlattr* attribute = findAttribute(msg, sizeof(ndmsg), NDA_LLADDR);
-  if (attribute == nullptr || mnl_attr_get_payload_len(attribute) != ETH_ALEN) return {};
-  const auto* mac = static_cast<const unsigned char*>(mnl_attr_get_payload(attribute));
-  std::array<char, sizeof("00:00:00:00:00:00")> text{};
-  std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
-                mac[3], mac[4], mac[5]);
-  return text.data();
-}
-
 }  // namespace
 
 bool NeighbourListing::ask(int fd, std::set<std::string> macs) {
@@ -77,7 +63,7 @@ void NeighbourListing::take(const nlmsghdr& msg) {
 }
 
 bool NeighbourListing::isWanted(const nlmsghdr& msg) const {
-  return macs_.empty() || macs_.count(macOf(msg)) != 0;
+  return macs_.empty() || macs_.count(macText(findAttribute(msg, sizeof(ndmsg), NDA_LLADDR))) != 0;
 }
 
 std::vector<NeighbourListing::Message> NeighbourListing::result() {

@@ -2,11 +2,13 @@
 #include "refhost/framework/Netlink.h"
 
 #include <libmnl/libmnl.h>
+#include <linux/if_ether.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <optional>
 
 namespace framework {
@@ -76,6 +78,15 @@ const nlattr* findNested(const nlattr& nest, std::uint16_t type) {
   AttributeSearch search{type, nullptr};
   mnl_attr_parse_nested(&nest, lookAt, &search);
   return search.found;
+}
+
+std::string macText(const nlattr* attribute) {
+  if (attribute == nullptr || mnl_attr_get_payload_len(attribute) != ETH_ALEN) return {};
+  const auto* mac = static_cast<const unsigned char*>(mnl_attr_get_payload(attribute));
+  std::array<char, sizeof("00:00:00:00:00:00")> text{};
+  std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
+                mac[3], mac[4], mac[5]);
+  return text.data();
 }
 
 }  // namespace framework

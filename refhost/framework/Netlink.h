@@ -35,4 +35,7 @@ void askForNeighbours(const std::set<std::string>& macs);
 /// The same inside of |nest|.
 [[nodiscard]] const nlattr* findNested(const nlattr& nest, std::uint16_t type);
 
+/// The MAC address that |attribute|, which may be null, holds: text in lower case, or empty.
+[[nodiscard]] std::string macText(const nlattr* attribute);
+
 }  // namespace framework

@@ -1,11 +1,8 @@
 // Questions to generic netlink, and its news.
 #include "refhost/zanhost/Nl80211.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <libmnl/libmnl.h>
 #include <linux/genetlink.h>
-#include <linux/if_ether.h>
 #include <linux/nl80211.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -16,7 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <span>
+#include <string>
 
 #include "refhost/framework/Netlink.h"
 
@@ -98,19 +95,16 @@ void takeNews(void* cbData, nlmsghdr* msg, unsigned int /*len*/) {
 }  // namespace
 
 std::optional<Stations::value_type> stationOf(const nlmsghdr& msg) {
-  const nlattr* const address = attributeOf(msg, NL80211_ATTR_MAC);
+  const std::string mac = framework::macText(attributeOf(msg, NL80211_ATTR_MAC));
   const nlattr* const info = attributeOf(msg, NL80211_ATTR_STA_INFO);
-  if (address == nullptr || mnl_attr_get_payload_len(address) < ETH_ALEN || info == nullptr) {
-    return std::nullopt;
-  }
-  const std::span mac(static_cast<const std::uint8_t*>(mnl_attr_get_payload(address)), ETH_ALEN);
+  if (mac.empty() || info == nullptr) return std::nullopt;
   nl80211_sta_flag_update flags{};
   const nlattr* const told = framework::findNested(*info, NL80211_STA_INFO_STA_FLAGS);
   if (told != nullptr && mnl_attr_get_payload_len(told) >= sizeof(flags)) {
     std::memcpy(&flags, mnl_attr_get_payload(told), sizeof(flags));
   }
   constexpr std::uint32_t kAuthorised = 1U << NL80211_STA_FLAG_AUTHORIZED;
-  return Stations::value_type(fmt::format("{:02x}", fmt::join(mac, ":")),
+  return Stations::value_type(mac,
                               (flags.mask & kAuthorised) == 0 || (flags.set & kAuthorised) != 0);
 }
 
